@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Installs what the build and the tests need; safe to run any number of times.
+set -euo pipefail
+
+packages=(cmake ninja-build g++ clang libclang-rt-14-dev libboost-dev libgtest-dev
+          libgmock-dev libbenchmark-dev util-linux valgrind)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "setup: missing packages (${missing[*]}); run as root to install them" >&2
+    exit 1
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update
+  apt-get install -y --no-install-recommends "${missing[@]}"
+fi

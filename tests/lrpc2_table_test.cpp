@@ -1,0 +1,69 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "lrpc2/status.h"
+#include "lrpc2/table.h"
+
+namespace {
+
+TEST(Lrpc2Status, TextsOfConnectionCodesOnly) {
+    EXPECT_STREQ(lrpc2_status_text(400), "Socket path does not exist");
+    EXPECT_STREQ(lrpc2_status_text(404), "Socket closed");
+    EXPECT_STREQ(lrpc2_status_text(408), "Timeout during operation");
+    EXPECT_STREQ(lrpc2_status_text(409), "Process authentication failed");
+    EXPECT_STREQ(lrpc2_status_text(416), "File operation error");
+    for (int32_t code : {399, 417, 0, 203, -1, INT32_MIN, INT32_MAX}) {
+        EXPECT_EQ(lrpc2_status_text(code), nullptr) << code;
+    }
+}
+
+TEST(Lrpc2Table, DefaultTableIsSortedAndComplete) {
+    const lrpc2_msg_table* t = lrpc2_default_table();
+    ASSERT_EQ(t->count, 23u);
+    for (uint32_t i = 1; i < t->count; ++i) {
+        EXPECT_LT(t->entries[i - 1].id, t->entries[i].id);
+    }
+    // Every stored entry is reachable by the binary search.
+    for (uint32_t i = 0; i < t->count; ++i) {
+        EXPECT_EQ(lrpc2_table_find(t, t->entries[i].id), &t->entries[i]);
+    }
+}
+
+TEST(Lrpc2Table, Lookups) {
+    const lrpc2_msg_table* t = lrpc2_default_table();
+    struct Case {
+        uint32_t id;
+        const char* name;
+        int secure;
+        int both;
+    };
+    const Case cases[] = {
+        {0, "DISCONNECT", 0, 0},     {1, "_ProcessAuthChallenge", 0, 0},
+        {2, "_ProcessAuthResponse", 0, 0}, {10, "KVPing", 0, 0},
+        {20, "KVStop", 1, 1},        {120, "KVReloadProps", 1, 1},
+        {3, nullptr, 0, 0},          {32, nullptr, 0, 0},
+        {121, nullptr, 0, 0},        {0xFFFFFFFFu, nullptr, 0, 0},
+    };
+    for (const Case& c : cases) {
+        const char* name = lrpc2_table_name(t, c.id);
+        if (c.name == nullptr) {
+            EXPECT_EQ(name, nullptr) << c.id;
+        } else {
+            EXPECT_STREQ(name, c.name) << c.id;
+        }
+        EXPECT_EQ(lrpc2_table_secure(t, c.id), c.secure) << c.id;
+        EXPECT_EQ(lrpc2_table_flags_both(t, c.id), c.both) << c.id;
+    }
+    EXPECT_EQ(lrpc2_table_find(nullptr, 20), nullptr);
+    EXPECT_EQ(lrpc2_table_name(nullptr, 20), nullptr);
+}
+
+TEST(Lrpc2Table, UnsortedTableMissesEntries) {
+    const lrpc2_msg_entry entries[] = {{20, "b", 0}, {30, "c", 0}, {10, "a", 0}};
+    const lrpc2_msg_table t = {3, entries};
+    EXPECT_EQ(lrpc2_table_find(&t, 10), nullptr);
+    EXPECT_NE(lrpc2_table_find(&t, 30), nullptr);
+}
+
+}  // namespace
