@@ -1,0 +1,175 @@
+#include "support/syslog_sink.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <regex>
+
+namespace kvtest {
+namespace {
+
+const char kOuterNamespaceVar[] = "KV_SYSLOG_SINK_OUTER_MNTNS";
+
+std::string mountNamespace() {
+    char buf[64] = {};
+    const ssize_t n = readlink("/proc/self/ns/mnt", buf, sizeof buf - 1);
+    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+}
+
+}  // namespace
+
+bool runInPrivateDevLog() {
+    const char* outer = getenv(kOuterNamespaceVar);
+    const std::string here = mountNamespace();
+    if (outer != nullptr && !here.empty() && here != outer) {
+        return true;
+    }
+    if (outer != nullptr) {
+        fprintf(stderr, "syslog sink: %s is set but this is the outer mount namespace\n",
+                kOuterNamespaceVar);
+        _exit(2);
+    }
+    std::ifstream in("/proc/self/cmdline", std::ios::binary);
+    const std::string cmdline((std::istreambuf_iterator<char>(in)),
+                              std::istreambuf_iterator<char>());
+    std::vector<std::string> words;
+    for (size_t start = 0; start < cmdline.size();) {
+        const size_t end = cmdline.find('\0', start);
+        words.push_back(cmdline.substr(start, end - start));
+        start = end == std::string::npos ? cmdline.size() : end + 1;
+    }
+    char self[4096] = {};
+    if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0 || words.empty()) {
+        perror("syslog sink: cannot find own command line");
+        _exit(2);
+    }
+    // The binary's own path keeps its base name, so the program name (the syslog
+    // identity) stays the same.
+    const std::string script = std::string(KV_SOURCE_DIR) + "/tests/support/hermetic.sh";
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(script.c_str()));
+    argv.push_back(const_cast<char*>("--devlog"));
+    argv.push_back(self);
+    for (size_t i = 1; i < words.size(); ++i) {
+        argv.push_back(const_cast<char*>(words[i].c_str()));
+    }
+    argv.push_back(nullptr);
+    setenv(kOuterNamespaceVar, here.c_str(), 1);
+    execv(script.c_str(), argv.data());
+    perror("syslog sink: cannot run hermetic.sh");
+    _exit(2);
+}
+
+bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out) {
+    static const std::regex layout(
+        R"(<(\d+)>([A-Z][a-z]{2} [ 123]\d \d\d:\d\d:\d\d) ([^\[:]*)(?:\[(\d+)\])?: ([\s\S]*))");
+    std::smatch m;
+    if (!std::regex_match(datagram, m, layout)) {
+        return false;
+    }
+    out.priority = std::stoi(m[1]);
+    out.timestamp = m[2];
+    out.identity = m[3];
+    out.pid = m[4].matched ? std::stoi(m[4]) : -1;
+    out.text = m[5];
+    out.raw = datagram;
+    return true;
+}
+
+SyslogSink::SyslogSink() {
+    m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, "/dev/log");
+    unlink(addr.sun_path);
+    if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        chmod(addr.sun_path, 0666) != 0 || pipe2(m_stopPipe, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "cannot bind /dev/log: " << strerror(errno);
+        return;
+    }
+    pthread_create(&m_reader, nullptr, readerMain, this);
+}
+
+SyslogSink::~SyslogSink() {
+    if (m_stopPipe[1] >= 0) {
+        const char stop = 0;
+        (void)!write(m_stopPipe[1], &stop, 1);
+        pthread_join(m_reader, nullptr);
+        close(m_stopPipe[0]);
+        close(m_stopPipe[1]);
+    }
+    if (m_fd >= 0) {
+        close(m_fd);
+        unlink("/dev/log");
+    }
+}
+
+void* SyslogSink::readerMain(void* self) {
+    auto* sink = static_cast<SyslogSink*>(self);
+    for (;;) {
+        pollfd fds[2] = {{sink->m_fd, POLLIN, 0}, {sink->m_stopPipe[0], POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0 && errno != EINTR) {
+            return nullptr;
+        }
+        if (fds[1].revents != 0) {
+            return nullptr;
+        }
+        pthread_mutex_lock(&sink->m_mutex);
+        sink->drainLocked();
+        pthread_mutex_unlock(&sink->m_mutex);
+    }
+}
+
+void SyslogSink::drainLocked() {
+    char buf[65536];
+    for (;;) {
+        const ssize_t n = recv(m_fd, buf, sizeof buf, MSG_DONTWAIT);
+        if (n < 0) {
+            return;
+        }
+        m_received.emplace_back(buf, static_cast<size_t>(n));
+    }
+}
+
+std::vector<std::string> SyslogSink::take() {
+    pthread_mutex_lock(&m_mutex);
+    drainLocked();
+    std::vector<std::string> out;
+    out.swap(m_received);
+    pthread_mutex_unlock(&m_mutex);
+    return out;
+}
+
+std::vector<SyslogRecord> SyslogSink::takeRecords() {
+    std::vector<SyslogRecord> out;
+    for (const std::string& d : take()) {
+        SyslogRecord r;
+        EXPECT_TRUE(parseSyslogRecord(d, r)) << "not a syslog datagram: " << d;
+        out.push_back(r);
+    }
+    return out;
+}
+
+std::vector<std::string> SyslogSink::takeTexts(const std::string& needle) {
+    std::vector<std::string> out;
+    for (const SyslogRecord& r : takeRecords()) {
+        if (r.text.find(needle) != std::string::npos) {
+            out.push_back(r.text);
+        }
+    }
+    return out;
+}
+
+}  // namespace kvtest
