@@ -130,7 +130,9 @@ uint8_t* bytebuf_detach(lrpc2_bytebuf* b) {
     return block;
 }
 
-uint8_t* bytebuf_data(const lrpc2_bytebuf* b) { return b != nullptr ? b->start : nullptr; }
+uint8_t* bytebuf_data(const lrpc2_bytebuf* b) {
+    return b != nullptr ? b->start : nullptr;
+}
 
 void bytebuf_release(lrpc2_bytebuf* b, int wipe) {
     if (b == nullptr || b->start == nullptr) {

@@ -119,7 +119,8 @@ void lrpc2_msg_free(lrpc2_msg* msg) {
     const int secure = (msg->flags & LRPC2_MSGF_SECURE) != 0;
     if (msg->state == LRPC2_STATE_COMPLETE) {
         if (secure) {
-            explicit_bzero(msg->u.done.data, static_cast<size_t>(msg->u.done.end - msg->u.done.data));
+            explicit_bzero(msg->u.done.data,
+                           static_cast<size_t>(msg->u.done.end - msg->u.done.data));
         }
         free(msg->u.done.data);
     } else {

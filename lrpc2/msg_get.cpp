@@ -29,7 +29,9 @@ int32_t finish_get(lrpc2_msg* msg, const lrpc2_reader& r) {
     return 0;
 }
 
-bool secure(const lrpc2_msg* msg) { return (msg->flags & LRPC2_MSGF_SECURE) != 0; }
+bool secure(const lrpc2_msg* msg) {
+    return (msg->flags & LRPC2_MSGF_SECURE) != 0;
+}
 
 // A length-prefixed string: a zero-terminated copy, or null for the null string.
 int32_t read_string(lrpc2_reader* r, char** out) {
@@ -127,8 +129,8 @@ int32_t lrpc2_get_string_alt(lrpc2_msg* msg, char** text) {
 int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length) {
     lrpc2_reader r;
     uint32_t n = 0;
-    int32_t rc = data != nullptr && length != nullptr ? begin_get(msg, LRPC2_T_BLOB, &r)
-                                                      : LRPC2_MSG_INVALID;
+    int32_t rc =
+        data != nullptr && length != nullptr ? begin_get(msg, LRPC2_T_BLOB, &r) : LRPC2_MSG_INVALID;
     if (rc == 0 && !r.u32(&n)) {
         rc = LRPC2_MSG_NODATA;
     }
@@ -193,7 +195,8 @@ int32_t lrpc2_get_kv_set(lrpc2_msg* msg, lrpc2_kv** pairs) {
     if (rc != 0) {
         return rc;
     }
-    lrpc2_kv* array = static_cast<lrpc2_kv*>(calloc(static_cast<size_t>(count) + 1, sizeof(lrpc2_kv)));
+    lrpc2_kv* array =
+        static_cast<lrpc2_kv*>(calloc(static_cast<size_t>(count) + 1, sizeof(lrpc2_kv)));
     if (array == nullptr) {
         return LRPC2_MSG_NOMEM;
     }

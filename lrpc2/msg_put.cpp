@@ -5,7 +5,9 @@
 
 namespace {
 
-bool append_u32(lrpc2_bytebuf* buf, uint32_t v) { return bytebuf_append(buf, 4, &v) != nullptr; }
+bool append_u32(lrpc2_bytebuf* buf, uint32_t v) {
+    return bytebuf_append(buf, 4, &v) != nullptr;
+}
 
 // A length and the bytes, or the null length alone for a null text.
 bool append_text(lrpc2_bytebuf* buf, const char* text) {
@@ -207,7 +209,9 @@ int32_t lrpc2_put_kv_set(lrpc2_msg* msg, const lrpc2_kv_in* pairs) {
     return rc;
 }
 
-int32_t lrpc2_begin_kv_set(lrpc2_msg* msg) { return begin_set(msg, LRPC2_T_KVSET, LRPC2_SET_KV); }
+int32_t lrpc2_begin_kv_set(lrpc2_msg* msg) {
+    return begin_set(msg, LRPC2_T_KVSET, LRPC2_SET_KV);
+}
 
 int32_t lrpc2_add_kv(lrpc2_msg* msg, const char* key, const char* value) {
     const int32_t rc = lrpc2_msg_check_building(msg);

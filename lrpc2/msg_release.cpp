@@ -55,6 +55,8 @@ void lrpc2_free_block(void* block, uint32_t length, int wipe) {
     free(block);
 }
 
-void lrpc2_wipe_free(void* block, uint32_t length) { lrpc2_free_block(block, length, 1); }
+void lrpc2_wipe_free(void* block, uint32_t length) {
+    lrpc2_free_block(block, length, 1);
+}
 
 }  // extern "C"
