@@ -123,7 +123,7 @@ TEST(OsportRandom, ConcurrentCallersShareOneSequence) {
 // ---- helpers for files and processes --------------------------------------------------
 
 class TempDir {
-public:
+  public:
     TempDir() {
         char pattern[] = "/tmp/osport_test.XXXXXX";
         const char* made = mkdtemp(pattern);
@@ -140,7 +140,7 @@ public:
     std::string file(const std::string& name) const { return m_path + "/" + name; }
     const std::string& path() const { return m_path; }
 
-private:
+  private:
     std::string m_path;
 };
 

@@ -45,11 +45,17 @@ int setWholeFileLock(int fd, short type) {
 
 }  // namespace
 
-int tryLockFile(int fd) { return setWholeFileLock(fd, F_WRLCK); }
+int tryLockFile(int fd) {
+    return setWholeFileLock(fd, F_WRLCK);
+}
 
-int unlockFile(int fd) { return setWholeFileLock(fd, F_UNLCK); }
+int unlockFile(int fd) {
+    return setWholeFileLock(fd, F_UNLCK);
+}
 
-int openAndLock(const char* path, int* lockResult) { return openAndLock(path, lockResult, 0); }
+int openAndLock(const char* path, int* lockResult) {
+    return openAndLock(path, lockResult, 0);
+}
 
 int openAndLock(const char* path, int* lockResult, mode_t mode) {
     *lockResult = -1;
@@ -82,9 +88,13 @@ gid_t getFsGid() {
     return static_cast<gid_t>(previous);
 }
 
-int setFsUid(uid_t uid) { return setfsuid(uid); }
+int setFsUid(uid_t uid) {
+    return setfsuid(uid);
+}
 
-int setFsGid(gid_t gid) { return setfsgid(gid); }
+int setFsGid(gid_t gid) {
+    return setfsgid(gid);
+}
 
 int pselectErrno(int nfds, fd_set* readFds, fd_set* writeFds, fd_set* errorFds,
                  const struct timespec* timeout, const sigset_t* sigmask, int* err) {

@@ -16,7 +16,7 @@ pthread_mutex_t gRandomMutex = PTHREAD_MUTEX_INITIALIZER;
 // The C library declares these functions noexcept, so a failure to lock (which a static
 // plain mutex cannot meet in practice) ends the process instead of unwinding into C code.
 class RandomLock {
-public:
+  public:
     RandomLock() {
         int rc = pthread_mutex_lock(&gRandomMutex);
         if (rc != 0) {
@@ -42,8 +42,12 @@ __attribute__((visibility("default"))) long random(void) {
     return lrand48();
 }
 
-__attribute__((visibility("default"))) void srand(unsigned int seed) { srandom(seed); }
+__attribute__((visibility("default"))) void srand(unsigned int seed) {
+    srandom(seed);
+}
 
-__attribute__((visibility("default"))) int rand(void) { return static_cast<int>(random()); }
+__attribute__((visibility("default"))) int rand(void) {
+    return static_cast<int>(random());
+}
 
 }  // extern "C"

@@ -36,9 +36,9 @@ int pselectErrno(int nfds, fd_set* readFds, fd_set* writeFds, fd_set* errorFds,
 
 // spawn modes.
 enum SpawnMode {
-    SPAWN_WAIT = 0,  // run the program and wait: result the raw wait status
-    SPAWN_START = 1, // start it: result the child's process id
-    SPAWN_EXEC = 2   // replace the calling process: returns only on failure
+    SPAWN_WAIT = 0,   // run the program and wait: result the raw wait status
+    SPAWN_START = 1,  // start it: result the child's process id
+    SPAWN_EXEC = 2    // replace the calling process: returns only on failure
 };
 // Runs path with argv. With nfds > 0 the program gets exactly fds[0..nfds-1] as its
 // descriptors 0..nfds-1 (an entry of -1 leaves that descriptor closed) and nothing else.
