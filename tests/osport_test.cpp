@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/child.h"
 #include "zfw/osport.h"
 
 namespace {
@@ -183,13 +184,6 @@ struct Pipe {
     }
 };
 
-int waitStatus(pid_t pid) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status;
-}
-
 // ---- file locks -----------------------------------------------------------------------
 
 TEST(OsportLock, ReportsTheHolderPidUntilItExits) {
@@ -197,31 +191,30 @@ TEST(OsportLock, ReportsTheHolderPidUntilItExits) {
     std::string path = dir.file("lock");
     Pipe ready;
     Pipe release;
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    kvtest::ChildProcess holder([&] {
         int result = 99;
         int fd = zfw::openAndLock(path.c_str(), &result);
         char verdict = (fd >= 0 && result == 0) ? 'L' : 'F';
-        (void)write(ready.writeEnd, &verdict, 1);
-        char c;
         release.closeWrite();
-        (void)read(release.readEnd, &c, 1);
-        _exit(0);
-    }
+        char c;
+        return kvtest::writeFully(ready.writeEnd, &verdict, 1) &&
+                       !kvtest::readFully(release.readEnd, &c, 1)
+                   ? 0
+                   : 1;
+    });
     ready.closeWrite();
     char verdict = 0;
-    ASSERT_EQ(read(ready.readEnd, &verdict, 1), 1);
+    ASSERT_TRUE(kvtest::readFully(ready.readEnd, &verdict, 1));
     ASSERT_EQ(verdict, 'L');
 
     int result = 99;
     int fd = zfw::openAndLock(path.c_str(), &result);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(result, child);
-    EXPECT_EQ(zfw::tryLockFile(fd), child);
+    EXPECT_EQ(result, holder.pid());
+    EXPECT_EQ(zfw::tryLockFile(fd), holder.pid());
 
-    release.closeWrite();
-    EXPECT_EQ(waitStatus(child), 0);
+    release.closeWrite();  // the holder reads end of file and exits
+    EXPECT_EQ(holder.wait(), 0);
     EXPECT_EQ(zfw::tryLockFile(fd), 0);
     // Taking it again in the holder's own process succeeds; unlocking reports success.
     EXPECT_EQ(zfw::tryLockFile(fd), 0);
@@ -237,17 +230,16 @@ TEST(OsportLock, UnlockLetsAnotherProcessIn) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(result, 0);
 
+    // 1: the child sees this process as the holder, 0: it got the lock.
     auto childLockResult = [&path] {
-        pid_t child = fork();
-        if (child == 0) {
+        kvtest::ChildProcess child([&path] {
             int r = 99;
             int cfd = zfw::openAndLock(path.c_str(), &r);
-            _exit(cfd < 0 ? 100 : (r == getppid() ? 1 : (r == 0 ? 0 : 2)));
-        }
-        int status = waitStatus(child);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            return cfd < 0 ? 100 : (r == getppid() ? 1 : (r == 0 ? 0 : 2));
+        });
+        return child.wait();
     };
-    EXPECT_EQ(childLockResult(), 1);  // sees this process as the holder
+    EXPECT_EQ(childLockResult(), 1);
     EXPECT_EQ(zfw::unlockFile(fd), 0);
     EXPECT_EQ(childLockResult(), 0);
     close(fd);
@@ -465,23 +457,22 @@ TEST(OsportSpawn, StartReturnsTheChildPid) {
     int pid = zfw::spawn(zfw::SPAWN_START, 1, fds, "/bin/sh", argv.data());
     ASSERT_GT(pid, 0);
     EXPECT_EQ(out.drain(), std::to_string(pid) + "\n");
-    EXPECT_EQ(waitStatus(pid), 0);
+    int status = -1;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
 }
 
 TEST(OsportSpawn, ExecReplacesTheCallingProcess) {
     Pipe out;
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    kvtest::ChildProcess child([&out] {
         std::string script = "echo replaced $$ >&1; exit 5";
         std::vector<char*> argv = shArgv(script);
         int fds[2] = {-1, out.writeEnd};
         zfw::spawn(zfw::SPAWN_EXEC, 2, fds, "/bin/sh", argv.data());
-        _exit(99);
-    }
-    int status = waitStatus(child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 5) << status;
-    EXPECT_EQ(out.drain(), "replaced " + std::to_string(child) + "\n");
+        return 99;
+    });
+    EXPECT_EQ(child.wait(), 5);
+    EXPECT_EQ(out.drain(), "replaced " + std::to_string(child.pid()) + "\n");
 }
 
 TEST(OsportSpawn, ProgramThatCannotRunEndsWithNegatedErrno) {

@@ -1,8 +1,10 @@
+// Operating-system helpers.
 #include "zfw/osport.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -20,6 +22,47 @@
 #include "zfw/mutex.h"
 
 namespace zfw {
+namespace {
+
+pthread_mutex_t gProgramNameMutex = PTHREAD_MUTEX_INITIALIZER;
+// Holds the status file's text; the program name may end up pointing into it.
+char gStatusText[4096];
+
+bool programNameMissing() {
+    return program_invocation_short_name == nullptr || program_invocation_short_name[0] == '\0';
+}
+
+}  // namespace
+
+// program_invocation_short_name is the C run time's __progname (also syslog's default
+// identity) under its documented name.
+void ensureProgramName() {
+    const int err = pthread_mutex_lock(&gProgramNameMutex);
+    if (err != 0) {
+        ZFW_THROW_ERRNO(SystemException, err, true, err, "OS call failed");
+    }
+    if (programNameMissing()) {
+        const int fd = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            const ssize_t n = read(fd, gStatusText, sizeof gStatusText - 1);
+            gStatusText[n > 0 ? n : 0] = '\0';
+            char* name = std::strchr(gStatusText, '(');
+            if (name != nullptr) {
+                ++name;
+                char* end = std::strchr(name, ')');
+                if (end != nullptr) {
+                    *end = '\0';
+                }
+                program_invocation_short_name = name;
+            }
+            close(fd);
+        }
+    }
+    if (programNameMissing()) {
+        program_invocation_short_name = const_cast<char*>("unknown");
+    }
+    pthread_mutex_unlock(&gProgramNameMutex);
+}
 
 namespace {
 
@@ -224,7 +267,7 @@ int spawn(int mode, int nfds, const int* fds, const char* path, char* const argv
     if (!validHandOver(nfds, fds, limit)) {
         return -1;
     }
-    MutexLock lock(&spawnMutex());
+    MutexLock lock(spawnMutex());
     pid_t pid = mode == SPAWN_EXEC ? 0 : fork();
     if (pid == 0) {
         execWithDescriptors(nfds, fds, limit, path, argv);
@@ -275,7 +318,7 @@ void logDns(const char* format, const char* arg) {
 
 void setDnsState(bool up) {
     DnsState& dns = dnsState();
-    MutexLock lock(&dns.mutex);
+    MutexLock lock(dns.mutex);
     if (up != dns.up) {
         logDns("DNS is %s", up ? "up" : "down");
     }
@@ -285,7 +328,7 @@ void setDnsState(bool up) {
 
 bool isDnsUp() {
     DnsState& dns = dnsState();
-    MutexLock lock(&dns.mutex);
+    MutexLock lock(dns.mutex);
     if (dns.up) {
         return true;
     }
@@ -303,14 +346,14 @@ bool isDnsUp() {
 
 void setDnsOverrideThread() {
     DnsState& dns = dnsState();
-    MutexLock lock(&dns.mutex);
+    MutexLock lock(dns.mutex);
     dns.overrideSet = true;
     dns.overrideThread = pthread_self();
 }
 
 void setDnsStaleTimes(int32_t staleSeconds, int32_t overrideStaleSeconds) {
     DnsState& dns = dnsState();
-    MutexLock lock(&dns.mutex);
+    MutexLock lock(dns.mutex);
     dns.staleAfter = staleSeconds;
     dns.overrideStaleAfter = overrideStaleSeconds;
 }

@@ -9,6 +9,7 @@
 
 #include "zfw/exception.h"
 
+namespace zfw {
 namespace {
 
 pthread_mutex_t gRandomMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -20,7 +21,7 @@ class RandomLock {
     RandomLock() {
         int rc = pthread_mutex_lock(&gRandomMutex);
         if (rc != 0) {
-            ZFW_THROW_ERRNO(SystemException, rc, rc, true, "OS call failed");
+            ZFW_THROW_ERRNO(SystemException, rc, true, rc, "OS call failed");
         }
     }
     ~RandomLock() { pthread_mutex_unlock(&gRandomMutex); }
@@ -29,16 +30,17 @@ class RandomLock {
 };
 
 }  // namespace
+}  // namespace zfw
 
 extern "C" {
 
 __attribute__((visibility("default"))) void srandom(unsigned int seed) {
-    RandomLock lock;
+    zfw::RandomLock lock;
     srand48(seed);
 }
 
 __attribute__((visibility("default"))) long random(void) {
-    RandomLock lock;
+    zfw::RandomLock lock;
     return lrand48();
 }
 

@@ -12,6 +12,10 @@
 
 namespace zfw {
 
+// Makes sure the C run time's short program name is set: from "/proc/self/stat" when it is
+// null or empty, "unknown" when that fails too.
+void ensureProgramName();
+
 // Whole-file advisory write lock (POSIX record lock). Result 0 when taken, the holder's
 // process id when another process holds it, -1 on any other failure.
 int tryLockFile(int fd);
