@@ -67,13 +67,13 @@ int32_t keep(const char* text, size_t n, char** value) {
 }
 
 int32_t resolveLine(const char* settingKey, char** value) {
-    char line[kMaxLine + 1];
+    char line[kMaxLine + 1] = {};
     const int32_t rc = readFirstLine(settingKey, line);
     return rc != 0 ? rc : keep(line, strlen(line), value);
 }
 
 int32_t resolveZone(const char* settingKey, char** value) {
-    char line[kMaxLine + 1];
+    char line[kMaxLine + 1] = {};
     const int32_t rc = readFirstLine(settingKey, line);
     if (rc != 0) {
         return rc;
