@@ -41,7 +41,7 @@ int rerunInHermetic(bool devlog) {
         return -1;
     }
     self[static_cast<size_t>(n)] = '\0';
-    const std::string script = KV_SOURCE_DIR "/tests/support/hermetic.sh";
+    const std::string script = KV_HERMETIC_SCRIPT;
 
     std::vector<const char*> argv{script.c_str()};
     if (devlog) {
