@@ -13,7 +13,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -21,10 +20,12 @@
 #include "lrpc2/conn.h"
 #include "lrpc2/status.h"
 #include "support/child.h"
+#include "support/kvdsim.h"
 
 namespace {
 
 using kvtest::ChildProcess;
+using kvtest::TempDir;
 
 const lrpc2_msg_table* table() {
     return lrpc2_default_table();
@@ -36,19 +37,6 @@ bool isOpen(int fd) {
 bool isNonBlocking(int fd) {
     return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
 }
-
-class TempDir {
-  public:
-    TempDir() {
-        char name[] = "/tmp/kvconn.XXXXXX";
-        m_path = mkdtemp(name);
-    }
-    ~TempDir() { std::filesystem::remove_all(m_path); }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-
-  private:
-    std::string m_path;
-};
 
 int listenAt(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);

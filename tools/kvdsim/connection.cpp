@@ -32,10 +32,8 @@ void complain(uint32_t conn, const char* what) {
     fprintf(stderr, "kvdsim: connection %u: %s\n", conn, what);
 }
 
-// A received uint32 pair that names the peer's effective user and group.
-bool identityMatches(int fd, lrpc2_msg* msg) {
-    uint32_t uid = 0;
-    uint32_t gid = 0;
+// Reads the client's claimed identity; true when its socket credentials confirm it.
+bool identityMatches(int fd, lrpc2_msg* msg, uint32_t& uid, uint32_t& gid) {
     ucred cred = {};
     socklen_t len = sizeof cred;
     return lrpc2_get_uint32(msg, &uid) == 0 && lrpc2_get_uint32(msg, &gid) == 0 &&
@@ -195,7 +193,9 @@ std::vector<uint8_t> Connection::authStep(lrpc2_msg* request, uint32_t id, uint3
             m_auth = Auth::Challenged;
             return frameOf(newMessage(LRPC2_ID_AUTH_CHALLENGE));
         case Auth::Challenged: {
-            if (id != LRPC2_ID_AUTH_CHALLENGE || !identityMatches(m_fd, request)) {
+            uint32_t uid = 0;
+            uint32_t gid = 0;
+            if (id != LRPC2_ID_AUTH_CHALLENGE || !identityMatches(m_fd, request, uid, gid)) {
                 complain(m_number, "wrong identity in the authentication dialogue");
                 break;
             }
@@ -204,7 +204,7 @@ std::vector<uint8_t> Connection::authStep(lrpc2_msg* request, uint32_t id, uint3
             }
             if (!m_options.proofPath1.empty()) {
                 m_proofs.name(m_options.proofPath1, m_options.proofPath2);
-            } else if (!m_proofs.create(m_options.proofDir, m_options.proofSize)) {
+            } else if (!m_proofs.create(m_options.proofDir, m_options.proofSize, uid, gid)) {
                 perror("kvdsim: proof file");
                 break;
             }

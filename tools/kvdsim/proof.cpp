@@ -41,7 +41,7 @@ std::vector<uint8_t> readSmallFile(const std::string& path) {
 
 }  // namespace
 
-bool ProofPair::create(const std::string& dir, uint32_t size) {
+bool ProofPair::create(const std::string& dir, uint32_t size, uint32_t uid, uint32_t gid) {
     clear();
     m_created = true;
     for (int i = 0; i < 2; ++i) {
@@ -51,6 +51,9 @@ bool ProofPair::create(const std::string& dir, uint32_t size) {
             return false;
         }
         m_path[i] = name;
+        if (geteuid() == 0) {
+            (void)fchown(fd, uid, gid);
+        }
         m_content[i].resize(size);
         const bool ok =
             fillRandom(m_content[i]) && lrpc2_write_all(fd, m_content[i].data(), size, 0, 0) == 0;
@@ -85,8 +88,10 @@ void ProofPair::clear() {
             unlink(m_path[i].c_str());
         }
         m_path[i].clear();
-        explicit_bzero(m_content[i].data(), m_content[i].size());
-        m_content[i].clear();
+        if (!m_content[i].empty()) {
+            explicit_bzero(m_content[i].data(), m_content[i].size());
+            m_content[i].clear();
+        }
     }
     m_created = false;
 }

@@ -15,8 +15,9 @@ class ProofPair {
     ProofPair& operator=(const ProofPair&) = delete;
     ~ProofPair() { clear(); }
 
-    // Creates two files of `size` random bytes in `dir`.
-    bool create(const std::string& dir, uint32_t size);
+    // Creates two files of `size` random bytes in `dir`, readable only by their owner:
+    // the user and group `uid`/`gid` when the daemon may give them away, else itself.
+    bool create(const std::string& dir, uint32_t size, uint32_t uid, uint32_t gid);
     // Names two existing files; the contents expected are what they hold now (nothing
     // when a file cannot be read, so no answer can match).
     void name(const std::string& path1, const std::string& path2);

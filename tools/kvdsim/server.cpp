@@ -37,6 +37,7 @@ int terminationSignals() {
 }
 
 // Binds and listens on `path`, replacing a stale socket; -1 with a message on failure.
+// The socket is open to every user, so that clients of any identity can be tried.
 int listenOn(const std::string& path) {
     sockaddr_un address = {};
     if (path.size() >= sizeof address.sun_path) {
@@ -55,7 +56,7 @@ int listenOn(const std::string& path) {
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, path.c_str(), path.size());
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        listen(fd, 16) != 0) {
+        chmod(path.c_str(), 0666) != 0 || listen(fd, 16) != 0) {
         fprintf(stderr, "kvdsim: cannot listen on %s: %s\n", path.c_str(), strerror(errno));
         if (fd >= 0) {
             close(fd);
