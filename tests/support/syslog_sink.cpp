@@ -1,5 +1,7 @@
 #include "support/syslog_sink.h"
 
+#include "support/hermetic.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,67 +13,9 @@
 
 #include <cctype>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 namespace kvtest {
-namespace {
-
-const char kOuterNamespaceVar[] = "KV_SYSLOG_SINK_OUTER_MNTNS";
-
-std::string mountNamespace() {
-    char buf[64] = {};
-    const ssize_t n = readlink("/proc/self/ns/mnt", buf, sizeof buf - 1);
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
-}
-
-}  // namespace
-
-bool runInPrivateDevLog() {
-    const char* outer = getenv(kOuterNamespaceVar);
-    const std::string here = mountNamespace();
-    if (outer != nullptr && !here.empty() && here != outer) {
-        return true;
-    }
-    if (outer != nullptr) {
-        fprintf(stderr, "syslog sink: %s is set but this is the outer mount namespace\n",
-                kOuterNamespaceVar);
-        _exit(2);
-    }
-    std::ifstream in("/proc/self/cmdline", std::ios::binary);
-    const std::string cmdline((std::istreambuf_iterator<char>(in)),
-                              std::istreambuf_iterator<char>());
-    std::vector<std::string> words;
-    for (size_t start = 0; start < cmdline.size();) {
-        const size_t end = cmdline.find('\0', start);
-        words.push_back(cmdline.substr(start, end - start));
-        start = end == std::string::npos ? cmdline.size() : end + 1;
-    }
-    char self[4096] = {};
-    if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0 || words.empty()) {
-        perror("syslog sink: cannot find own command line");
-        _exit(2);
-    }
-    // The binary's own path keeps its base name, so the program name (the syslog
-    // identity) stays the same.
-    const std::string script = std::string(KV_SOURCE_DIR) + "/tests/support/hermetic.sh";
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(script.c_str()));
-    argv.push_back(const_cast<char*>("--devlog"));
-    argv.push_back(self);
-    for (size_t i = 1; i < words.size(); ++i) {
-        argv.push_back(const_cast<char*>(words[i].c_str()));
-    }
-    argv.push_back(nullptr);
-    setenv(kOuterNamespaceVar, here.c_str(), 1);
-    execv(script.c_str(), argv.data());
-    perror("syslog sink: cannot run hermetic.sh");
-    _exit(2);
-}
-
 bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out) {
     // "<priority>" then the timestamp "%h %e %T" (15 characters) and a blank.
     const size_t close = datagram.find('>');
@@ -136,6 +80,10 @@ bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out) {
 }
 
 SyslogSink::SyslogSink() {
+    if (!insideHermeticDevLog()) {
+        ADD_FAILURE() << "refusing to bind /dev/log outside hermetic.sh --devlog";
+        return;
+    }
     m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;

@@ -1,6 +1,6 @@
-// A private system log for tests: the test binary re-runs itself in its own mount
-// namespace with a private /dev (tests/support/hermetic.sh --devlog), binds a datagram
-// socket at "/dev/log" and reads the records that the C library's syslog sends there.
+// A private system log for tests that run under tests/support/hermetic.sh --devlog
+// (KV_REQUIRE_HERMETIC_DEVLOG, support/hermetic.h): binds a datagram socket at "/dev/log"
+// and reads the records that the C library's syslog sends there.
 #ifndef KV_TESTS_SUPPORT_SYSLOG_SINK_H
 #define KV_TESTS_SUPPORT_SYSLOG_SINK_H
 
@@ -10,11 +10,6 @@
 #include <vector>
 
 namespace kvtest {
-
-// Call from a static initialiser of the test binary: outside the private namespace the
-// process replaces itself with hermetic.sh --devlog running the same command line, so
-// that nothing below ever binds the host's "/dev/log". Returns only inside it.
-bool runInPrivateDevLog();
 
 // One datagram as syslog sends it: "<priority>Mmm dd hh:mm:ss ident[pid]: text".
 struct SyslogRecord {
@@ -32,7 +27,8 @@ bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out);
 class SyslogSink {
   public:
     // Binds "/dev/log" (mode 0666) and starts reading it on a thread of its own, so that
-    // writers never block on a full socket queue.
+    // writers never block on a full socket queue. Outside a private /dev it fails the
+    // current test and binds nothing.
     SyslogSink();
     ~SyslogSink();
     SyslogSink(const SyslogSink&) = delete;
