@@ -1,6 +1,9 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -18,6 +22,45 @@
 #include "zfw/osport.h"
 
 namespace {
+
+// ---- program name ---------------------------------------------------------------------
+
+// Each case runs in a child process, whose name it may change freely.
+TEST(OsportProgramName, TakenFromTheStatusFileWhenMissing) {
+    struct Case {
+        const char* comm;      // the kernel's name for the process
+        const char* progname;  // the C run time's name before the call; null stays null
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"kvstop", "", "kvstop"}, {"kvstop", nullptr, "kvstop"}, {"kv stop", "", "kv stop"},
+        {"a)b", "", "a"},         {"kvstop", "keep", "keep"},
+    };
+    for (const Case& c : cases) {
+        kvtest::ChildProcess child([&c] {
+            prctl(PR_SET_NAME, c.comm);
+            program_invocation_short_name = const_cast<char*>(c.progname);
+            zfw::ensureProgramName();
+            return strcmp(program_invocation_short_name, c.expected) == 0 ? 0 : 1;
+        });
+        EXPECT_EQ(child.wait(), 0) << c.comm;
+    }
+}
+
+TEST(OsportProgramName, UnknownWithoutStatusFile) {
+    // A private mount namespace with an empty /proc: the status file cannot be opened.
+    kvtest::ChildProcess child([] {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", "/proc", "tmpfs", 0, nullptr) != 0) {
+            return 2;
+        }
+        program_invocation_short_name = const_cast<char*>("");
+        zfw::ensureProgramName();
+        return strcmp(program_invocation_short_name, "unknown") == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(child.wait(), 0);
+}
 
 // ---- random numbers -------------------------------------------------------------------
 
