@@ -11,6 +11,7 @@
 #include "zfw/logger.h"
 #include "zfw/mutex.h"
 #include "zfw/osport.h"
+#include "zfw/properties.h"
 #include "zfw/strutil.h"
 
 namespace zfw {
@@ -49,8 +50,11 @@ void openOnce() {
     if (gOpened.load(std::memory_order_acquire) || gOpened.exchange(true)) {
         return;
     }
-    gIdentity = strdup(processName().c_str());
-    openlog(gIdentity, LOG_PID, LOG_AUTH);
+    const std::string name = processName();
+    if (Properties::getProperties(false)->getBool("logger.openlog." + name, true)) {
+        gIdentity = strdup(name.c_str());
+        openlog(gIdentity, LOG_PID, LOG_AUTH);
+    }
 }
 
 }  // namespace
