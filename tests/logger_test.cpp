@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "support/syslog_sink.h"
 #include "zfw/logdelivery.h"
 #include "zfw/logger.h"
+#include "zfw/properties.h"
 
 namespace {
 
@@ -26,11 +28,14 @@ kvtest::SyslogSink& sink() {
 }
 
 class LoggerTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         if (!kvtest::insideHermeticDevLog()) {
             return;  // the test body runs itself again inside
         }
+        // An empty configuration, loaded before the first record would load it.
+        std::ofstream(zfw::Properties::gConfigPath).close();
+        zfw::Properties::getProperties(false);
         sink().take();
     }
 };
