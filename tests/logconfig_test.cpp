@@ -197,6 +197,22 @@ TEST_F(LogConfigTest, OpenlogUnlessClearlyNo) {
     EXPECT_EQ(records[0].pid, getpid());
 }
 
+TEST_F(LogConfigTest, AComplaintDoesNotDecideAboutOpenlog) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    writeConfig("");
+    zfw::Properties::getProperties(false);
+    // The first record is a complaint, delivered under the registry lock: syslog's defaults.
+    configureFrom("log=loud\n");
+    Logger::get("next")->log(Logger::INFO, "decides");
+    const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].text,
+              complaint("Illegal value for property 'log': 'loud'. Using 'INFO'."));
+    EXPECT_EQ(records[0].pid, -1);
+    EXPECT_EQ(records[1].text, "INFO  next decides");
+    EXPECT_EQ(records[1].pid, getpid());
+}
+
 TEST_F(LogConfigTest, FirstRecordLoadsTheProperties) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     writeConfig("log=warn\nlogger.facility.*=local0\n");

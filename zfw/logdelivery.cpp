@@ -1,6 +1,7 @@
 // Delivery of log records to the system log.
 #include "zfw/logdelivery.h"
 
+#include <pthread.h>
 #include <syslog.h>
 
 #include <atomic>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "logregistry.h"
 #include "zfw/logger.h"
 #include "zfw/mutex.h"
 #include "zfw/osport.h"
@@ -17,9 +19,11 @@
 namespace zfw {
 namespace {
 
-// The delivery lock: one record at a time. It comes after the logger registry lock
-// (logger.cpp) and before a log queue's lock; nothing done while it is held may take the
-// registry lock or the properties locks.
+// The delivery lock: one record at a time. Lock order: after the logger registry lock
+// (logger.cpp), before a log queue's lock. Nothing done while it is held takes the registry
+// lock or a properties lock: the openlog decision runs before it is taken, and the overflow
+// warning of the log queue must use the logger "log" looked up before taking it (when the
+// queue is started), not Logger::get.
 Mutex* gDeliveryMutex = nullptr;
 
 // Set by the first record, which decides whether to open the system log.
@@ -42,12 +46,16 @@ const Facility kFacilities[] = {
 };
 static_assert(LOG_AUTH == kFacilityAuth, "facility codes are the shifted syslog codes");
 
-// The first record decides, once per process, whether to call openlog. It runs before the
-// delivery lock is taken: reading the properties may load them, and every load configures
-// the loggers under the registry lock, which must not be taken while the delivery lock is
-// held. Records delivered meanwhile (also those of that load) use syslog's defaults.
+// The first record decides, once per process, whether to call openlog. Reading the
+// properties may load them, and every load configures the loggers under the registry lock,
+// so the decision is made without the delivery lock and never while this thread holds
+// the registry lock (a complaint of a configuration): such a record goes out with syslog's
+// defaults and leaves the decision to the next one. Other threads' records delivered
+// meanwhile use the defaults too.
 void openOnce() {
-    if (gOpened.load(std::memory_order_acquire) || gOpened.exchange(true)) {
+    if (gOpened.load(std::memory_order_acquire) ||
+        pthread_equal(loggerRegistryMutex().owner(), pthread_self()) != 0 ||
+        gOpened.exchange(true)) {
         return;
     }
     const std::string name = processName();

@@ -47,7 +47,8 @@ class Logger {
 
     // Rebuilds every level and facility from the properties ("log", "log.<name>",
     // "logger.facility.*[.<name>]", "logger.facility.<program>[.<name>]"). Bad values are
-    // reported at WARN on "com.zantor.logger" and skipped.
+    // reported at WARN on "com.zantor.logger" and skipped. Called by the store's parse,
+    // which holds the store's lock (that lock comes before the registry lock).
     static void configure(Properties& props);
 
     // The calling thread's tag shown in its records ("<tag>"); null for none.

@@ -1,8 +1,10 @@
 // Mutexes of the framework: recursive, each with one built-in condition variable.
 //
 // Lock order of the framework's process-wide mutexes (take them only in this order):
-//   properties creation lock, properties instance lock, host settings lock,
-//   logger registry lock, log delivery lock, a run queue's lock.
+//   properties creation lock (Properties::gPropMtx), a properties store's own lock,
+//   host settings lock, logger registry lock, log delivery lock, a run queue's lock.
+// Logging is allowed under any of them: a record takes the delivery lock only, except the
+// first record of the process, which reads the properties before taking it.
 #ifndef ZFW_MUTEX_H
 #define ZFW_MUTEX_H
 
