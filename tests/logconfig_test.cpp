@@ -18,6 +18,7 @@
 #include "support/syslog_sink.h"
 #include "zfw/logdelivery.h"
 #include "zfw/logger.h"
+#include "zfw/mutex.h"
 #include "zfw/properties.h"
 
 namespace {
@@ -211,6 +212,25 @@ TEST_F(LogConfigTest, AComplaintDoesNotDecideAboutOpenlog) {
     EXPECT_EQ(records[0].pid, -1);
     EXPECT_EQ(records[1].text, "INFO  next decides");
     EXPECT_EQ(records[1].pid, getpid());
+}
+
+TEST_F(LogConfigTest, ARecordUnderALockDoesNotDecideAboutOpenlog) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    zfw::Mutex someModuleLock;
+    {
+        zfw::MutexLock lock(someModuleLock);
+        Logger::get("locked")->log(Logger::INFO, "under a lock");
+    }
+    Logger::get("free")->log(Logger::INFO, "decides");
+    std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
+    // The decision loaded the (missing) configuration file and said so.
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records[0].text, "INFO  locked under a lock");
+    EXPECT_EQ(records[0].pid, -1);
+    EXPECT_EQ(records[1].text,
+              "ERROR util.properties Unable to open config file: /etc/zantorkv/zantorkv.conf");
+    EXPECT_EQ(records[2].text, "INFO  free decides");
+    EXPECT_EQ(records[2].pid, getpid());
 }
 
 TEST_F(LogConfigTest, FirstRecordLoadsTheProperties) {

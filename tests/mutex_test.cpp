@@ -67,15 +67,22 @@ TEST(Mutex, NestingKeepsDepthAndOwner) {
     zfw::Mutex m;
     EXPECT_EQ(m.depth(), 0);
     EXPECT_EQ(m.owner(), pthread_t(0));
+    const int32_t heldBefore = zfw::Mutex::heldByCallingThread();
     m.lock();
     m.lock();
     m.lock();
+    EXPECT_EQ(zfw::Mutex::heldByCallingThread(), heldBefore + 3);
     m.unlock();
     m.unlock();
     EXPECT_EQ(m.depth(), 1);
+    EXPECT_EQ(zfw::Mutex::heldByCallingThread(), heldBefore + 1);
     EXPECT_TRUE(pthread_equal(m.owner(), pthread_self()));
-    onOtherThread([&] { EXPECT_FALSE(m.trylock()); });
+    onOtherThread([&] {
+        EXPECT_FALSE(m.trylock());
+        EXPECT_EQ(zfw::Mutex::heldByCallingThread(), 0);
+    });
     m.unlock();
+    EXPECT_EQ(zfw::Mutex::heldByCallingThread(), heldBefore);
     EXPECT_EQ(m.depth(), 0);
     EXPECT_EQ(m.owner(), pthread_t(0));
     onOtherThread([&] {

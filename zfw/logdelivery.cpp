@@ -1,7 +1,6 @@
 // Delivery of log records to the system log.
 #include "zfw/logdelivery.h"
 
-#include <pthread.h>
 #include <syslog.h>
 
 #include <atomic>
@@ -9,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "logregistry.h"
 #include "zfw/logger.h"
 #include "zfw/mutex.h"
 #include "zfw/osport.h"
@@ -47,14 +45,13 @@ const Facility kFacilities[] = {
 static_assert(LOG_AUTH == kFacilityAuth, "facility codes are the shifted syslog codes");
 
 // The first record decides, once per process, whether to call openlog. Reading the
-// properties may load them, and every load configures the loggers under the registry lock,
-// so the decision is made without the delivery lock and never while this thread holds
-// the registry lock (a complaint of a configuration): such a record goes out with syslog's
-// defaults and leaves the decision to the next one. Other threads' records delivered
-// meanwhile use the defaults too.
+// properties may load them, which takes the properties locks, the host settings lock and
+// (to configure the loggers) the registry lock. So the decision is made without the
+// delivery lock, by the first record logged while its thread holds no framework mutex:
+// records logged under a lock before that go out with syslog's defaults (as do other
+// threads' records while the decision is being made).
 void openOnce() {
-    if (gOpened.load(std::memory_order_acquire) ||
-        pthread_equal(loggerRegistryMutex().owner(), pthread_self()) != 0 ||
+    if (gOpened.load(std::memory_order_acquire) || Mutex::heldByCallingThread() != 0 ||
         gOpened.exchange(true)) {
         return;
     }

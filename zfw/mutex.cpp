@@ -23,7 +23,15 @@ void check(int err) {
     }
 }
 
+// Holds of framework mutexes by this thread: lets code that takes other locks (the first
+// log record reads the properties) wait for a moment when the thread holds none.
+thread_local int32_t tHeld = 0;
+
 }  // namespace
+
+int32_t Mutex::heldByCallingThread() {
+    return tHeld;
+}
 
 bool threadsSupported() {
     if (!Thread::m_threadSupportKnown.load(std::memory_order_acquire)) {
@@ -64,6 +72,7 @@ Mutex::~Mutex() noexcept(false) {
 
 void Mutex::lock() {
     check(pthread_mutex_lock(&m_mutex));
+    ++tHeld;
     m_depth.fetch_add(1, std::memory_order_relaxed);
     m_owner.store(pthread_self(), std::memory_order_relaxed);
 }
@@ -73,6 +82,7 @@ void Mutex::unlock() {
         m_owner.store(0, std::memory_order_relaxed);
     }
     check(pthread_mutex_unlock(&m_mutex));
+    --tHeld;
 }
 
 bool Mutex::trylock() {
@@ -81,6 +91,7 @@ bool Mutex::trylock() {
         return false;
     }
     check(err);
+    ++tHeld;
     m_depth.fetch_add(1, std::memory_order_relaxed);
     m_owner.store(pthread_self(), std::memory_order_relaxed);
     return true;
@@ -179,7 +190,7 @@ MutexLock::MutexLock(Mutex& mutex, long seconds, long nanoseconds) : m_mutex(&mu
     }
     struct timespec pause = {seconds, nanoseconds};
     if (seconds == 0 && nanoseconds == 0) {
-        pause.tv_nsec = 10 * 1000 * 1000;
+        pause.tv_nsec = 10000000L;  // 10 ms
     }
     disableCancel();
     while (!m_mutex->trylock()) {

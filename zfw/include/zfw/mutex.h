@@ -3,8 +3,9 @@
 // Lock order of the framework's process-wide mutexes (take them only in this order):
 //   properties creation lock (Properties::gPropMtx), a properties store's own lock,
 //   host settings lock, logger registry lock, log delivery lock, a run queue's lock.
-// Logging is allowed under any of them: a record takes the delivery lock only, except the
-// first record of the process, which reads the properties before taking it.
+// Logging is allowed under any of them: a record takes only the delivery lock. (The one
+// record that reads the properties to decide about openlog is one logged while its thread
+// holds no framework mutex.)
 #ifndef ZFW_MUTEX_H
 #define ZFW_MUTEX_H
 
@@ -44,6 +45,10 @@ class Mutex {
     // Nesting count of the holder (0 when free) and the holding thread (0 when free).
     int32_t depth() const { return m_depth.load(std::memory_order_relaxed); }
     pthread_t owner() const { return m_owner.load(std::memory_order_relaxed); }
+
+    // Holds of framework mutexes that the calling thread has taken and not given back
+    // (each nested lock counts).
+    static int32_t heldByCallingThread();
 
   protected:
     pthread_mutex_t m_mutex;
