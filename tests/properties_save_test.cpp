@@ -404,6 +404,9 @@ TEST(PropertiesLock, CreateAndRemove) {
     EXPECT_EQ(Properties::removeLockFile(lockPath, fd), 0);
     EXPECT_FALSE(present(lockPath));
     EXPECT_EQ(Properties::createLockFile(dir.file("no/such/dir.lock")), -1);
+    // Something that is no lock file and cannot be judged is not waited for.
+    ASSERT_EQ(mkfifo(lockPath.c_str(), 0600), 0);
+    EXPECT_EQ(Properties::createLockFile(lockPath), -1);
 }
 
 // The content each saver of the concurrency case writes: its own number everywhere.

@@ -91,9 +91,9 @@ enum LockCheck { LOCK_GONE, LOCK_BUSY, LOCK_FAILED };
 // Looks at an existing lock file and deletes it when it is abandoned. The deletion happens
 // while this process holds the file's record lock and after checking that the name still
 // refers to that file, so two savers that find the same stale lock cannot delete the
-// fresh lock of one another.
+// fresh lock of one another. Opened without blocking: a FIFO in its place cannot hang us.
 LockCheck checkExistingLock(const std::string& lockPath) {
-    const int fd = open(lockPath.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
+    const int fd = open(lockPath.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         return errno == ENOENT ? LOCK_GONE : LOCK_FAILED;
     }
