@@ -1,4 +1,4 @@
-// Named loggers: the registry, levels, records and the configuration from properties.
+// Named loggers: the registry, levels and cached levels, thread tags and records.
 #include "zfw/logger.h"
 
 #include <pthread.h>
