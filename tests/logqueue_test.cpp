@@ -193,8 +193,7 @@ TEST_F(LogQueueTest, QueuedRecordsReachSyslogAndStopDrains) {
 
     // Direct again: a record longer than the queue's text is not cut at 511.
     zfw::Logger::get("test.long")->log(zfw::Logger::INFO, "%s", longText.c_str());
-    EXPECT_EQ(sink.takeTexts("test.long"),
-              std::vector<std::string>{"INFO  test.long " + longText});
+    EXPECT_EQ(sink.takeTexts("test.long"), std::vector<std::string>{"INFO  test.long " + longText});
 }
 
 TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <functional>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -18,7 +19,6 @@
 #include "support/syslog_sink.h"
 #include "support/zfw_config.h"
 #include "zfw/exception.h"
-#include "zfw/mutex.h"
 #include "zfw/runqueue.h"
 #include "zfw/thread.h"
 
@@ -39,12 +39,15 @@ bool eventually(const std::function<bool()>& cond) {
 // Appends its name to a shared journal when run; optionally unique under its key.
 class Step : public zfw::QueueAble {
   public:
-    Step(std::vector<std::string>& journal, zfw::Mutex& guard, const std::string& name,
-         bool unique, const std::string& key)
-        : m_journal(journal), m_guard(guard), m_name(name), m_unique(unique),
+    Step(std::vector<std::string>& journal, std::mutex& guard, const std::string& name, bool unique,
+         const std::string& key)
+        : m_journal(journal),
+          m_guard(guard),
+          m_name(name),
+          m_unique(unique),
           m_key(key.empty() ? name : key) {}
     void run() override {
-        zfw::MutexLock lock(m_guard);
+        std::lock_guard<std::mutex> lock(m_guard);
         m_journal.push_back(m_name);
     }
     bool isUnique() const override { return m_unique; }
@@ -52,7 +55,7 @@ class Step : public zfw::QueueAble {
 
   private:
     std::vector<std::string>& m_journal;
-    zfw::Mutex& m_guard;
+    std::mutex& m_guard;
     std::string m_name;
     bool m_unique;
     std::string m_key;
@@ -80,11 +83,11 @@ class RunQueueTest : public ::testing::Test {
         return boost::make_shared<Step>(m_journal, m_guard, name, unique, key);
     }
     std::vector<std::string> journal() {
-        zfw::MutexLock lock(m_guard);
+        std::lock_guard<std::mutex> lock(m_guard);
         return m_journal;
     }
 
-    zfw::Mutex m_guard;
+    std::mutex m_guard;
     std::vector<std::string> m_journal;
 };
 

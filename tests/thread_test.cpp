@@ -303,28 +303,37 @@ TEST(Thread, StackSizeFromProperties) {
     pthread_attr_init(&attr);
     pthread_attr_getstacksize(&attr, &defaultSize);
     pthread_attr_destroy(&attr);
-    ASSERT_NE(defaultSize, 65536u);
 
     kvtest::SyslogSink sink;
     struct Case {
         const char* value;
-        size_t stack;
+        size_t stack;         // 0: the default
         const char* message;  // null: no message
     };
+    // The thread library may hand out a cached stack of up to four times the size asked
+    // for, and ThreadSanitizer raises small sizes to its own minimum: the sizes used stay
+    // above that minimum and below a quarter of the default.
     const Case cases[] = {
-        {"", defaultSize, nullptr},
-        {"0", defaultSize, nullptr},
-        {"-4096", defaultSize, nullptr},
-        {"65536", 65536, "DEBUG util.thread Set the pthread stack size to 65536"},
-        {"131072 bytes", 131072, "DEBUG util.thread Set the pthread stack size to 131072"},
-        {"1", defaultSize, "DEBUG util.thread Failed to set the thread stack size, using system default"},
+        {"", 0, nullptr},
+        {"0", 0, nullptr},
+        {"-4096", 0, nullptr},
+        {"1048576", 1048576, "DEBUG util.thread Set the pthread stack size to 1048576"},
+        {"1572864 bytes", 1572864, "DEBUG util.thread Set the pthread stack size to 1572864"},
+        {"1", 0, "DEBUG util.thread Failed to set the thread stack size, using system default"},
     };
+    ASSERT_GT(defaultSize, 4 * 1572864u);
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string("stacksize '") + c.value + "'");
         kvtest::useProperties(std::string("log.util.thread=DEBUG\nzfw.clients.threads.stacksize=") +
                               c.value + "\n");
         sink.take();
-        EXPECT_EQ(stackSizeOfNewThread(), c.stack);
+        const size_t size = stackSizeOfNewThread();
+        if (c.stack == 0) {
+            EXPECT_EQ(size, defaultSize);
+        } else {
+            EXPECT_GE(size, c.stack);
+            EXPECT_LE(size, 4 * c.stack);
+        }
         const std::vector<std::string> texts = sink.takeTexts("util.thread");
         if (c.message == nullptr) {
             EXPECT_TRUE(texts.empty()) << texts.front();
@@ -335,9 +344,9 @@ TEST(Thread, StackSizeFromProperties) {
     }
 
     // Without DEBUG on "util.thread" the size still applies, silently.
-    kvtest::useProperties("zfw.clients.threads.stacksize=65536\n");
+    kvtest::useProperties("zfw.clients.threads.stacksize=1048576\n");
     sink.take();
-    EXPECT_EQ(stackSizeOfNewThread(), 65536u);
+    EXPECT_LE(stackSizeOfNewThread(), 4 * 1048576u);
     EXPECT_TRUE(sink.takeTexts("util.thread").empty());
     kvtest::useProperties("");
 }
