@@ -4,7 +4,7 @@
 //   log queue control lock (starting and stopping the log thread), properties creation
 //   lock, properties instance lock, host settings lock, run-queue registry lock, logger
 //   registry lock, log delivery lock, a run queue's lock.
-// The thread count lock is taken with nothing else held after it.
+// The thread count lock is a leaf: nothing else is taken while it is held.
 #ifndef ZFW_MUTEX_H
 #define ZFW_MUTEX_H
 
