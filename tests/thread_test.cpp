@@ -1,7 +1,6 @@
 // zfw::Thread with real threads: start and self, join and detach, cancellation (also while
-// a zfw::MutexLock is held), sleeping, the thread count, and the stack size and scheduling
-// properties. The binary reruns itself in private namespaces with its own "/dev/log" and
-// configuration file.
+// a zfw::MutexLock is held), sleeping, the thread count, and the stack size property. The
+// binary reruns itself in private namespaces with its own "/dev/log" and configuration file.
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -70,14 +69,6 @@ TEST(Thread, RunsEntryAndKnowsItself) {
     EXPECT_TRUE(thread.joined());
     EXPECT_EQ(thread.name(), "worker.one");
     EXPECT_FALSE(thread.cancelRequested());
-}
-
-TEST(Thread, NullNameKeepsTheOldOne) {
-    zfw::Thread thread;
-    std::function<void()> body = [] {};
-    thread.start(nullptr, runFunction, &body);
-    thread.join();
-    EXPECT_EQ(thread.name(), "");
 }
 
 TEST(Thread, CountsObjects) {
@@ -348,20 +339,6 @@ TEST(Thread, StackSizeFromProperties) {
     sink.take();
     EXPECT_LE(stackSizeOfNewThread(), 4 * 1048576u);
     EXPECT_TRUE(sink.takeTexts("util.thread").empty());
-    kvtest::useProperties("");
-}
-
-TEST(Thread, SchedulingPropertyStillStartsTheThread) {
-    for (const char* value : {"YES", "true", "1", "maybe", "no"}) {
-        SCOPED_TRACE(value);
-        kvtest::useProperties(std::string("zfw.clients.threads.priority=") + value + "\n");
-        zfw::Thread thread;
-        std::atomic<bool> ran{false};
-        std::function<void()> body = [&] { ran = true; };
-        thread.start("scheduled", runFunction, &body);
-        thread.join();
-        EXPECT_TRUE(ran);
-    }
     kvtest::useProperties("");
 }
 
