@@ -1,7 +1,7 @@
 // The log queue and its background thread, writing real syslog datagrams to a private
 // "/dev/log": starting and stopping, records formatted on the logging thread, overflow
 // while syslog blocks (records dropped, the warning in their place, no deadlock), and
-// stopQueue writing what is still queued. The binary reruns itself in private namespaces.
+// stopQueue writing what is still queued. Every case runs in private namespaces.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -20,14 +20,13 @@
 #include <thread>
 #include <vector>
 
+#include "support/hermetic.h"
 #include "support/syslog_sink.h"
 #include "support/zfw_config.h"
 #include "zfw/logger.h"
 #include "zfw/thread.h"
 
 namespace {
-
-const bool kPrivate = kvtest::runInPrivateDevLog();
 
 const char kDropWarning[] =
     "ERROR log Warning: Zantor logger dropping messages:(runqueue full %u) Please insure syslog "
@@ -122,13 +121,11 @@ std::vector<std::string> containing(const std::vector<std::string>& texts,
 
 class LogQueueTest : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_TRUE(kPrivate); }
-    void TearDown() override { kvtest::useProperties(""); }
-
     boost::shared_ptr<zfw::Logger> m_reporter = zfw::Logger::get("test.reporter");
 };
 
 TEST_F(LogQueueTest, SizeBelowOneKeepsDeliveryDirect) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
     for (const char* size : {"0", "-3"}) {
         SCOPED_TRACE(size);
         kvtest::SyslogSink sink;
@@ -147,6 +144,7 @@ TEST_F(LogQueueTest, SizeBelowOneKeepsDeliveryDirect) {
 }
 
 TEST_F(LogQueueTest, QueuedRecordsReachSyslogAndStopDrains) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
     kvtest::useProperties("log.test.reporter=DEBUG\n");
     const int32_t threads = zfw::Thread::m_threadsActive;
@@ -197,6 +195,7 @@ TEST_F(LogQueueTest, QueuedRecordsReachSyslogAndStopDrains) {
 }
 
 TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
     struct Case {
         const char* properties;
         unsigned capacity;
@@ -258,6 +257,7 @@ TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
 }
 
 TEST_F(LogQueueTest, StopWritesEveryPendingRecord) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
     HeldSyslog held;
     kvtest::useProperties("");
     zfw::Logger::startQueue(m_reporter);

@@ -1,7 +1,7 @@
 // zfw::RunQueue with real consumer threads: the bound, duplicate replacement, time-outs,
 // draining, interruption with several consumers, items that throw, contention, and the
-// registry. The binary reruns itself in private namespaces with its own "/dev/log" (the
-// queue's records) and configuration file (their levels).
+// registry. The cases that read the queue's records run in private namespaces with their own
+// "/dev/log" and configuration file (for the levels).
 #include <sched.h>
 
 #include <gtest/gtest.h>
@@ -16,6 +16,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "support/hermetic.h"
 #include "support/syslog_sink.h"
 #include "support/zfw_config.h"
 #include "zfw/exception.h"
@@ -23,8 +24,6 @@
 #include "zfw/thread.h"
 
 namespace {
-
-const bool kPrivate = kvtest::runInPrivateDevLog();
 
 bool eventually(const std::function<bool()>& cond) {
     for (int i = 0; i < 20000000; ++i) {
@@ -76,8 +75,6 @@ zfw::RunQueue::Item call(std::function<void()> body) {
 
 class RunQueueTest : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_TRUE(kPrivate); }
-
     zfw::RunQueue::Item step(const std::string& name, bool unique = false,
                              const std::string& key = std::string()) {
         return boost::make_shared<Step>(m_journal, m_guard, name, unique, key);
@@ -118,6 +115,7 @@ TEST_F(RunQueueTest, BoundRefusesWithBufferFull) {
 }
 
 TEST_F(RunQueueTest, UniqueItemsReplaceTheirPendingTwin) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
     kvtest::useProperties("log.util.runqueue=DEBUG\n");
     zfw::RunQueue queue(0, false);
@@ -139,7 +137,6 @@ TEST_F(RunQueueTest, UniqueItemsReplaceTheirPendingTwin) {
     quiet.add(step("q2", true, "q"));
     EXPECT_EQ(quiet.size(), 1u);
     EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
-    kvtest::useProperties("");
 }
 
 TEST_F(RunQueueTest, DrainingRunsWhatIsPendingAndReturns) {
@@ -235,6 +232,7 @@ TEST_F(RunQueueTest, EachInterruptStopsOneOfSeveralConsumers) {
 }
 
 TEST_F(RunQueueTest, ThrowingItems) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
     kvtest::useProperties("log.util.runqueue=DEBUG\n");
     zfw::RunQueue queue(0, false);
@@ -257,7 +255,6 @@ TEST_F(RunQueueTest, ThrowingItems) {
     quiet.add(call([] { ZFW_THROW(zfw::SystemException, 5, false, "quiet failure"); }));
     quiet.run(-1);
     EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
-    kvtest::useProperties("");
 }
 
 TEST_F(RunQueueTest, ItemMayAddToItsOwnQueue) {
@@ -319,6 +316,7 @@ TEST_F(RunQueueTest, ProducersAndConsumersUnderContention) {
 }
 
 TEST_F(RunQueueTest, Registry) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
     kvtest::useProperties("log.util.runqueue=DEBUG\n");
     EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), nullptr);
@@ -354,7 +352,6 @@ TEST_F(RunQueueTest, Registry) {
     EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), nullptr);
     EXPECT_EQ(zfw::RunQueue::find("reg.b", false, 0), nullptr);
     EXPECT_TRUE(journal().empty()) << "removing a queue must not run its items";
-    kvtest::useProperties("");
 }
 
 }  // namespace

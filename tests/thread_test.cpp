@@ -1,6 +1,6 @@
 // zfw::Thread with real threads: start and self, join and detach, cancellation (also while
-// a zfw::MutexLock is held), sleeping, the thread count, and the stack size property. The
-// binary reruns itself in private namespaces with its own "/dev/log" and configuration file.
+// a zfw::MutexLock is held), sleeping, the thread count, and the stack size property (in
+// private namespaces with their own "/dev/log" and configuration file).
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "support/hermetic.h"
 #include "support/syslog_sink.h"
 #include "support/zfw_config.h"
 #include "zfw/exception.h"
@@ -20,8 +21,6 @@
 #include "zfw/thread.h"
 
 namespace {
-
-const bool kPrivate = kvtest::runInPrivateDevLog();
 
 // Spins (yielding) until cond holds; the bound only keeps a broken build from hanging.
 bool eventually(const std::function<bool()>& cond) {
@@ -48,7 +47,6 @@ class HookedThread : public zfw::Thread {
 };
 
 TEST(Thread, RunsEntryAndKnowsItself) {
-    ASSERT_TRUE(kPrivate);
     EXPECT_EQ(zfw::Thread::self(), nullptr) << "the main thread was not started by zfw";
 
     zfw::Thread thread;
@@ -289,6 +287,7 @@ size_t stackSizeOfNewThread() {
 }
 
 TEST(Thread, StackSizeFromProperties) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
     size_t defaultSize = 0;
     pthread_attr_t attr;
     pthread_attr_init(&attr);
@@ -339,7 +338,6 @@ TEST(Thread, StackSizeFromProperties) {
     sink.take();
     EXPECT_LE(stackSizeOfNewThread(), 4 * 1048576u);
     EXPECT_TRUE(sink.takeTexts("util.thread").empty());
-    kvtest::useProperties("");
 }
 
 }  // namespace
