@@ -1,0 +1,522 @@
+// Connection, handshake and exact-count transfers against peers in child processes,
+// over real Unix sockets, socket pairs and pipes.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "lrpc2/conn.h"
+#include "lrpc2/status.h"
+#include "support/child.h"
+
+namespace {
+
+using kvtest::ChildProcess;
+
+const lrpc2_msg_table* table() { return lrpc2_default_table(); }
+
+bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+bool isNonBlocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
+
+class TempDir {
+public:
+    TempDir() {
+        char name[] = "/tmp/kvconn.XXXXXX";
+        m_path = mkdtemp(name);
+    }
+    ~TempDir() { std::filesystem::remove_all(m_path); }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+int listenAt(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a = {};
+    a.sun_family = AF_UNIX;
+    strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd, 8) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// The daemon side of one handshake: checks the client's hello, then does `then`.
+// Exit status 0 when everything the peer expected happened.
+int daemonSide(int listener, const std::function<int(int)>& then) {
+    const int fd = accept(listener, nullptr, nullptr);
+    uint32_t hello = 0;
+    if (fd < 0 || !kvtest::readFully(fd, &hello, 4)) {
+        return 10;
+    }
+    return hello == LRPC2_HANDSHAKE_HELLO ? then(fd) : 11;
+}
+
+int answer(int fd, uint32_t value) { return kvtest::writeFully(fd, &value, 4) ? 0 : 12; }
+
+int answerInPieces(int fd, uint32_t value, size_t pieces) {
+    const auto* p = reinterpret_cast<const uint8_t*>(&value);
+    for (size_t i = 0; i < 4; i += 4 / pieces) {
+        kvtest::sleepMs(20);
+        if (!kvtest::writeFully(fd, p + i, 4 / pieces)) {
+            return 12;
+        }
+    }
+    return 0;
+}
+
+int stayOpen(int) {
+    pause();
+    return 0;
+}
+
+struct HandshakeCase {
+    const char* name;
+    std::function<int(int)> daemon;
+    int32_t status;
+};
+
+TEST(Lrpc2Connect, HandshakeOutcomes) {
+    const std::vector<HandshakeCase> cases = {
+        {"accepted", [](int fd) { return answer(fd, 1); }, 0},
+        {"accepted in single bytes", [](int fd) { return answerInPieces(fd, 1, 4); }, 0},
+        {"refused with 0", [](int fd) { return answer(fd, 0); }, LRPC2_ERR_OPEN},
+        {"refused with 2", [](int fd) { return answer(fd, 2); }, LRPC2_ERR_OPEN},
+        {"refused with bytes 01 00 00 01", [](int fd) { return answer(fd, 0x01000001); },
+         LRPC2_ERR_OPEN},
+        {"closed", [](int fd) { return close(fd); }, LRPC2_ERR_CLOSED},
+        {"closed after two answer bytes",
+         [](int fd) { return kvtest::writeFully(fd, "\1\0", 2) ? close(fd) : 12; },
+         LRPC2_ERR_CLOSED},
+        {"silent", stayOpen, LRPC2_ERR_TIMEOUT},
+        {"silent after two answer bytes",
+         [](int fd) { return kvtest::writeFully(fd, "\1\0", 2) ? stayOpen(fd) : 12; },
+         LRPC2_ERR_TIMEOUT},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TempDir dir;
+        const std::string path = dir.file("sock");
+        const int listener = listenAt(path);
+        ASSERT_GE(listener, 0);
+        ChildProcess daemon([&] { return daemonSide(listener, c.daemon); });
+        close(listener);
+        int32_t status = -1;
+        lrpc2_conn* conn = lrpc2_connect_timeout(path.c_str(), table(), 1, &status);
+        EXPECT_EQ(status, c.status);
+        if (c.status != 0) {
+            EXPECT_EQ(conn, nullptr);
+            continue;
+        }
+        ASSERT_NE(conn, nullptr);
+        EXPECT_EQ(conn->read_fd, conn->write_fd);
+        EXPECT_EQ(conn->is_socket, 1);
+        EXPECT_EQ(conn->table, table());
+        EXPECT_TRUE(isNonBlocking(conn->read_fd));
+        int passcred = 0;
+        socklen_t len = sizeof passcred;
+        ASSERT_EQ(getsockopt(conn->read_fd, SOL_SOCKET, SO_PASSCRED, &passcred, &len), 0);
+        EXPECT_EQ(passcred, 1);
+        const int fd = conn->read_fd;
+        lrpc2_close(conn);
+        EXPECT_FALSE(isOpen(fd));
+        EXPECT_EQ(daemon.wait(), 0);
+    }
+}
+
+TEST(Lrpc2Connect, NoLimitWaitsForASlowDaemon) {
+    TempDir dir;
+    const std::string path = dir.file("sock");
+    const int listener = listenAt(path);
+    ASSERT_GE(listener, 0);
+    ChildProcess daemon([&] {
+        return daemonSide(listener, [](int fd) {
+            kvtest::sleepMs(1500);
+            return answer(fd, 1);
+        });
+    });
+    close(listener);
+    int32_t status = -1;
+    lrpc2_conn* conn = lrpc2_connect(path.c_str(), table(), &status);
+    ASSERT_EQ(status, 0);
+    EXPECT_TRUE(isNonBlocking(conn->read_fd));
+    lrpc2_close(conn);
+    EXPECT_EQ(daemon.wait(), 0);
+}
+
+TEST(Lrpc2Connect, UnusablePaths) {
+    TempDir dir;
+    const std::string stale = dir.file("stale");
+    close(listenAt(stale));  // a socket file that nobody listens on
+    const std::string longest(LRPC2_MAX_SOCKET_PATH, 'x');
+    struct Case {
+        const char* path;
+        int32_t status;
+    };
+    const std::string fits = "/" + longest.substr(1);
+    const std::string too_long = "/" + longest;
+    const std::string directory = dir.file("");
+    const Case cases[] = {
+        {nullptr, LRPC2_ERR_NOPATH},
+        {"", LRPC2_ERR_NOPATH},
+        {"relative/sock", LRPC2_ERR_NOPATH},
+        {too_long.c_str(), LRPC2_ERR_NOPATH},
+        {fits.c_str(), LRPC2_ERR_OPEN},
+        {"/nonexistent/kvconn/sock", LRPC2_ERR_OPEN},
+        {stale.c_str(), LRPC2_ERR_OPEN},
+        {directory.c_str(), LRPC2_ERR_OPEN},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path != nullptr ? c.path : "(null)");
+        int32_t status = -1;
+        EXPECT_EQ(lrpc2_connect_timeout(c.path, table(), 1, &status), nullptr);
+        EXPECT_EQ(status, c.status);
+    }
+    EXPECT_EQ(lrpc2_connect(nullptr, table(), nullptr), nullptr);
+}
+
+// Refused paths never get as far as creating a socket: with no descriptor left to the
+// process, the path checks still answer 400, and only a usable path reaches socket().
+TEST(Lrpc2Connect, RefusedPathCreatesNoSocket) {
+    ChildProcess child([] {
+        const int next = dup(0);
+        close(next);
+        const rlimit none = {static_cast<rlim_t>(next), static_cast<rlim_t>(next)};
+        if (setrlimit(RLIMIT_NOFILE, &none) != 0) {
+            return 20;
+        }
+        int32_t status = -1;
+        const std::string too_long = "/" + std::string(LRPC2_MAX_SOCKET_PATH, 'y');
+        if (lrpc2_connect_timeout(too_long.c_str(), table(), 1, &status) != nullptr ||
+            status != LRPC2_ERR_NOPATH) {
+            return 21;
+        }
+        if (lrpc2_connect_timeout("rel", table(), 1, &status) != nullptr ||
+            status != LRPC2_ERR_NOPATH) {
+            return 22;
+        }
+        if (lrpc2_connect_timeout("/tmp/x", table(), 1, &status) != nullptr ||
+            status != LRPC2_ERR_OPEN) {
+            return 23;
+        }
+        return 0;
+    });
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(Lrpc2Transfer, ZeroCountReturnsAtOnce) {
+    char byte = 0;
+    for (int32_t is_socket : {0, 1}) {
+        EXPECT_EQ(lrpc2_write_all(-1, &byte, 0, 1, is_socket), 0);
+        EXPECT_EQ(lrpc2_read_all(-1, &byte, 0, 1, is_socket), 0);
+        EXPECT_EQ(lrpc2_read_all(-1, nullptr, 0, 1, is_socket), 0);
+    }
+}
+
+TEST(Lrpc2Transfer, BadArguments) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    char buf[4] = {};
+    EXPECT_EQ(lrpc2_write_all(sv[0], nullptr, 4, 1, 1), LRPC2_ERR_SOCKET);
+    EXPECT_EQ(lrpc2_read_all(sv[0], nullptr, 4, 1, 1), LRPC2_ERR_SOCKET);
+    EXPECT_EQ(lrpc2_write_all(-1, buf, 4, 1, 1), LRPC2_ERR_SOCKET);
+    EXPECT_EQ(lrpc2_read_all(-1, buf, 4, 0, 0), LRPC2_ERR_SOCKET);
+    // A negative time-out cannot bound a wait: the wait fails.
+    fcntl(sv[0], F_SETFL, O_NONBLOCK);
+    EXPECT_EQ(lrpc2_read_all(sv[0], buf, 4, -1, 1), LRPC2_ERR_SOCKET);
+    close(sv[0]);
+    close(sv[1]);
+}
+
+// A frame of `n` bytes delivered by a child in pieces of `piece` bytes.
+std::vector<uint8_t> pattern(size_t n) {
+    std::vector<uint8_t> v(n);
+    for (size_t i = 0; i < n; ++i) {
+        v[i] = static_cast<uint8_t>(i * 7 + 3);
+    }
+    return v;
+}
+
+TEST(Lrpc2Transfer, ReadsAFrameDeliveredInPieces) {
+    struct Case {
+        size_t size;
+        size_t piece;
+        int32_t timeout;
+    };
+    for (const Case c : {Case{11, 1, 2}, Case{64, 5, 2}, Case{64, 5, 0}, Case{9, 4, 0}}) {
+        SCOPED_TRACE(testing::Message() << c.size << "/" << c.piece << " t=" << c.timeout);
+        for (bool use_socket : {true, false}) {
+            int fds[2];
+            ASSERT_EQ(use_socket ? socketpair(AF_UNIX, SOCK_STREAM, 0, fds) : pipe(fds), 0);
+            const auto expected = pattern(c.size);
+            ChildProcess peer([&] {
+                close(fds[0]);
+                for (size_t i = 0; i < c.size; i += c.piece) {
+                    kvtest::sleepMs(5);
+                    if (!kvtest::writeFully(fds[1], &expected[i], std::min(c.piece, c.size - i))) {
+                        return 1;
+                    }
+                }
+                return 0;
+            });
+            close(fds[1]);
+            fcntl(fds[0], F_SETFL, O_NONBLOCK);
+            std::vector<uint8_t> got(c.size);
+            EXPECT_EQ(lrpc2_read_all(fds[0], got.data(), static_cast<uint32_t>(c.size),
+                                     c.timeout, use_socket),
+                      0);
+            EXPECT_EQ(got, expected);
+            EXPECT_TRUE(isNonBlocking(fds[0]));
+            EXPECT_EQ(peer.wait(), 0);
+            close(fds[0]);
+        }
+    }
+}
+
+TEST(Lrpc2Transfer, PeerClosingMidFrame) {
+    for (bool use_socket : {true, false}) {
+        for (int32_t timeout : {0, 2}) {
+            int fds[2];
+            ASSERT_EQ(use_socket ? socketpair(AF_UNIX, SOCK_STREAM, 0, fds) : pipe(fds), 0);
+            ChildProcess peer([&] {
+                close(fds[0]);
+                return kvtest::writeFully(fds[1], "\x12\x80\xcd", 3) ? 0 : 1;
+            });
+            close(fds[1]);
+            fcntl(fds[0], F_SETFL, O_NONBLOCK);
+            uint8_t got[8];
+            EXPECT_EQ(lrpc2_read_all(fds[0], got, 8, timeout, use_socket), LRPC2_ERR_CLOSED);
+            EXPECT_EQ(memcmp(got, "\x12\x80\xcd", 3), 0);
+            EXPECT_EQ(peer.wait(), 0);
+            close(fds[0]);
+        }
+    }
+}
+
+TEST(Lrpc2Transfer, SilentPeerTimesOut) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    fcntl(sv[0], F_SETFL, O_NONBLOCK);
+    ASSERT_TRUE(kvtest::writeFully(sv[1], "ab", 2));
+    char buf[4];
+    EXPECT_EQ(lrpc2_read_all(sv[0], buf, 4, 1, 1), LRPC2_ERR_TIMEOUT);
+    // A peer that reads nothing: the send buffer fills and the write wait runs out.
+    const std::vector<uint8_t> big(8u << 20, 0x5a);
+    EXPECT_EQ(lrpc2_write_all(sv[0], big.data(), static_cast<uint32_t>(big.size()), 1, 1),
+              LRPC2_ERR_TIMEOUT);
+    close(sv[0]);
+    close(sv[1]);
+}
+
+// A vanished reader gives 404, and the process neither dies of SIGPIPE nor keeps one pending.
+TEST(Lrpc2Transfer, WriteToClosedPeer) {
+    for (bool use_socket : {true, false}) {
+        for (int32_t timeout : {0, 1}) {
+            int fds[2];
+            ASSERT_EQ(use_socket ? socketpair(AF_UNIX, SOCK_STREAM, 0, fds) : pipe(fds), 0);
+            const int reader = use_socket ? fds[1] : fds[0];
+            const int writer = use_socket ? fds[0] : fds[1];
+            close(reader);
+            fcntl(writer, F_SETFL, O_NONBLOCK);
+            EXPECT_EQ(lrpc2_write_all(writer, "data", 4, timeout, use_socket), LRPC2_ERR_CLOSED);
+            sigset_t pending;
+            sigpending(&pending);
+            EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+            close(writer);
+        }
+    }
+}
+
+TEST(Lrpc2Transfer, LargeTransferBothWays) {
+    const auto data = pattern(3u << 20);
+    for (int32_t timeout : {0, 2}) {
+        int sv[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        ChildProcess echo([&] {
+            close(sv[0]);
+            std::vector<uint8_t> buf(data.size());
+            return kvtest::readFully(sv[1], buf.data(), buf.size()) &&
+                           kvtest::writeFully(sv[1], buf.data(), buf.size())
+                       ? 0
+                       : 1;
+        });
+        close(sv[1]);
+        fcntl(sv[0], F_SETFL, O_NONBLOCK);
+        const auto n = static_cast<uint32_t>(data.size());
+        EXPECT_EQ(lrpc2_write_all(sv[0], data.data(), n, timeout, 1), 0);
+        std::vector<uint8_t> back(data.size());
+        EXPECT_EQ(lrpc2_read_all(sv[0], back.data(), n, timeout, 1), 0);
+        EXPECT_TRUE(back == data);
+        EXPECT_EQ(echo.wait(), 0);
+        close(sv[0]);
+    }
+}
+
+TEST(Lrpc2Transfer, BlockingDescriptorStaysBlocking) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    EXPECT_EQ(lrpc2_write_all(sv[0], "xy", 2, 0, 1), 0);
+    char buf[2];
+    EXPECT_EQ(lrpc2_read_all(sv[1], buf, 2, 0, 1), 0);
+    EXPECT_FALSE(isNonBlocking(sv[0]));
+    EXPECT_FALSE(isNonBlocking(sv[1]));
+    close(sv[0]);
+    close(sv[1]);
+}
+
+// Descriptors above the 1024 of a select() set wait like any other.
+TEST(Lrpc2Transfer, HighDescriptorNumbers) {
+    rlimit lim;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &lim), 0);
+    const rlimit saved = lim;
+    if (lim.rlim_cur < 4096) {
+        lim.rlim_cur = std::min<rlim_t>(4096, lim.rlim_max);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lim), 0);
+    }
+    ASSERT_GT(lim.rlim_cur, 3000u);
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    const int high = 3000;
+    ASSERT_EQ(dup2(sv[0], high), high);
+    close(sv[0]);
+    fcntl(high, F_SETFL, O_NONBLOCK);
+    char buf[8];
+    EXPECT_EQ(lrpc2_read_all(high, buf, 8, 1, 1), LRPC2_ERR_TIMEOUT);
+    ChildProcess peer([&] {
+        close(high);
+        kvtest::sleepMs(100);
+        return kvtest::writeFully(sv[1], "12345678", 8) ? 0 : 1;
+    });
+    EXPECT_EQ(lrpc2_read_all(high, buf, 8, 2, 1), 0);
+    EXPECT_EQ(memcmp(buf, "12345678", 8), 0);
+    EXPECT_EQ(peer.wait(), 0);
+    close(high);
+    close(sv[1]);
+    setrlimit(RLIMIT_NOFILE, &saved);
+}
+
+void onAlarm(int) {}
+
+// Signals that interrupt a wait or a blocking transfer do not end it.
+TEST(Lrpc2Transfer, InterruptionsAreRetried) {
+    struct sigaction sa = {};
+    struct sigaction old_sa;
+    sa.sa_handler = onAlarm;  // no SA_RESTART: calls fail with EINTR
+    sigaction(SIGALRM, &sa, &old_sa);
+    itimerval every = {{0, 20000}, {0, 20000}};
+    itimerval stop = {};
+    for (int32_t timeout : {0, 2}) {
+        int sv[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        fcntl(sv[0], F_SETFL, O_NONBLOCK);
+        ChildProcess peer([&] {
+            kvtest::sleepMs(300);
+            return kvtest::writeFully(sv[1], "late", 4) ? 0 : 1;
+        });
+        setitimer(ITIMER_REAL, &every, nullptr);
+        char buf[4];
+        EXPECT_EQ(lrpc2_read_all(sv[0], buf, 4, timeout, 1), 0);
+        setitimer(ITIMER_REAL, &stop, nullptr);
+        EXPECT_EQ(memcmp(buf, "late", 4), 0);
+        EXPECT_EQ(peer.wait(), 0);
+        close(sv[0]);
+        close(sv[1]);
+    }
+    sigaction(SIGALRM, &old_sa, nullptr);
+}
+
+TEST(Lrpc2Attach, PipePairHandshakeAndClose) {
+    int to_daemon[2];
+    int to_client[2];
+    ASSERT_EQ(pipe(to_daemon), 0);
+    ASSERT_EQ(pipe(to_client), 0);
+    ChildProcess daemon([&] {
+        close(to_daemon[1]);
+        close(to_client[0]);
+        uint32_t hello = 0;
+        if (!kvtest::readFully(to_daemon[0], &hello, 4) || hello != 2) {
+            return 1;
+        }
+        return answer(to_client[1], 1);
+    });
+    close(to_daemon[0]);
+    close(to_client[1]);
+    int32_t status = -1;
+    lrpc2_conn* conn = lrpc2_attach(to_client[0], to_daemon[1], table(), 2, &status);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(conn->is_socket, 0);
+    EXPECT_EQ(conn->read_fd, to_client[0]);
+    EXPECT_EQ(conn->write_fd, to_daemon[1]);
+    EXPECT_TRUE(isNonBlocking(to_client[0]));
+    EXPECT_TRUE(isNonBlocking(to_daemon[1]));
+    lrpc2_close(conn);
+    EXPECT_FALSE(isOpen(to_client[0]));
+    EXPECT_FALSE(isOpen(to_daemon[1]));
+    EXPECT_EQ(daemon.wait(), 0);
+}
+
+TEST(Lrpc2Attach, SocketOutcomes) {
+    const std::vector<HandshakeCase> cases = {
+        {"accepted", [](int fd) { return answer(fd, 1); }, 0},
+        {"refused", [](int fd) { return answer(fd, 0); }, LRPC2_ERR_OPEN},
+        {"closed", [](int fd) { return close(fd); }, LRPC2_ERR_CLOSED},
+        {"silent", stayOpen, LRPC2_ERR_TIMEOUT},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        int sv[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        ChildProcess daemon([&] {
+            close(sv[0]);
+            uint32_t hello = 0;
+            return kvtest::readFully(sv[1], &hello, 4) && hello == 2 ? c.daemon(sv[1]) : 11;
+        });
+        close(sv[1]);
+        int32_t status = -1;
+        lrpc2_conn* conn = lrpc2_attach(sv[0], sv[0], table(), 1, &status);
+        EXPECT_EQ(status, c.status);
+        if (c.status == 0) {
+            ASSERT_NE(conn, nullptr);
+            EXPECT_EQ(conn->is_socket, 1);
+            lrpc2_close(conn);
+            EXPECT_FALSE(isOpen(sv[0]));
+            EXPECT_EQ(daemon.wait(), 0);
+        } else {
+            EXPECT_EQ(conn, nullptr);
+            EXPECT_TRUE(isOpen(sv[0]));  // still the caller's
+            close(sv[0]);
+        }
+    }
+}
+
+TEST(Lrpc2Attach, DescriptorThatCannotBeExamined) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    int32_t status = -1;
+    EXPECT_EQ(lrpc2_attach(-1, sv[0], table(), 1, &status), nullptr);
+    EXPECT_EQ(status, LRPC2_ERR_NOPATH);
+    EXPECT_EQ(lrpc2_attach(sv[0], 999, table(), 1, &status), nullptr);
+    EXPECT_EQ(status, LRPC2_ERR_NOPATH);
+    EXPECT_TRUE(isOpen(sv[0]));
+    EXPECT_FALSE(isNonBlocking(sv[0]));
+    close(sv[0]);
+    close(sv[1]);
+    lrpc2_close(nullptr);
+}
+
+}  // namespace

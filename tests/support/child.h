@@ -1,0 +1,39 @@
+// Test peers as real processes: a forked child running a function, and blocking
+// exact-count transfers for the peer's side of a descriptor.
+#ifndef KV_TESTS_SUPPORT_CHILD_H
+#define KV_TESTS_SUPPORT_CHILD_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+
+namespace kvtest {
+
+class ChildProcess {
+public:
+    // Forks; the child runs `body` and exits with its result.
+    explicit ChildProcess(const std::function<int()>& body);
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+    // A child still running is killed.
+    ~ChildProcess();
+
+    // Waits for the child: its exit status, or 128 + the signal that ended it.
+    int wait();
+    pid_t pid() const { return m_pid; }
+
+private:
+    pid_t m_pid;
+    int m_status = -1;
+};
+
+// Blocking transfers that retry until `n` bytes moved; false on error or end of file.
+bool writeFully(int fd, const void* data, size_t n);
+bool readFully(int fd, void* data, size_t n);
+// Sleeps for `ms` milliseconds.
+void sleepMs(int ms);
+
+}  // namespace kvtest
+
+#endif

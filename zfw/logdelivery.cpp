@@ -1,0 +1,102 @@
+// Delivery of log records to the system log.
+#include "zfw/logdelivery.h"
+
+#include <syslog.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "zfw/logger.h"
+#include "zfw/mutex.h"
+#include "zfw/osport.h"
+
+namespace zfw {
+namespace {
+
+// The delivery lock: one record at a time. It comes after the logger registry lock
+// (logger.cpp) and before a log queue's lock; nothing done while it is held may take the
+// registry lock or the properties locks.
+Mutex* gDeliveryMutex = nullptr;
+
+// Set by the first record, which decides whether to open the system log.
+std::atomic<bool> gOpened{false};
+// The identity handed to openlog must outlive it.
+char* gIdentity = nullptr;
+
+struct Facility {
+    const char* name;
+    int32_t code;
+};
+const Facility kFacilities[] = {
+    {"auth", LOG_AUTH},     {"authpriv", LOG_AUTHPRIV}, {"cron", LOG_CRON},
+    {"daemon", LOG_DAEMON}, {"ftp", LOG_FTP},           {"kern", LOG_KERN},
+    {"lpr", LOG_LPR},       {"mail", LOG_MAIL},         {"news", LOG_NEWS},
+    {"syslog", LOG_SYSLOG}, {"user", LOG_USER},         {"uucp", LOG_UUCP},
+    {"local0", LOG_LOCAL0}, {"local1", LOG_LOCAL1},     {"local2", LOG_LOCAL2},
+    {"local3", LOG_LOCAL3}, {"local4", LOG_LOCAL4},     {"local5", LOG_LOCAL5},
+    {"local6", LOG_LOCAL6}, {"local7", LOG_LOCAL7},
+};
+static_assert(LOG_AUTH == kFacilityAuth, "facility codes are the shifted syslog codes");
+
+// The first record decides, once per process, whether to call openlog. It runs before the
+// delivery lock is taken: reading the properties may load them, and every load configures
+// the loggers under the registry lock, which must not be taken while the delivery lock is
+// held. Records delivered meanwhile (also those of that load) use syslog's defaults.
+void openOnce() {
+    if (gOpened.load(std::memory_order_acquire) || gOpened.exchange(true)) {
+        return;
+    }
+    gIdentity = strdup(processName().c_str());
+    openlog(gIdentity, LOG_PID, LOG_AUTH);
+}
+
+}  // namespace
+
+std::string processName() {
+    if (program_invocation_short_name == nullptr || program_invocation_short_name[0] == '\0') {
+        ensureProgramName();
+    }
+    return program_invocation_short_name;
+}
+
+int32_t levelPriority(int32_t level) {
+    switch (level) {
+        case Logger::TRACE:
+        case Logger::DEBUG:
+            return LOG_DEBUG;
+        case Logger::INFO:
+            return LOG_INFO;
+        case Logger::WARN:
+            return LOG_WARNING;
+        case Logger::ERROR:
+            return LOG_ERR;
+        default:
+            return LOG_EMERG;
+    }
+}
+
+void deliver(int32_t facility, int32_t level, const char* record, va_list args) {
+    openOnce();
+    MutexLock lock(lazyMutex(gDeliveryMutex));
+    vsyslog(levelPriority(level) | facility, record, args);
+}
+
+void closeSystemLog() {
+    MutexLock lock(lazyMutex(gDeliveryMutex));
+    closelog();
+    free(gIdentity);
+    gIdentity = nullptr;
+}
+
+int32_t parseFacility(const std::string& name) {
+    for (const Facility& f : kFacilities) {
+        if (name.size() == std::strlen(f.name) && strcasecmp(name.c_str(), f.name) == 0) {
+            return f.code;
+        }
+    }
+    return -1;
+}
+
+}  // namespace zfw
