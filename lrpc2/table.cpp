@@ -36,7 +36,9 @@ const lrpc2_msg_table kTable = {sizeof kEntries / sizeof kEntries[0], kEntries};
 
 extern "C" {
 
-const lrpc2_msg_table* lrpc2_default_table(void) { return &kTable; }
+const lrpc2_msg_table* lrpc2_default_table(void) {
+    return &kTable;
+}
 
 const lrpc2_msg_entry* lrpc2_table_find(const lrpc2_msg_table* table, uint32_t id) {
     if (table == nullptr || table->entries == nullptr) {

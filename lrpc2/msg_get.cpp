@@ -1,0 +1,220 @@
+/* Reading fields out of a complete message. A get works on a private reader and moves the
+ * message's read position only when it succeeds, so a refused or failed get can be retried. */
+#include <stdlib.h>
+
+#include "lrpc2/status.h"
+#include "msg_internal.h"
+
+namespace {
+
+// Checks the message and the next tag; on success the reader stands after the tag.
+int32_t begin_get(const lrpc2_msg* msg, uint8_t want, lrpc2_reader* r) {
+    if (msg == nullptr || msg->state != LRPC2_STATE_COMPLETE) {
+        return LRPC2_MSG_INVALID;
+    }
+    r->pos = msg->u.done.read;
+    r->end = msg->u.done.end;
+    uint8_t tag = 0;
+    if (r->pos >= r->end || !r->u8(&tag)) {
+        return LRPC2_MSG_NODATA;
+    }
+    if (tag != want) {
+        return tag == LRPC2_T_END ? LRPC2_MSG_NODATA : LRPC2_MSG_BADTYPE;
+    }
+    return 0;
+}
+
+int32_t finish_get(lrpc2_msg* msg, const lrpc2_reader& r) {
+    msg->u.done.read = const_cast<uint8_t*>(r.pos);
+    return 0;
+}
+
+bool secure(const lrpc2_msg* msg) {
+    return (msg->flags & LRPC2_MSGF_SECURE) != 0;
+}
+
+// A length-prefixed string: a zero-terminated copy, or null for the null string.
+int32_t read_string(lrpc2_reader* r, char** out) {
+    uint32_t n = 0;
+    if (!r->u32(&n)) {
+        return LRPC2_MSG_NODATA;
+    }
+    if (n == LRPC2_NULL_LEN) {
+        *out = nullptr;
+        return 0;
+    }
+    if (r->left() < n) {
+        return LRPC2_MSG_NODATA;
+    }
+    char* text = static_cast<char*>(malloc(static_cast<size_t>(n) + 1));
+    if (text == nullptr) {
+        return LRPC2_MSG_NOMEM;
+    }
+    memcpy(text, r->pos, n);
+    text[n] = '\0';
+    r->pos += n;
+    *out = text;
+    return 0;
+}
+
+// Set members that would end the handed-out array early (a null text in a string set, a pair of
+// two nulls in a key-value set) are handed out as the empty text, so no member is lost.
+int32_t empty_text(char** out) {
+    *out = static_cast<char*>(calloc(1, 1));
+    return *out != nullptr ? 0 : LRPC2_MSG_NOMEM;
+}
+
+int32_t get_text(lrpc2_msg* msg, uint8_t tag, char** text) {
+    lrpc2_reader r;
+    int32_t rc = text != nullptr ? begin_get(msg, tag, &r) : LRPC2_MSG_INVALID;
+    if (rc == 0) {
+        rc = read_string(&r, text);
+    }
+    return rc != 0 ? rc : finish_get(msg, r);
+}
+
+// Reads a 32-bit count whose members take at least min_member bytes each; a count that the
+// remaining bytes cannot hold is refused before anything is allocated.
+int32_t read_count(lrpc2_reader* r, size_t min_member, uint32_t* count) {
+    if (!r->u32(count)) {
+        return LRPC2_MSG_NODATA;
+    }
+    return *count <= r->left() / min_member ? 0 : LRPC2_MSG_NODATA;
+}
+
+template <typename T>
+int32_t get_fixed(lrpc2_msg* msg, uint8_t tag, T* value) {
+    lrpc2_reader r;
+    int32_t rc = value != nullptr ? begin_get(msg, tag, &r) : LRPC2_MSG_INVALID;
+    if (rc == 0 && r.left() < sizeof(T)) {
+        rc = LRPC2_MSG_NODATA;
+    }
+    if (rc != 0) {
+        return rc;
+    }
+    memcpy(value, r.pos, sizeof(T));
+    r.pos += sizeof(T);
+    return finish_get(msg, r);
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t lrpc2_get_bool(lrpc2_msg* msg, int32_t* value) {
+    uint8_t byte = 0;
+    const int32_t rc = get_fixed(msg, LRPC2_T_BOOL, value != nullptr ? &byte : nullptr);
+    if (rc == 0) {
+        *value = byte;
+    }
+    return rc;
+}
+
+int32_t lrpc2_get_int32(lrpc2_msg* msg, int32_t* value) {
+    return get_fixed(msg, LRPC2_T_INT32, value);
+}
+
+int32_t lrpc2_get_uint32(lrpc2_msg* msg, uint32_t* value) {
+    return get_fixed(msg, LRPC2_T_UINT32, value);
+}
+
+int32_t lrpc2_get_string(lrpc2_msg* msg, char** text) {
+    return get_text(msg, LRPC2_T_STRING, text);
+}
+
+int32_t lrpc2_get_string_alt(lrpc2_msg* msg, char** text) {
+    return get_text(msg, LRPC2_T_STRING_ALT, text);
+}
+
+int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length) {
+    lrpc2_reader r;
+    uint32_t n = 0;
+    int32_t rc =
+        data != nullptr && length != nullptr ? begin_get(msg, LRPC2_T_BLOB, &r) : LRPC2_MSG_INVALID;
+    if (rc == 0 && !r.u32(&n)) {
+        rc = LRPC2_MSG_NODATA;
+    }
+    if (rc != 0) {
+        return rc;
+    }
+    if (n == LRPC2_NULL_LEN) {
+        *data = nullptr;
+        *length = 0;
+        return finish_get(msg, r);
+    }
+    if (r.left() < n) {
+        return LRPC2_MSG_NODATA;
+    }
+    // An empty blob still gets a block of its own, so it stays distinct from the null blob.
+    uint8_t* block = static_cast<uint8_t*>(malloc(n != 0 ? n : 1));
+    if (block == nullptr) {
+        return LRPC2_MSG_NOMEM;
+    }
+    memcpy(block, r.pos, n);
+    r.pos += n;
+    *data = block;
+    *length = n;
+    return finish_get(msg, r);
+}
+
+int32_t lrpc2_get_string_set(lrpc2_msg* msg, char*** texts) {
+    lrpc2_reader r;
+    uint32_t count = 0;
+    int32_t rc = texts != nullptr ? begin_get(msg, LRPC2_T_STRINGSET, &r) : LRPC2_MSG_INVALID;
+    if (rc == 0) {
+        rc = read_count(&r, 4, &count);
+    }
+    if (rc != 0) {
+        return rc;
+    }
+    char** array = static_cast<char**>(calloc(static_cast<size_t>(count) + 1, sizeof(char*)));
+    if (array == nullptr) {
+        return LRPC2_MSG_NOMEM;
+    }
+    for (uint32_t i = 0; i < count; ++i) {
+        rc = read_string(&r, &array[i]);
+        if (rc == 0 && array[i] == nullptr) {
+            rc = empty_text(&array[i]);
+        }
+        if (rc != 0) {
+            lrpc2_free_string_set(array, secure(msg));
+            return rc;
+        }
+    }
+    *texts = array;
+    return finish_get(msg, r);
+}
+
+int32_t lrpc2_get_kv_set(lrpc2_msg* msg, lrpc2_kv** pairs) {
+    lrpc2_reader r;
+    uint32_t count = 0;
+    int32_t rc = pairs != nullptr ? begin_get(msg, LRPC2_T_KVSET, &r) : LRPC2_MSG_INVALID;
+    if (rc == 0) {
+        rc = read_count(&r, 8, &count);
+    }
+    if (rc != 0) {
+        return rc;
+    }
+    lrpc2_kv* array =
+        static_cast<lrpc2_kv*>(calloc(static_cast<size_t>(count) + 1, sizeof(lrpc2_kv)));
+    if (array == nullptr) {
+        return LRPC2_MSG_NOMEM;
+    }
+    for (uint32_t i = 0; i < count && rc == 0; ++i) {
+        rc = read_string(&r, &array[i].key);
+        if (rc == 0) {
+            rc = read_string(&r, &array[i].value);
+        }
+        if (rc == 0 && array[i].key == nullptr && array[i].value == nullptr) {
+            rc = empty_text(&array[i].key);
+        }
+    }
+    if (rc != 0) {
+        lrpc2_free_kv_set(array, secure(msg));
+        return rc;
+    }
+    *pairs = array;
+    return finish_get(msg, r);
+}
+
+}  // extern "C"
