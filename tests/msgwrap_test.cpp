@@ -8,12 +8,15 @@
 #include "lrpc2/msg.h"
 #include "lrpc2/status.h"
 #include "lrpc2/table.h"
+#include "support/alloc_hooks.h"
 #include "zfw/exception.h"
 #include "zkvfw/msgwrap.h"
 
 namespace {
 
-const lrpc2_msg_table* table() { return lrpc2_default_table(); }
+const lrpc2_msg_table* table() {
+    return lrpc2_default_table();
+}
 
 // The fields of a complete message: the bytes after the 8-byte header and 2-byte id.
 std::vector<uint8_t> fields(Lrpc2Message& msg) {
@@ -35,7 +38,7 @@ void expectThrow(const std::function<void()>& op, const std::string& text, int32
         ADD_FAILURE() << "no exception, expected: " << text;
     } catch (const E& e) {
         EXPECT_STREQ(e.what(), text.c_str());
-        EXPECT_EQ(e.getRc(), rc) << text;
+        EXPECT_EQ(e.rc(), rc) << text;
     } catch (const std::exception& e) {
         ADD_FAILURE() << "wrong exception type for: " << e.what();
     }
@@ -46,6 +49,18 @@ TEST(Lrpc2MessageCreate, UnknownIdOrNoTableThrows) {
                                       "Unable to create request message", LRPC2_MSG_INVALID);
     expectThrow<zfw::SystemException>([] { Lrpc2Message m(LRPC2_ID_KV_STOP, nullptr); },
                                       "Unable to create request message", LRPC2_MSG_INVALID);
+}
+
+TEST(Lrpc2MessageCreate, RefusedMemoryThrowsAndLeavesNothing) {
+    alloc_hooks::start(1);
+    expectThrow<zfw::SystemException>([] { Lrpc2Message m(LRPC2_ID_KV_PING, table()); },
+                                      "Unable to create request message", LRPC2_MSG_NOMEM);
+    alloc_hooks::start(2);  // the record is had, its buffer is not
+    expectThrow<zfw::SystemException>([] { Lrpc2Message m(LRPC2_ID_KV_PING, table()); },
+                                      "Unable to create request message", LRPC2_MSG_NOMEM);
+    EXPECT_TRUE(alloc_hooks::state().failed);
+    EXPECT_EQ(alloc_hooks::state().live, 0);
+    alloc_hooks::stop();
 }
 
 TEST(Lrpc2MessageCreate, EmptyRequestCompletesToIdAndEndTag) {
@@ -87,8 +102,8 @@ TEST(Lrpc2MessageFields, WrittenFieldsReadBack) {
     EXPECT_EQ(msg.readString(), "");
     EXPECT_EQ(msg.readBlob(), blob);
     EXPECT_EQ(msg.readBlob(), "");
-    expectThrow<zfw::EndOfFileException>([&] { msg.readBool(); },
-                                         "No more data while reading Bool", 0);
+    expectThrow<zfw::EndOfFileException>([&] { msg.readBool(); }, "No more data while reading Bool",
+                                         0);
 }
 
 TEST(Lrpc2MessageFields, EmptyStringTravelsAsTheNullString) {
@@ -96,8 +111,8 @@ TEST(Lrpc2MessageFields, EmptyStringTravelsAsTheNullString) {
     msg.writeString("");
     msg.writeString("ab");
     msg.complete();
-    EXPECT_EQ(fields(msg), (std::vector<uint8_t>{4, 0xFF, 0xFF, 0xFF, 0xFF, 4, 2, 0, 0, 0, 'a',
-                                                 'b', 0}));
+    EXPECT_EQ(fields(msg),
+              (std::vector<uint8_t>{4, 0xFF, 0xFF, 0xFF, 0xFF, 4, 2, 0, 0, 0, 'a', 'b', 0}));
 }
 
 TEST(Lrpc2MessageFields, ReceivedBoolIsTrueForAnyNonZeroByte) {
@@ -185,7 +200,9 @@ const std::vector<WriterCase>& writerCases() {
         {"Unable to begin writing string set to the reply message",
          [](Lrpc2Message& m) { m.writeStringSet({"s"}); }},
         {"Unable to begin writing key-value set to the reply message",
-         [](Lrpc2Message& m) { m.writeKeyValueSet({{"k", "v"}}); }},
+         [](Lrpc2Message& m) {
+             m.writeKeyValueSet({{"k", "v"}});
+         }},
     };
     return cases;
 }
@@ -211,6 +228,32 @@ TEST(Lrpc2MessageWriters, FailedMessageRefusesWritesAndCompletion) {
     }
 }
 
+TEST(Lrpc2MessageSets, FailedAddThrowsThePerElementText) {
+    // The first element outgrows the message's initial buffer; its growth is refused.
+    const std::string big(2000, 'x');
+    const zfw::StringList texts = {big};
+    const std::vector<std::pair<std::string, std::string>> pairs = {{big, "v"}};
+    {
+        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
+        alloc_hooks::start(1);
+        expectThrow<zfw::SystemException>([&] { msg.writeStringSet(texts); },
+                                          "Unable to write string to reply message",
+                                          LRPC2_MSG_NOMEM);
+        alloc_hooks::stop();
+    }
+    {
+        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
+        alloc_hooks::start(1);
+        expectThrow<zfw::SystemException>([&] { msg.writeKeyValueSet(pairs); },
+                                          "Unable to write key-value to reply message",
+                                          LRPC2_MSG_NOMEM);
+        alloc_hooks::stop();
+        // The library failed the message: it can only be released.
+        expectThrow<zfw::SystemException>([&] { msg.complete(); },
+                                          "Unable to complete reply message", LRPC2_MSG_INVALID);
+    }
+}
+
 TEST(Lrpc2MessageSets, EmptyStringSetHasCountZero) {
     Lrpc2Message msg(LRPC2_ID_KV_PING, table());
     msg.writeStringSet({});
@@ -223,10 +266,10 @@ TEST(Lrpc2MessageSets, EmptyElementsAreEmptyTextsNotNull) {
     msg.writeStringSet({"x", ""});
     msg.writeKeyValueSet({{"k", ""}, {"", "v"}});
     msg.complete();
-    EXPECT_EQ(fields(msg), (std::vector<uint8_t>{7, 2, 0, 0, 0, 1, 0, 0, 0, 'x', 0, 0, 0, 0,  //
-                                                 8, 2, 0, 0, 0,                               //
-                                                 1, 0, 0, 0, 'k', 0, 0, 0, 0,                 //
-                                                 0, 0, 0, 0, 1, 0, 0, 0, 'v',                 //
+    EXPECT_EQ(fields(msg), (std::vector<uint8_t>{7, 2, 0, 0, 0,   1, 0, 0, 0,   'x', 0, 0, 0, 0,  //
+                                                 8, 2, 0, 0, 0,                                   //
+                                                 1, 0, 0, 0, 'k', 0, 0, 0, 0,                     //
+                                                 0, 0, 0, 0, 1,   0, 0, 0, 'v',                   //
                                                  0}));
 }
 

@@ -24,7 +24,9 @@ Lrpc2Client::Lrpc2Client()
     conf_free(conf);
 }
 
-Lrpc2Client::~Lrpc2Client() { disconnect(); }
+Lrpc2Client::~Lrpc2Client() {
+    disconnect();
+}
 
 bool Lrpc2Client::connect(int32_t timeout) {
     conf_file* conf = conf_open(kConfigFile, nullptr, nullptr);
@@ -56,8 +58,7 @@ void Lrpc2Client::disconnect() {
 
 void Lrpc2Client::send(Lrpc2Message& request, Lrpc2Message& reply, int32_t timeout) {
     if (m_connection == nullptr) {
-        ZFW_THROW(zfw::SystemException, 0, true,
-                  "Can't send an lrpc2 message yet, not connected");
+        ZFW_THROW(zfw::SystemException, 0, true, "Can't send an lrpc2 message yet, not connected");
     }
     int32_t status = 0;
     lrpc2_msg* answer = lrpc2_exchange_timeout(m_connection, request.handle(),
@@ -91,9 +92,8 @@ std::string Lrpc2Client::queryCollectorStatus() {
     return reply.readString();
 }
 
-void Lrpc2Client::queryCollectorStatus2(int32_t& value1, std::string& value2,
-                                        std::string& value3, bool& value4, std::string& value5,
-                                        std::string& value6) {
+void Lrpc2Client::queryCollectorStatus2(int32_t& value1, std::string& value2, std::string& value3,
+                                        bool& value4, std::string& value5, std::string& value6) {
     Lrpc2Message request(LRPC2_ID_KV_QUERY_COLLECTOR_STATUS2, m_messageTable);
     request.complete();
     Lrpc2Message reply;

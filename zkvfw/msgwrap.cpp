@@ -108,7 +108,7 @@ void Lrpc2Message::writeBlob(const void* data, uint32_t length) {
     }
 }
 
-void Lrpc2Message::writeStringSet(const std::list<std::string>& values) {
+void Lrpc2Message::writeStringSet(const zfw::StringList& values) {
     int32_t status = lrpc2_begin_string_set(m_msg);
     if (status != 0) {
         throwWriteError(status, "Unable to begin writing string set to the reply message");
@@ -122,8 +122,7 @@ void Lrpc2Message::writeStringSet(const std::list<std::string>& values) {
     }
 }
 
-void Lrpc2Message::writeKeyValueSet(
-    const std::vector<std::pair<std::string, std::string>>& pairs) {
+void Lrpc2Message::writeKeyValueSet(const std::vector<std::pair<std::string, std::string>>& pairs) {
     int32_t status = lrpc2_begin_kv_set(m_msg);
     if (status != 0) {
         throwWriteError(status, "Unable to begin writing key-value set to the reply message");

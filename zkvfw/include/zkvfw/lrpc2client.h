@@ -26,7 +26,7 @@
 #include "zkvfw/msgwrap.h"
 
 class Lrpc2Client {
-public:
+  public:
     // Reads the default time-out; does not connect.
     Lrpc2Client();
     ~Lrpc2Client();
@@ -56,7 +56,7 @@ public:
     // The daemon's result, or 501 when the exchange failed.
     int32_t reloadProperties();
 
-private:
+  private:
     const lrpc2_msg_table* m_messageTable;
     lrpc2_conn* m_connection;
     int32_t m_timeout;

@@ -9,7 +9,6 @@
 
 #include <stdint.h>
 
-#include <list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,9 +16,10 @@
 #include "lrpc2/msg.h"
 #include "lrpc2/table.h"
 #include "zfw/exception.h"
+#include "zfw/strutil.h"
 
 class Lrpc2Message {
-public:
+  public:
     // An empty wrapper, to be given a received message with `adopt`.
     Lrpc2Message() : m_msg(nullptr) {}
 
@@ -76,10 +76,10 @@ public:
 
     // The set stays open after these return; the next write or `complete` closes it.
     // Elements already added when an add fails stay in the message.
-    void writeStringSet(const std::list<std::string>& values);
+    void writeStringSet(const zfw::StringList& values);
     void writeKeyValueSet(const std::vector<std::pair<std::string, std::string>>& pairs);
 
-private:
+  private:
     lrpc2_msg* m_msg;
 };
 
