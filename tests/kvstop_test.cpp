@@ -9,10 +9,9 @@
 
 #include "support/hermetic.h"
 #include "support/kvdsim.h"
+#include "support/program.h"
 
 namespace {
-
-const bool kHermetic = kvtest::enterHermetic();
 
 const char kBinDir[] = KV_BIN_DIR "/tools/kvstop";
 const std::string kKvstop = std::string(kBinDir) + "/kvstop";
@@ -26,7 +25,9 @@ const char kHello[] = "hello 02000000";
 const char kStopFrame[] = "frame 1280cdab0b000000140000";
 const char kPingFrame[] = "frame 1280cdab0b0000000a0000";
 
-std::string on(int conn, const char* line) { return std::to_string(conn) + " " + line; }
+std::string on(int conn, const char* line) {
+    return std::to_string(conn) + " " + line;
+}
 
 std::string failed(const std::string& text) {
     return "Unable to stop Kavelo daemon: \"Unable to send lrpc2 message: " + text + "\"\n";
@@ -43,16 +44,18 @@ struct StopCase {
     std::vector<std::string> frames;  // what kvdsim received
 };
 
-void PrintTo(const StopCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const StopCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class KvstopOutcome : public ::testing::TestWithParam<StopCase> {};
 
 TEST_P(KvstopOutcome, OutputStatusAndFramesReceived) {
-    ASSERT_TRUE(kHermetic && kvtest::isHermetic());
+    KV_REQUIRE_HERMETIC();
     const StopCase& c = GetParam();
     kvtest::TempDir dir;
-    ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n" +
-                                          c.config));
+    ASSERT_TRUE(
+        kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n" + c.config));
     std::unique_ptr<kvtest::Kvdsim> daemon;
     if (c.daemon) {
         daemon.reset(new kvtest::Kvdsim(dir, c.kvdsimArgs));
@@ -72,28 +75,78 @@ TEST_P(KvstopOutcome, OutputStatusAndFramesReceived) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, KvstopOutcome,
     ::testing::Values(
-        StopCase{"stopped", "", true, {"--exit-on-stop"}, 0, kStopped, "",
+        StopCase{"stopped",
+                 "",
+                 true,
+                 {"--exit-on-stop"},
+                 0,
+                 kStopped,
+                 "",
                  {on(1, kHello), on(1, kStopFrame)}},
         StopCase{"no_socket", "", false, {}, 1, "", kUnreachable, {}},
-        StopCase{"handshake_refused", "", true, {"--handshake", "0"}, 1, "", kUnreachable,
+        StopCase{"handshake_refused",
+                 "",
+                 true,
+                 {"--handshake", "0"},
+                 1,
+                 "",
+                 kUnreachable,
                  {on(1, kHello)}},
-        StopCase{"stop_closed", "", true, {"--fault", "close-request"}, 2, "",
-                 failed("404 (Socket closed)"), {on(1, kHello), on(1, kStopFrame)}},
-        StopCase{"stop_timed_out", "lrpc2.timeout=1\n", true, {"--fault", "silent-request"}, 2,
-                 "", failed("408 (Timeout during operation)"),
+        StopCase{"stop_closed",
+                 "",
+                 true,
+                 {"--fault", "close-request"},
+                 2,
+                 "",
+                 failed("404 (Socket closed)"),
                  {on(1, kHello), on(1, kStopFrame)}},
-        StopCase{"stop_bad_magic", "", true, {"--fault", "bad-magic"}, 2, "",
-                 failed("405 (Socket error)"), {on(1, kHello), on(1, kStopFrame)}},
-        StopCase{"still_answering", "", true, {}, 2, "", "",
+        StopCase{"stop_timed_out",
+                 "lrpc2.timeout=1\n",
+                 true,
+                 {"--fault", "silent-request"},
+                 2,
+                 "",
+                 failed("408 (Timeout during operation)"),
+                 {on(1, kHello), on(1, kStopFrame)}},
+        StopCase{"stop_bad_magic",
+                 "",
+                 true,
+                 {"--fault", "bad-magic"},
+                 2,
+                 "",
+                 failed("405 (Socket error)"),
+                 {on(1, kHello), on(1, kStopFrame)}},
+        StopCase{"still_answering",
+                 "",
+                 true,
+                 {},
+                 2,
+                 "",
+                 "",
                  {on(1, kHello), on(1, kStopFrame), on(2, kHello), on(2, kPingFrame)}},
-        StopCase{"ping_closed", "", true, {"--fault", "close-request", "--fault-conn", "2"}, 0,
-                 kStopped, "",
+        StopCase{"ping_closed",
+                 "",
+                 true,
+                 {"--fault", "close-request", "--fault-conn", "2"},
+                 0,
+                 kStopped,
+                 "",
                  {on(1, kHello), on(1, kStopFrame), on(2, kHello), on(2, kPingFrame)}},
-        StopCase{"handshake_never_completed_after_stop", "lrpc2.timeout=1\n", true,
-                 {"--fault", "silent-hello", "--fault-conn", "2"}, 0, kStopped, "",
+        StopCase{"handshake_never_completed_after_stop",
+                 "lrpc2.timeout=1\n",
+                 true,
+                 {"--fault", "silent-hello", "--fault-conn", "2"},
+                 0,
+                 kStopped,
+                 "",
                  {on(1, kHello), on(1, kStopFrame), on(2, kHello)}},
-        StopCase{"handshake_refused_after_stop", "", true,
-                 {"--fault", "close-hello", "--fault-conn", "2"}, 0, kStopped, "",
+        StopCase{"handshake_refused_after_stop",
+                 "",
+                 true,
+                 {"--fault", "close-hello", "--fault-conn", "2"},
+                 0,
+                 kStopped,
+                 "",
                  {on(1, kHello), on(1, kStopFrame), on(2, kHello)}}),
     [](const ::testing::TestParamInfo<StopCase>& info) { return std::string(info.param.name); });
 
@@ -108,12 +161,12 @@ std::string hex(const std::string& bytes) {
 }
 
 std::string le32(uint32_t v) {
-    return std::string{static_cast<char>(v), static_cast<char>(v >> 8),
-                       static_cast<char>(v >> 16), static_cast<char>(v >> 24)};
+    return std::string{static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
+                       static_cast<char>(v >> 24)};
 }
 
 TEST(KvstopAuthentication, StopRequestAnswersTheChallenge) {
-    ASSERT_TRUE(kHermetic && kvtest::isHermetic());
+    KV_REQUIRE_HERMETIC();
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
     const std::string proof1 = "first proof", proof2("2nd\0proof", 9);
@@ -131,8 +184,8 @@ TEST(KvstopAuthentication, StopRequestAnswersTheChallenge) {
     EXPECT_EQ(r.err, "");
     daemon.wait();
     // Identity: id 1 with the effective uid and gid (0 and 0) as uint32 fields.
-    const std::string identity = "\x01\x00" + std::string("\x03") + le32(0) + "\x03" + le32(0) +
-                                 std::string(1, '\0');
+    const std::string identity =
+        std::string("\x01\x00\x03", 3) + le32(0) + "\x03" + le32(0) + std::string(1, '\0');
     // Proof: id 2 with both files' contents as blobs.
     const std::string proof = std::string("\x02\x00\x06", 3) + le32(proof1.size()) + proof1 +
                               "\x06" + le32(proof2.size()) + proof2 + std::string(1, '\0');
@@ -144,8 +197,9 @@ TEST(KvstopAuthentication, StopRequestAnswersTheChallenge) {
 }
 
 TEST(KvstopConfiguration, DefaultSocketWithoutConfigurationFile) {
-    ASSERT_TRUE(kHermetic && kvtest::isHermetic());
-    kvtest::Kvdsim daemon("/var/zantorkv/audit", {"--exit-on-stop"});
+    KV_REQUIRE_HERMETIC();
+    kvtest::TempDir dir;
+    kvtest::Kvdsim daemon(dir, {"--exit-on-stop"}, {}, "/var/zantorkv/audit");
     ASSERT_TRUE(daemon.ready());
     const kvtest::ProgramResult r = kvtest::runProgram({kKvstop});
     EXPECT_EQ(r.status, 0);
@@ -156,11 +210,11 @@ TEST(KvstopConfiguration, DefaultSocketWithoutConfigurationFile) {
 }
 
 TEST(KvstopConfiguration, RelativeDataDirectoryIsNotReachable) {
-    ASSERT_TRUE(kHermetic && kvtest::isHermetic());
+    KV_REQUIRE_HERMETIC();
     kvtest::TempDir dir;
     // Relative to "/", where kvstop runs, this would name the daemon's socket.
-    ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path().substr(1) +
-                                          "\nkvd.socket=sock\n"));
+    ASSERT_TRUE(
+        kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path().substr(1) + "\nkvd.socket=sock\n"));
     kvtest::Kvdsim daemon(dir, {});
     ASSERT_TRUE(daemon.ready());
     const kvtest::ProgramResult r = kvtest::runProgram({kKvstop}, false, "/");
@@ -178,7 +232,7 @@ struct ArgumentsCase {
 
 // Refusals come before anything else: no connection is attempted.
 TEST(KvstopRefusals, NonRootSeesOnlyTheRefusal) {
-    ASSERT_TRUE(kHermetic && kvtest::isHermetic());
+    KV_REQUIRE_HERMETIC();
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
     kvtest::Kvdsim daemon(dir, {"--exit-on-stop"});
@@ -196,7 +250,7 @@ TEST(KvstopRefusals, NonRootSeesOnlyTheRefusal) {
 }
 
 TEST(KvstopRefusals, RootWithArgumentsSeesTheUsage) {
-    ASSERT_TRUE(kHermetic && kvtest::isHermetic());
+    KV_REQUIRE_HERMETIC();
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
     kvtest::Kvdsim daemon(dir, {"--exit-on-stop"});

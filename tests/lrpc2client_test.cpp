@@ -10,13 +10,12 @@
 #include "lrpc2/table.h"
 #include "support/hermetic.h"
 #include "support/kvdsim.h"
+#include "support/program.h"
 #include "zfw/exception.h"
 #include "zkvfw/lrpc2client.h"
 #include "zkvfw/msgwrap.h"
 
 namespace {
-
-const bool kHermetic = kvtest::enterHermetic();
 
 // What kvdsim logs for a client's hello and for an empty request of each id.
 const char kHello[] = "hello 02000000";
@@ -25,9 +24,7 @@ std::string emptyRequest(const char* idHex) {
 }
 
 class SessionTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(kHermetic && kvtest::isHermetic()); }
-
+  protected:
     // The configuration naming the test's own socket, plus `extra` lines.
     void configure(const std::string& extra = "") {
         ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + m_dir.path() +
@@ -51,6 +48,7 @@ void expectThrow(const std::function<void()>& op, const std::string& text) {
 }
 
 TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
+    KV_REQUIRE_HERMETIC();
     configure();
     kvtest::Kvdsim daemon(m_dir, {});
     ASSERT_TRUE(daemon.ready());
@@ -90,6 +88,7 @@ TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
 }
 
 TEST_F(SessionTest, SendAndSendDiscardReply) {
+    KV_REQUIRE_HERMETIC();
     configure();
     kvtest::Kvdsim daemon(m_dir, {});
     ASSERT_TRUE(daemon.ready());
@@ -106,6 +105,7 @@ TEST_F(SessionTest, SendAndSendDiscardReply) {
 }
 
 TEST_F(SessionTest, ProcessAuthenticationIsAnsweredOnTheWay) {
+    KV_REQUIRE_HERMETIC();
     configure();
     kvtest::Kvdsim daemon(m_dir, {"--auth"});
     ASSERT_TRUE(daemon.ready());
@@ -116,16 +116,18 @@ TEST_F(SessionTest, ProcessAuthenticationIsAnsweredOnTheWay) {
     ASSERT_EQ(log.size(), 4u);
     EXPECT_EQ(log[1], "1 " + emptyRequest("6e"));
     // The identity (id 1, uid 0 and gid 0 as uint32), then the proof (id 2, two blobs).
-    EXPECT_EQ(log[2], "1 frame 1280cdab15000000"
-                      "0100"
-                      "0300000000"
-                      "0300000000"
-                      "00");
+    EXPECT_EQ(log[2],
+              "1 frame 1280cdab15000000"
+              "0100"
+              "0300000000"
+              "0300000000"
+              "00");
     EXPECT_EQ(log[3].rfind("1 frame ", 0), 0u);
     EXPECT_EQ(log[3].substr(24, 6), "020006");
 }
 
 TEST_F(SessionTest, SendWhileNotConnectedThrows) {
+    KV_REQUIRE_HERMETIC();
     configure();
     kvtest::Kvdsim daemon(m_dir, {});
     ASSERT_TRUE(daemon.ready());
@@ -148,9 +150,14 @@ struct ExchangeFailure {
 };
 
 TEST_F(SessionTest, FailedExchangeThrowsIOExceptionWithTheStatus) {
+    KV_REQUIRE_HERMETIC();
     const std::vector<ExchangeFailure> cases = {
-        {"closed", {"--fault", "close-request"}, "Unable to send lrpc2 message: 404 (Socket closed)"},
-        {"timeout", {"--fault", "silent-request"}, "Unable to send lrpc2 message: 408 (Timeout during operation)"},
+        {"closed",
+         {"--fault", "close-request"},
+         "Unable to send lrpc2 message: 404 (Socket closed)"},
+        {"timeout",
+         {"--fault", "silent-request"},
+         "Unable to send lrpc2 message: 408 (Timeout during operation)"},
         {"bad magic", {"--fault", "bad-magic"}, "Unable to send lrpc2 message: 405 (Socket error)"},
         {"bad tag", {"--fault", "bad-tag"}, "Unable to send lrpc2 message: 405 (Socket error)"},
     };
@@ -176,6 +183,7 @@ TEST_F(SessionTest, FailedExchangeThrowsIOExceptionWithTheStatus) {
 }
 
 TEST_F(SessionTest, ConnectionClosedByTheDaemonFailsTheNextSend) {
+    KV_REQUIRE_HERMETIC();
     configure("lrpc2.timeout=5\n");
     kvtest::Kvdsim daemon(m_dir, {"--fault", "close-request", "--fault-frame", "2"});
     ASSERT_TRUE(daemon.ready());
@@ -188,6 +196,7 @@ TEST_F(SessionTest, ConnectionClosedByTheDaemonFailsTheNextSend) {
 }
 
 TEST_F(SessionTest, PingTimeoutArgumentOverridesTheDefault) {
+    KV_REQUIRE_HERMETIC();
     // With the default of no limit, only the argument ends the wait.
     configure("lrpc2.timeout=0\n");
     kvtest::Kvdsim daemon(m_dir, {"--fault", "silent-request"});
@@ -198,6 +207,7 @@ TEST_F(SessionTest, PingTimeoutArgumentOverridesTheDefault) {
 }
 
 TEST_F(SessionTest, ConnectFailuresReturnFalse) {
+    KV_REQUIRE_HERMETIC();
     configure("lrpc2.timeout=1\n");
     Lrpc2Client client;
     EXPECT_FALSE(client.connect());  // nothing listens
@@ -221,40 +231,50 @@ TEST_F(SessionTest, ConnectFailuresReturnFalse) {
                                       "Can't send an lrpc2 message yet, not connected");
 }
 
+enum Reached { kNone, kSock, kAudit, kDefault };
+
 struct SocketConfig {
     const char* name;
     std::string config;  // "DIR" stands for the test's directory
-    bool reachable;
+    Reached reached;
 };
 
 TEST_F(SessionTest, SocketPathFromDataDirectoryAndName) {
+    KV_REQUIRE_HERMETIC();
     const std::vector<SocketConfig> cases = {
-        {"directory and name", "kvd.data.dir=DIR\nkvd.socket=sock\n", true},
-        {"trailing slash doubles it", "kvd.data.dir=DIR/\nkvd.socket=sock\n", true},
-        {"last of repeated keys", "kvd.data.dir=/nonexistent\nkvd.data.dir=DIR\nkvd.socket=sock\n", true},
-        {"expanded from another key", "base=DIR\nkvd.data.dir=$base\nkvd.socket=sock\n", true},
-        {"relative directory", "kvd.data.dir=DIR_RELATIVE\nkvd.socket=sock\n", false},
-        {"unexpandable directory", "kvd.data.dir=$JOINNAME\nkvd.socket=sock\n", false},
-        {"unexpandable name", "kvd.data.dir=DIR\nkvd.socket=$SITE\n", false},
-        {"default name", "kvd.data.dir=DIR\n", false},
+        {"directory and name", "kvd.data.dir=DIR\nkvd.socket=sock\n", kSock},
+        {"trailing slash doubles it", "kvd.data.dir=DIR/\nkvd.socket=sock\n", kSock},
+        {"absolute name is appended", "kvd.data.dir=DIR\nkvd.socket=/sock\n", kSock},
+        {"last of repeated keys", "kvd.data.dir=/none\nkvd.data.dir=DIR\nkvd.socket=sock\n", kSock},
+        {"expanded from another key", "base=DIR\nkvd.data.dir=$base\nkvd.socket=sock\n", kSock},
+        {"default name", "kvd.data.dir=DIR\n", kAudit},
+        {"default directory and name", "lrpc2.timeout=5\n", kDefault},
+        {"relative directory", "kvd.data.dir=DIR_RELATIVE\nkvd.socket=sock\n", kNone},
+        // Set but unexpandable (no host settings here): no fallback to the default socket.
+        {"unexpandable directory", "kvd.data.dir=$JOINNAME\nkvd.socket=audit\n", kNone},
+        {"unexpandable name", "kvd.data.dir=/var/zantorkv\nkvd.socket=$SITE\n", kNone},
     };
-    kvtest::Kvdsim daemon(m_dir, {});
-    ASSERT_TRUE(daemon.ready());
+    kvtest::TempDir auditLog, defaultLog;
+    kvtest::Kvdsim sock(m_dir, {});
+    kvtest::Kvdsim audit(auditLog, {}, {}, m_dir.file("audit"));
+    kvtest::Kvdsim byDefault(defaultLog, {}, {}, "/var/zantorkv/audit");
+    ASSERT_TRUE(sock.ready() && audit.ready() && byDefault.ready());
     for (const SocketConfig& c : cases) {
         SCOPED_TRACE(c.name);
         std::string text = c.config;
-        const std::string relative = m_dir.path().substr(1);
         for (size_t at; (at = text.find("DIR_RELATIVE")) != std::string::npos;) {
-            text.replace(at, 12, relative);
+            text.replace(at, 12, m_dir.path().substr(1));
         }
         for (size_t at; (at = text.find("DIR")) != std::string::npos;) {
             text.replace(at, 3, m_dir.path());
         }
         ASSERT_TRUE(kvtest::writeDaemonConfig(text));
+        const size_t before[] = {sock.log().size(), audit.log().size(), byDefault.log().size()};
         Lrpc2Client client;
-        const size_t before = daemon.log().size();
-        EXPECT_EQ(client.connect(), c.reachable);
-        EXPECT_EQ(daemon.log().size(), before + (c.reachable ? 1 : 0));
+        EXPECT_EQ(client.connect(), c.reached != kNone);
+        EXPECT_EQ(sock.log().size(), before[0] + (c.reached == kSock ? 1 : 0));
+        EXPECT_EQ(audit.log().size(), before[1] + (c.reached == kAudit ? 1 : 0));
+        EXPECT_EQ(byDefault.log().size(), before[2] + (c.reached == kDefault ? 1 : 0));
     }
 }
 

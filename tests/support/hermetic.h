@@ -1,38 +1,29 @@
-// Running a test process inside its own namespaces (tests/support/hermetic.sh), where
-// "/etc/zantorkv", "/var/zantorkv" and "/var/zantormx" are private empty directories, and
-// running programs there with their output captured.
+// Runs a test case inside tests/support/hermetic.sh, where "/etc/zantorkv", "/var/zantorkv"
+// and "/var/zantormx" are private empty directories, so it may create files there.
 #ifndef KV_TESTS_SUPPORT_HERMETIC_H
 #define KV_TESTS_SUPPORT_HERMETIC_H
 
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 namespace kvtest {
 
-// Re-executes the calling test process under hermetic.sh unless it already runs there;
-// each test that CTest starts then gets namespaces of its own. Listing the tests stays on
-// the host. Call it from a static initializer of the test file. Returns true inside.
-bool enterHermetic();
+// True inside hermetic.sh (its private tmpfs is mounted on "/var/zantormx").
+bool insideHermetic();
 
-// True when the process runs under hermetic.sh and the daemon's directories are the
-// private ones (never the host's).
-bool isHermetic();
-
-// Replaces "/etc/zantorkv/zantorkv.conf"; refuses (false) outside the namespace.
-bool writeDaemonConfig(const std::string& text);
-
-struct ProgramResult {
-    int status = -1;  // exit status, or 128 + the signal that ended it
-    std::string out;
-    std::string err;
-};
-
-// Runs `argv` (argv[0] a path, relative to `cwd` when that is given) to its end with
-// standard input from /dev/null. With `unprivileged`, as user and group 65534 with no
-// supplementary groups.
-ProgramResult runProgram(const std::vector<std::string>& argv, bool unprivileged = false,
-                         const std::string& cwd = "");
+// Runs the current test case again in this executable under hermetic.sh (with --devlog
+// when asked) and returns its exit status.
+int rerunInHermetic(bool devlog = false);
 
 }  // namespace kvtest
+
+// First statement of a test body that touches the fixed paths: outside hermetic.sh the test
+// runs itself again inside it and passes or fails with that run.
+#define KV_REQUIRE_HERMETIC()                                                     \
+    do {                                                                          \
+        if (!::kvtest::insideHermetic()) {                                        \
+            ASSERT_EQ(::kvtest::rerunInHermetic(), 0) << "run under hermetic.sh"; \
+            return;                                                               \
+        }                                                                         \
+    } while (0)
 
 #endif

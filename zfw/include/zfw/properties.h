@@ -14,15 +14,13 @@
 
 #include <boost/shared_ptr.hpp>
 #include <iosfwd>
-#include <list>
 #include <map>
-#include <memory>
 #include <string>
 
-namespace zfw {
+#include "zfw/mutex.h"
+#include "zfw/strutil.h"
 
-class Mutex;
-typedef std::list<std::string> StringList;
+namespace zfw {
 
 class Properties {
   public:
@@ -109,7 +107,7 @@ class Properties {
     bool readListFile(const std::string& fileName, StringList& out) const;
 
     Map m_values;
-    std::unique_ptr<Mutex> m_mutex;
+    mutable Mutex m_mutex;
     Map m_raw;
     std::map<std::string, boost::shared_ptr<StringList>> m_listCache;
     Map m_params;

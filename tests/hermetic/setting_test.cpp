@@ -1,0 +1,351 @@
+// Host settings: kset files in "/var/zantormx/" and in a data directory of the test's own,
+// the cache, property overrides, deferred writes and the join checks.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "hermetic/props_support.h"
+#include "zfw/exception.h"
+#include "zfw/mutex.h"
+#include "zfw/path.h"
+#include "zfw/properties.h"
+#include "zfw/setting.h"
+
+namespace {
+
+using propstest::modeOf;
+using propstest::present;
+using propstest::readFile;
+using propstest::thrownText;
+using propstest::writeFile;
+
+const std::string kDir = "/var/zantormx/";
+
+class SettingTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        PROPS_REQUIRE_PRIVATE_DIRS();
+        propstest::clearPrivateDirs();
+        zfw::Properties::destroyProperties();
+        forget();
+        zfw::changeDataDir(kDir);
+    }
+    void TearDown() override { zfw::Properties::destroyProperties(); }
+
+    static void forget() {
+        zfw::MutexLock lock(zfw::gSettingsMutex);
+        zfw::clearSettingsCache();
+    }
+};
+
+TEST_F(SettingTest, KeyConstants) {
+    EXPECT_STREQ(zfw::SETTING_MACHINE_SITE, "site");
+    EXPECT_STREQ(zfw::SETTING_DOMAIN_NAME, "domain");
+    EXPECT_STREQ(zfw::SETTING_HOST_NAME, "host");
+    EXPECT_STREQ(zfw::SETTING_PREW2K_HOST, "prew2k.host");
+    EXPECT_STREQ(zfw::SETTING_PASSWORD_CHANGE_TIMESTAMP, "password.change.timestamp");
+    EXPECT_STREQ(zfw::SETTING_ZONE, "zone");
+    EXPECT_STREQ(zfw::SETTING_ZONE_REALNAME, "zonename");
+    EXPECT_STREQ(zfw::SETTING_DOMAIN_CONTROLLER, "domaincontroller");
+    EXPECT_STREQ(zfw::SETTING_SCHEMA, "schema");
+    EXPECT_STREQ(zfw::SETTING_SFU_DOMAIN, "sfudomain");
+    EXPECT_STREQ(zfw::SETTING_PREFERRED_ENCTYPE, "preferred.enctype");
+    EXPECT_STREQ(zfw::SETTING_DES_SALT, "des.salt");
+    EXPECT_STREQ(zfw::SETTING_GLOBAL_CATALOG, "globalcatalog");
+    EXPECT_STREQ(zfw::SETTING_FOREST, "forest");
+    EXPECT_STREQ(zfw::SETTING_HOST_SID, "hostsid");
+    EXPECT_STREQ(zfw::SETTING_CACHE_EXPIRED, "cache.expired");
+    EXPECT_STREQ(zfw::SETTING_INSTALLATION_ID, "kv.installation.id");
+    EXPECT_STREQ(zfw::SETTING_BINDUP_MARKER, "/var/zantormx//ZMX_BINDUP_IN_PROGRESS");
+    EXPECT_STREQ(zfw::SETTING_TEMP_SUFFIX, ".KSET.TEMP");
+}
+
+TEST_F(SettingTest, ReadKsetFileValues) {
+    const struct {
+        std::string content;
+        const char* value;
+    } cases[] = {
+        {"dom1\n", "dom1"},
+        {"dom1", "dom1"},
+        {"  x  ", "x"},
+        {"", ""},
+        {"\n", ""},
+        {"a b c", "a b c"},
+        {std::string(1024, 'v'), nullptr},
+        {"caf\xc3\xa9", "caf\xc3\xa9"},
+    };
+    for (const auto& c : cases) {
+        writeFile(kDir + "kset.k", c.content);
+        const std::string expected = c.value != nullptr ? c.value : c.content;
+        EXPECT_EQ(zfw::readKsetFile("k"), expected) << c.content;
+        EXPECT_EQ(zfw::readKsetFile("k", kDir), expected) << c.content;
+    }
+}
+
+TEST_F(SettingTest, ReadKsetFileErrors) {
+    const std::string file = kDir + "kset.k";
+    const std::string control = "Control character is disallowed in " + file + " file.";
+    for (const std::string& content :
+         {std::string("a\nb"), std::string("a\r"), std::string("a\tb"), std::string("a\n\n"),
+          std::string("\x7f"), std::string("a\0b", 3)}) {
+        writeFile(file, content);
+        try {
+            zfw::readKsetFile("k");
+            ADD_FAILURE() << "no exception for " << content;
+        } catch (const zfw::BadDataException& e) {
+            EXPECT_EQ(std::string(e.what()), control);
+            EXPECT_EQ(e.rc(), -1);
+        }
+    }
+    writeFile(file, std::string(1025, 'v'));
+    try {
+        zfw::readKsetFile("k");
+        ADD_FAILURE() << "no exception for 1025 bytes";
+    } catch (const zfw::IOException& e) {
+        EXPECT_EQ(std::string(e.what()),
+                  "Size of kset file(" + file + ") exceeded max size(1024 bytes)");
+        EXPECT_EQ(e.rc(), -1);
+    }
+    try {
+        zfw::readKsetFile("missing");
+        ADD_FAILURE() << "no exception for a missing file";
+    } catch (const zfw::IOException& e) {
+        EXPECT_EQ(std::string(e.what()),
+                  "Cannot open file " + kDir + "kset.missing: " + strerror(ENOENT));
+        EXPECT_EQ(e.rc(), ENOENT);
+    }
+    // A directory under the name cannot be read; a FIFO reads as empty without blocking.
+    ASSERT_EQ(mkdir((kDir + "kset.dir").c_str(), 0755), 0);
+    EXPECT_THROW(zfw::readKsetFile("dir"), zfw::IOException);
+    ASSERT_EQ(mkfifo((kDir + "kset.fifo").c_str(), 0600), 0);
+    EXPECT_EQ(zfw::readKsetFile("fifo"), "");
+}
+
+TEST_F(SettingTest, WriteKsetFile) {
+    zfw::writeKsetFile("k", "  x  ", 0);
+    EXPECT_EQ(readFile(kDir + "kset.k"), "x");
+    EXPECT_EQ(modeOf(kDir + "kset.k"), 0600u);
+    zfw::writeKsetFile("k", "shared", 1);
+    EXPECT_EQ(readFile(kDir + "kset.k"), "shared");
+    EXPECT_EQ(modeOf(kDir + "kset.k"), 0644u);
+    zfw::writeKsetFile("k", std::string(1024, 'v'), 0);
+    EXPECT_EQ(readFile(kDir + "kset.k").size(), 1024u);
+
+    const std::string over = "Size of kset file(" + kDir + "kset.k) exceeded max size(1024 bytes)";
+    EXPECT_EQ(
+        thrownText<zfw::IOException>([] { zfw::writeKsetFile("k", std::string(1025, 'v'), 0); }),
+        over);
+    EXPECT_EQ(readFile(kDir + "kset.k").size(), 1024u);
+
+    for (const char* empty : {"", "   "}) {
+        zfw::writeKsetFile("k", "x", 0);
+        zfw::writeKsetFile("k", empty, 0);
+        EXPECT_FALSE(present(kDir + "kset.k")) << "'" << empty << "'";
+    }
+    // Nothing temporary is left behind.
+    int entries = 0;
+    for (zfw::directory_iterator it{zfw::path(kDir)}; it != zfw::directory_iterator::end(); ++it) {
+        ++entries;
+    }
+    EXPECT_EQ(entries, 0);
+}
+
+TEST_F(SettingTest, WriteKsetFileFailures) {
+    // A directory in the way of the rename: the error names the file, the temporary goes.
+    ASSERT_EQ(mkdir((kDir + "kset.blocked").c_str(), 0755), 0);
+    writeFile(kDir + "kset.blocked/inside", "x");
+    try {
+        zfw::writeKsetFile("blocked", "v", 0);
+        ADD_FAILURE() << "no exception";
+    } catch (const zfw::IOException& e) {
+        EXPECT_EQ(std::string(e.what()),
+                  "Cannot rename file to " + kDir + "kset.blocked: " + strerror(EISDIR));
+        EXPECT_EQ(e.rc(), EISDIR);
+    }
+    int entries = 0;
+    for (zfw::directory_iterator it{zfw::path(kDir)}; it != zfw::directory_iterator::end(); ++it) {
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1);
+}
+
+TEST_F(SettingTest, DataDirectoryCreatedOnDemand) {
+    const std::string dir = "/var/zantormx/deep/data/";
+    zfw::changeDataDir(dir);
+    EXPECT_EQ(zfw::getDataDir(), dir);
+    zfw::writeKsetFile("k", "v", 0);
+    EXPECT_EQ(readFile(dir + "kset.k"), "v");
+    EXPECT_EQ(modeOf("/var/zantormx/deep"), 0755u);
+    EXPECT_EQ(modeOf("/var/zantormx/deep/data"), 0755u);
+    EXPECT_TRUE(zfw::settingExists("k"));
+    EXPECT_FALSE(zfw::settingExists("other"));
+    EXPECT_GT(zfw::settingModifiedTime("k"), 0);
+    EXPECT_EQ(zfw::settingModifiedTime("other"), 0);
+    zfw::removeDataDir();
+    EXPECT_FALSE(present("/var/zantormx/deep/data"));
+    EXPECT_TRUE(present("/var/zantormx/deep"));
+    zfw::ensureDataDir();
+    EXPECT_TRUE(present("/var/zantormx/deep/data"));
+    zfw::ensureDataDir();
+}
+
+TEST_F(SettingTest, GetSettingCachesAndOverrides) {
+    writeFile(kDir + "kset.host", "fromfile\n");
+    writeFile("/etc/zantorkv/zantorkv.conf", "kset.host=override\nkset.site=\n");
+    writeFile(kDir + "kset.site", "site1");
+    EXPECT_EQ(zfw::getSetting("host", false), "override");
+    EXPECT_EQ(zfw::getSetting("host", true), "fromfile");
+    // An empty override does not count.
+    EXPECT_EQ(zfw::getSetting("site"), "site1");
+    // Once read, a setting comes from the cache.
+    writeFile(kDir + "kset.host", "changed");
+    EXPECT_EQ(zfw::getSetting("host", true), "fromfile");
+    forget();
+    EXPECT_EQ(zfw::getSetting("host", true), "changed");
+
+    EXPECT_EQ(zfw::getSettingOr("missing", "dflt"), "dflt");
+    writeFile(kDir + "kset.bad", "a\x01");
+    EXPECT_EQ(zfw::getSettingOr("bad", "dflt"), "dflt");
+    // A failed read caches nothing: the next read tries the file again.
+    writeFile(kDir + "kset.bad", "good");
+    EXPECT_EQ(zfw::getSetting("bad"), "good");
+    EXPECT_THROW(zfw::getSetting("missing"), zfw::IOException);
+}
+
+TEST_F(SettingTest, ChangeDataDirOnlyBeforeFirstRead) {
+    zfw::changeDataDir("/var/zantormx/other/");
+    EXPECT_EQ(zfw::getDataDir(), "/var/zantormx/other/");
+    zfw::changeDataDir(kDir);
+    writeFile(kDir + "kset.host", "h");
+    EXPECT_EQ(zfw::getSetting("host"), "h");
+    try {
+        zfw::changeDataDir("/var/zantormx/other/");
+        ADD_FAILURE() << "no exception";
+    } catch (const zfw::AlreadyException& e) {
+        EXPECT_EQ(std::string(e.what()), "change data dir");
+        EXPECT_EQ(e.rc(), -1);
+    }
+    EXPECT_EQ(zfw::getDataDir(), kDir);
+}
+
+TEST_F(SettingTest, SetSettingWritesAndCaches) {
+    zfw::setSetting("host", "  spaced  ", 1, false);
+    EXPECT_EQ(readFile(kDir + "kset.host"), "spaced");
+    EXPECT_EQ(modeOf(kDir + "kset.host"), 0644u);
+    // The cache keeps the value as given.
+    EXPECT_EQ(zfw::getSetting("host", true), "  spaced  ");
+    zfw::setSetting("host", "", 0, false);
+    EXPECT_FALSE(present(kDir + "kset.host"));
+}
+
+TEST_F(SettingTest, DeferredWritesAreRetried) {
+    ASSERT_EQ(mkdir((kDir + "kset.host").c_str(), 0755), 0);
+    writeFile(kDir + "kset.host/x", "");
+    // Without deferral the failure reaches the caller; with it, the key waits.
+    EXPECT_THROW(zfw::setSetting("host", "h1", 0, false), zfw::IOException);
+    zfw::setSetting("host", "h2", 0, true);
+    EXPECT_EQ(zfw::getSetting("host", true), "h2");
+    EXPECT_EQ(zfw::flushPendingSettings(), 1);
+    ASSERT_EQ(system("rm -rf /var/zantormx/kset.host"), 0);
+    // The next successful write of any key writes the pending one too.
+    zfw::setSetting("site", "s", 0, true);
+    EXPECT_EQ(readFile(kDir + "kset.site"), "s");
+    EXPECT_EQ(readFile(kDir + "kset.host"), "h2");
+    EXPECT_EQ(zfw::flushPendingSettings(), 0);
+}
+
+TEST_F(SettingTest, NoDeferralOutsideTheDefaultDirectory) {
+    zfw::changeDataDir("/var/zantormx/custom/");
+    ASSERT_EQ(mkdir("/var/zantormx/custom", 0755), 0);
+    ASSERT_EQ(mkdir("/var/zantormx/custom/kset.host", 0755), 0);
+    writeFile("/var/zantormx/custom/kset.host/x", "");
+    EXPECT_THROW(zfw::setSetting("host", "h", 0, true), zfw::IOException);
+    EXPECT_EQ(zfw::flushPendingSettings(), 0);
+}
+
+TEST_F(SettingTest, StaleTemporaryFilesAreRemoved) {
+    writeFile(kDir + "kset.a.KSET.TEMP.abc123", "x");
+    writeFile(kDir + "other.kset.temp", "x");
+    writeFile(kDir + "kset.keep", "x");
+    ASSERT_EQ(mkdir((kDir + "dir.KSET.TEMP").c_str(), 0755), 0);
+    zfw::removeStaleTempFiles();
+    EXPECT_FALSE(present(kDir + "kset.a.KSET.TEMP.abc123"));
+    EXPECT_FALSE(present(kDir + "other.kset.temp"));
+    EXPECT_TRUE(present(kDir + "kset.keep"));
+    EXPECT_TRUE(present(kDir + "dir.KSET.TEMP"));
+
+    ASSERT_EQ(rmdir((kDir + "dir.KSET.TEMP").c_str()), 0);
+    ASSERT_EQ(system("umount /var/zantormx && rmdir /var/zantormx"), 0);
+    try {
+        zfw::removeStaleTempFiles();
+        ADD_FAILURE() << "no exception";
+    } catch (const zfw::NotFoundException& e) {
+        EXPECT_EQ(std::string(e.what()), "cannot open dir");
+        EXPECT_EQ(e.rc(), ENOENT);
+    }
+    ASSERT_EQ(system("mkdir /var/zantormx && mount -t tmpfs kvhermetic /var/zantormx"), 0);
+}
+
+TEST_F(SettingTest, IsJoined) {
+    EXPECT_FALSE(zfw::isJoined());
+    writeFile(kDir + "kset.domain", "example.com");
+    forget();
+    EXPECT_FALSE(zfw::isJoined());
+    writeFile(kDir + "kset.host", "h");
+    forget();
+    EXPECT_TRUE(zfw::isJoined());
+    writeFile(zfw::SETTING_BINDUP_MARKER, "");
+    EXPECT_FALSE(zfw::isJoined());
+    ASSERT_EQ(unlink(zfw::SETTING_BINDUP_MARKER), 0);
+    writeFile(kDir + "kset.domain", "bad\x02");
+    forget();
+    EXPECT_FALSE(zfw::isJoined());
+}
+
+TEST_F(SettingTest, VerifyKeySets) {
+    const struct {
+        const char* host;
+        const char* schema;
+        const char* zonename;
+        const char* zone;
+        const char* error;
+    } cases[] = {
+        {"", "S", "zn", "z", "Cannot find key sets of host."},
+        {"h", "", "zn", "z", "Cannot find key sets of zone schema."},
+        {"h", "S", "", "z", "Cannot find key sets of zone name or zone guid."},
+        {"h", "S", "zn", "", "Cannot find key sets of zone name or zone guid."},
+        {"h", "S", "zn", "z", ""},
+        {"h", "NULL_AUTO", "", "00112233445566778899aabbccddeeff", ""},
+        {"h", "NULL_AUTO", "zn", "0011", "Incorrect key sets of zone guid for auto zone."},
+        {"h", "NULL", "", "", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.schema) + "/" + c.zone);
+        propstest::clearPrivateDirs();
+        forget();
+        const struct {
+            const char* key;
+            const char* value;
+        } files[] = {
+            {"host", c.host}, {"schema", c.schema}, {"zonename", c.zonename}, {"zone", c.zone}};
+        for (const auto& f : files) {
+            if (*f.value != '\0') {
+                writeFile(kDir + "kset." + f.key, f.value);
+            }
+        }
+        try {
+            zfw::verifyKeySets();
+            EXPECT_STREQ(c.error, "");
+        } catch (const zfw::IOException& e) {
+            EXPECT_EQ(std::string(e.what()), c.error);
+            EXPECT_EQ(e.rc(), 1);
+        }
+    }
+}
+
+}  // namespace

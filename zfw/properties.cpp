@@ -1,0 +1,690 @@
+// The properties store: the reader of the configuration file and the getters.
+#include "zfw/properties.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include <boost/make_shared.hpp>
+
+#include "zfw/exception.h"
+#include "zfw/logger.h"
+#include "zfw/setting.h"
+#include "zfw/strutil.h"
+
+namespace zfw {
+
+const char* const Properties::gConfigPath = "/etc/zantorkv/zantorkv.conf";
+Properties* Properties::gZhubProperties = nullptr;
+Mutex* Properties::gPropMtx = nullptr;
+
+namespace {
+
+const char* const kWhitespace = " \t\n\r\v\f";
+const char* const kKeySeparators = " \t\n\r\v\f:=";
+const char* const kListSeparators = " \t\n\r\v\f,";
+
+struct JoinParam {
+    const char* variable;
+    const char* const* settingKey;
+};
+const JoinParam kJoinParams[] = {
+    {"JOINNAME", &SETTING_HOST_NAME},
+    {"SITE", &SETTING_MACHINE_SITE},
+    {"DOMAIN", &SETTING_DOMAIN_NAME},
+    {"ZONE", &SETTING_ZONE_REALNAME},
+};
+
+// Membership in a separator set; the NUL byte belongs to none.
+bool isOneOfChars(const char* set, char c) {
+    return c != '\0' && std::strchr(set, c) != nullptr;
+}
+
+bool isWhitespace(char c) {
+    return isOneOfChars(kWhitespace, c);
+}
+
+bool isNameChar(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+// The control character that an escaped letter stands for, or '\0'.
+char controlFor(char c) {
+    switch (c) {
+        case 't':
+            return '\t';
+        case 'n':
+            return '\n';
+        case 'r':
+            return '\r';
+        case 'v':
+            return '\v';
+        case 'f':
+            return '\f';
+        default:
+            return '\0';
+    }
+}
+
+// Quote and escape state of a text walked from its start, one character at a time.
+class QuoteState {
+  public:
+    // The next character is escaped: the text so far ends with an odd run of backslashes.
+    bool escaped() const { return m_backslashes % 2 == 1; }
+    // The next character is quoted.
+    bool inside() const { return m_double || m_single; }
+    bool inSingle() const { return m_single; }
+    bool inDouble() const { return m_double; }
+
+    void feed(char c) {
+        const bool esc = escaped();
+        if (c == '"' && !esc && !m_single) {
+            m_double = !m_double;
+        } else if (c == '\'' && !esc && !m_double) {
+            m_single = !m_single;
+        }
+        m_backslashes = c == '\\' ? m_backslashes + 1 : 0;
+    }
+
+  private:
+    size_t m_backslashes = 0;
+    bool m_double = false;
+    bool m_single = false;
+};
+
+// Reads a whole regular file into content. FIFOs, devices and directories are refused
+// (opened without blocking), so a misplaced name cannot hang or flood the reader.
+bool readRegularFile(const std::string& fileName, std::string& content) {
+    const int fd = open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat st;
+    bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    content.clear();
+    char buffer[8192];
+    while (ok) {
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n > 0) {
+            content.append(buffer, static_cast<size_t>(n));
+        } else if (n == 0) {
+            break;
+        } else if (errno != EINTR) {
+            ok = false;
+        }
+    }
+    close(fd);
+    return ok;
+}
+
+boost::shared_ptr<Logger> propertiesLogger() {
+    return Logger::get("util.properties");
+}
+
+}  // namespace
+
+Properties::Properties(bool expand, bool dumpAtDebug)
+    : m_loaded(false), m_expand(expand), m_dumpAtDebug(dumpAtDebug) {}
+
+Properties::~Properties() = default;
+
+Properties* Properties::getProperties(bool dumpAtDebug) {
+    MutexLock lock(lazyMutex(gPropMtx));
+    if (gZhubProperties == nullptr) {
+        // Published before the load: host settings overrides looked up during the load
+        // find this instance instead of creating a second one.
+        gZhubProperties = new Properties(true, dumpAtDebug);
+        gZhubProperties->load(gConfigPath, true);
+    }
+    return gZhubProperties;
+}
+
+void Properties::destroyProperties() {
+    MutexLock lock(lazyMutex(gPropMtx));
+    delete gZhubProperties;
+    gZhubProperties = nullptr;
+}
+
+void Properties::dumpToTty() {
+    std::ofstream tty("/dev/tty");
+    getProperties(false)->write(tty, "Properties dump");
+}
+
+void Properties::load(const std::string& path, bool expand) {
+    std::string content;
+    if (readRegularFile(path, content)) {
+        std::istringstream in(content);
+        parse(in, expand);
+    }
+    if (!loaded()) {
+        boost::shared_ptr<Logger> logger = propertiesLogger();
+        logger->log(Logger::ERROR, "Unable to open config file: %s", path.c_str());
+    }
+}
+
+bool Properties::reload() {
+    MutexLock lock(m_mutex);
+    m_raw.clear();
+    m_listCache.clear();
+    m_params.clear();
+    m_values.clear();
+    m_loaded = false;
+    load(gConfigPath, true);
+    return m_loaded;
+}
+
+void Properties::parse(std::istream& in, bool expand) {
+    MutexLock lock(m_mutex);
+    m_loaded = false;
+    m_expand = expand;
+    m_raw.clear();
+    m_listCache.clear();
+    if (in.fail()) {
+        boost::shared_ptr<Logger> logger = propertiesLogger();
+        logger->log(Logger::ERROR, "Unable to open config file");
+        return;
+    }
+    resolveJoinParams();
+    std::string line;
+    std::string scratch;
+    std::string key;
+    std::string value;
+    while (readLogicalLine(in, line, scratch, true)) {
+        if (!parseLine(line, key, value)) {
+            continue;
+        }
+        substituteVariables(value);
+        m_raw[key] = value;
+        removeEscapes(value);
+        stripQuotes(value);
+        m_values[key] = value;
+    }
+    m_loaded = true;
+    Logger::configure(*this);
+    logEntries();
+}
+
+void Properties::resolveJoinParams() {
+    for (const JoinParam& param : kJoinParams) {
+        std::string value = "<unknown>";
+        try {
+            std::string setting = getSetting(*param.settingKey, false);
+            if (std::strcmp(*param.settingKey, SETTING_ZONE_REALNAME) == 0) {
+                // A distinguished name stands for the zone named by its first "CN=".
+                const size_t cn = setting.find("CN=");
+                if (cn != std::string::npos) {
+                    const size_t start = cn + 3;
+                    const size_t comma = setting.find(',', start);
+                    setting = setting.substr(
+                        start, comma == std::string::npos ? std::string::npos : comma - start);
+                }
+            }
+            value = setting;
+        } catch (const ZFWException&) {
+            // Unreadable setting: the variable stays "<unknown>".
+        }
+        m_params[param.variable] = value;
+    }
+}
+
+void Properties::logEntries() const {
+    boost::shared_ptr<Logger> logger = propertiesLogger();
+    if (!logger->isEnabled(Logger::DEBUG)) {
+        return;
+    }
+    const int32_t level = m_dumpAtDebug ? Logger::DEBUG : Logger::TRACE;
+    if (!logger->isEnabled(level)) {
+        return;
+    }
+    for (const auto& entry : m_values) {
+        logger->log(level, "property: %s=%s", entry.first.c_str(), entry.second.c_str());
+    }
+}
+
+std::string Properties::get(const std::string& key) const {
+    MutexLock lock(m_mutex);
+    const auto found = m_values.find(key);
+    return found == m_values.end() ? m_empty : found->second;
+}
+
+int Properties::getInt(const std::string& key, int def) const {
+    const std::string value = get(key);
+    if (value.empty()) {
+        return def;
+    }
+    return static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
+}
+
+bool Properties::getBool(const std::string& key, bool def) const {
+    const std::string value = toLower(get(key));
+    if (value == "true" || value == "yes" || value == "1") {
+        return true;
+    }
+    if (value == "false" || value == "no" || value == "0") {
+        return false;
+    }
+    return def;
+}
+
+boost::shared_ptr<StringList> Properties::getList(const std::string& key, const std::string* def) {
+    std::string stored;
+    {
+        MutexLock lock(m_mutex);
+        const auto cached = m_listCache.find(key);
+        if (cached != m_listCache.end()) {
+            return cached->second;
+        }
+        const auto raw = m_raw.find(key);
+        if (raw != m_raw.end()) {
+            stored = raw->second;
+        }
+    }
+    const std::string* candidates[] = {&stored, def};
+    boost::shared_ptr<StringList> list;
+    bool fromStored = false;
+    bool anyCandidate = false;
+    for (const std::string* candidate : candidates) {
+        if (candidate == nullptr || candidate->empty()) {
+            continue;
+        }
+        anyCandidate = true;
+        std::string text = *candidate;
+        removeEscapes(text);
+        if (text.size() > 4 && text.compare(0, 5, "file:") == 0) {
+            list = boost::make_shared<StringList>();
+            if (!readListFile(text.substr(5), *list)) {
+                list.reset();
+                continue;
+            }
+        } else {
+            list = splitList(*candidate);
+        }
+        fromStored = candidate == &stored;
+        break;
+    }
+    if (!list) {
+        list = boost::make_shared<StringList>();
+        fromStored = !anyCandidate;
+    }
+    boost::shared_ptr<Logger> logger = propertiesLogger();
+    if (logger->isEnabled(Logger::TRACE)) {
+        std::string text = key + ": ";
+        for (const std::string& item : *list) {
+            text += "(" + item + "), ";
+        }
+        logger->log(Logger::DEBUG, "Property list %s", text.c_str());
+    }
+    if (fromStored) {
+        MutexLock lock(m_mutex);
+        m_listCache[key] = list;
+    }
+    return list;
+}
+
+bool Properties::readListFile(const std::string& fileName, StringList& out) const {
+    std::string content;
+    if (!readRegularFile(fileName, content)) {
+        boost::shared_ptr<Logger> logger = propertiesLogger();
+        logger->log(Logger::ERROR, "Unable to open config file: %s", fileName.c_str());
+        return false;
+    }
+    std::istringstream in(content);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::string item = trim(line);
+        if (item.empty() || item[0] == '#' || item[0] == '!') {
+            continue;
+        }
+        stripQuotes(item);
+        out.push_back(item);
+    }
+    return true;
+}
+
+boost::shared_ptr<StringList> Properties::splitList(const std::string& text) const {
+    boost::shared_ptr<StringList> list = boost::make_shared<StringList>();
+    size_t i = 0;
+    const size_t n = text.size();
+    for (;;) {
+        i = text.find_first_not_of(kListSeparators, i);
+        if (i == std::string::npos) {
+            break;
+        }
+        // The token runs to the first separator that is neither escaped nor quoted.
+        const size_t start = i;
+        QuoteState state;
+        while (i < n) {
+            const char c = text[i];
+            if (isOneOfChars(kListSeparators, c) && !state.escaped() && !state.inside()) {
+                break;
+            }
+            state.feed(c);
+            ++i;
+        }
+        std::string token = text.substr(start, i - start);
+        removeEscapes(token);
+        stripQuotes(token);
+        list->push_back(token);
+    }
+    return list;
+}
+
+bool Properties::findPrefix(const std::string& prefix, const_iterator& first,
+                            const_iterator& last) const {
+    MutexLock lock(m_mutex);
+    first = m_values.lower_bound(prefix);
+    // The smallest text above every key with the prefix: the prefix with its last byte
+    // increased (trailing 0xff bytes carry over); none when the prefix is all 0xff.
+    std::string next = prefix;
+    while (!next.empty() && static_cast<unsigned char>(next.back()) == 0xff) {
+        next.pop_back();
+    }
+    if (next.empty()) {
+        last = m_values.end();
+    } else {
+        next.back() = static_cast<char>(static_cast<unsigned char>(next.back()) + 1);
+        last = m_values.lower_bound(next);
+    }
+    if (first == last) {
+        first = last = m_values.end();
+        return false;
+    }
+    return true;
+}
+
+Properties::const_iterator Properties::findFirstStartingWith(const std::string& prefix) const {
+    MutexLock lock(m_mutex);
+    for (auto it = m_values.begin(); it != m_values.end(); ++it) {
+        if (it->first.compare(0, prefix.size(), prefix) == 0) {
+            return it;
+        }
+    }
+    return m_values.end();
+}
+
+Properties::const_iterator Properties::begin() const {
+    MutexLock lock(m_mutex);
+    return m_values.begin();
+}
+
+Properties::const_iterator Properties::end() const {
+    MutexLock lock(m_mutex);
+    return m_values.end();
+}
+
+void Properties::write(std::ostream& out, const std::string& comment) const {
+    MutexLock lock(m_mutex);
+    if (!comment.empty()) {
+        out << "#" << comment << "\n";
+    }
+    for (const auto& entry : m_values) {
+        out << entry.first << "=" << entry.second << "\n";
+    }
+}
+
+bool Properties::loaded() const {
+    MutexLock lock(m_mutex);
+    return m_loaded;
+}
+
+bool Properties::expanding() const {
+    MutexLock lock(m_mutex);
+    return m_expand;
+}
+
+bool Properties::endsWithEscape(const std::string& s) {
+    size_t count = 0;
+    for (auto it = s.rbegin(); it != s.rend() && *it == '\\'; ++it) {
+        ++count;
+    }
+    return count % 2 == 1;
+}
+
+bool Properties::isInsideQuotes(const std::string& s) {
+    QuoteState state;
+    for (char c : s) {
+        state.feed(c);
+    }
+    return state.inside();
+}
+
+void Properties::removeEscapes(std::string& s) {
+    // Quoting is judged on the text already produced.
+    std::string out;
+    out.reserve(s.size());
+    QuoteState state;
+    for (size_t i = 0; i < s.size(); ++i) {
+        char c = s[i];
+        if (c == '\\' && !state.inside()) {
+            if (++i == s.size()) {
+                break;
+            }
+            c = s[i];
+        }
+        out += c;
+        state.feed(c);
+    }
+    s.swap(out);
+}
+
+void Properties::normaliseWhitespace(std::string& s) {
+    std::string out;
+    out.reserve(s.size());
+    QuoteState state;
+    size_t i = 0;
+    while (i < s.size() && isWhitespace(s[i])) {
+        ++i;
+    }
+    bool inRun = false;
+    for (; i < s.size(); ++i) {
+        const char c = s[i];
+        if (isWhitespace(c) && !state.inside()) {
+            if (!inRun) {
+                out += ' ';
+            }
+            inRun = true;
+        } else {
+            out += c;
+            inRun = false;
+        }
+        state.feed(c);
+    }
+    if (!out.empty() && out.back() == ' ' && !endsWithEscape(out.substr(0, out.size() - 1))) {
+        out.pop_back();
+    }
+    s.swap(out);
+}
+
+void Properties::unescapeControlChars(std::string& s) {
+    std::string out;
+    out.reserve(s.size());
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == '\\' && i + 1 < s.size()) {
+            const char control = controlFor(s[i + 1]);
+            if (control != '\0') {
+                out += control;
+            } else {
+                // An escaped backslash (or anything else) stays as it is, pair and all.
+                out += s[i];
+                out += s[i + 1];
+            }
+            ++i;
+        } else {
+            out += s[i];
+        }
+    }
+    s.swap(out);
+}
+
+void Properties::stripQuotes(std::string& s) {
+    if (s.size() < 2 || (s[0] != '"' && s[0] != '\'')) {
+        return;
+    }
+    // The first unescaped repeat of the opening quote must be the last character.
+    size_t backslashes = 0;
+    size_t close = 0;
+    for (size_t i = 1; i < s.size() && close == 0; ++i) {
+        if (s[i] == s[0] && backslashes % 2 == 0) {
+            close = i;
+        }
+        backslashes = s[i] == '\\' ? backslashes + 1 : 0;
+    }
+    if (close != s.size() - 1) {
+        return;
+    }
+    std::string out;
+    out.reserve(s.size());
+    bool dbl = false;
+    bool sgl = false;
+    backslashes = 0;
+    for (size_t i = 0; i < s.size(); ++i) {
+        const char c = s[i];
+        const bool escaped = backslashes % 2 == 1;
+        backslashes = c == '\\' ? backslashes + 1 : 0;
+        if (c == '"' && !escaped && !sgl) {
+            dbl = !dbl;
+        } else if (c == '\'' && !escaped && !dbl) {
+            sgl = !sgl;
+        } else if (c == '\\' && dbl) {
+            // Inside double quotes the backslash goes and the next character is taken as
+            // it is, a control letter becoming its character.
+            backslashes = 0;
+            if (++i < s.size()) {
+                const char control = controlFor(s[i]);
+                out += control != '\0' ? control : s[i];
+            }
+        } else {
+            out += c;
+        }
+    }
+    s.swap(out);
+}
+
+bool Properties::readLogicalLine(std::istream& in, std::string& line, std::string& scratch,
+                                 bool skipComments) {
+    if (!in.good()) {
+        return false;
+    }
+    std::getline(in, line);
+    if (line.empty()) {
+        return true;
+    }
+    if (skipComments && (line[0] == '#' || line[0] == '!')) {
+        return true;
+    }
+    while (endsWithEscape(line) && !in.eof() && !in.fail()) {
+        std::getline(in, scratch);
+        line.back() = ' ';
+        line += scratch;
+    }
+    return true;
+}
+
+bool Properties::parseLine(const std::string& line, std::string& key, std::string& value) {
+    key.clear();
+    value.clear();
+    if (line.empty() || line[0] == '#' || line[0] == '!') {
+        return false;
+    }
+    const size_t start = line.find_first_not_of(kWhitespace);
+    if (start == std::string::npos) {
+        return false;
+    }
+    size_t end = start + 1;
+    size_t backslashes = line[start] == '\\' ? 1 : 0;
+    for (; end < line.size(); ++end) {
+        const char c = line[end];
+        if (isOneOfChars(kKeySeparators, c) && backslashes % 2 == 0) {
+            break;
+        }
+        backslashes = c == '\\' ? backslashes + 1 : 0;
+    }
+    key = line.substr(start, end - start);
+    removeEscapes(key);
+    stripQuotes(key);
+    if (key.empty()) {
+        return false;
+    }
+    if (end >= line.size()) {
+        return true;
+    }
+    size_t valueStart = end + 1;
+    if (line[end] != '=' && valueStart < line.size() && line[valueStart] == '=') {
+        ++valueStart;
+    }
+    value = line.substr(valueStart);
+    normaliseWhitespace(value);
+    unescapeControlChars(value);
+    return true;
+}
+
+void Properties::substituteVariables(std::string& value) {
+    MutexLock lock(m_mutex);
+    std::string out;
+    out.reserve(value.size());
+    QuoteState state;
+    size_t i = 0;
+    while (i < value.size()) {
+        const char c = value[i];
+        if (c != '$') {
+            out += c;
+            state.feed(c);
+            ++i;
+            continue;
+        }
+        if (state.inSingle() || state.escaped()) {
+            // A literal dollar: kept (removeEscapes later drops an escaping backslash),
+            // or encoded as "$$" (escaped: "\$\$", which removeEscapes turns into "$$").
+            out += m_expand ? "$" : (state.inSingle() ? "$$" : "$\\$");
+            state.feed(c);
+            ++i;
+            continue;
+        }
+        size_t nameEnd = i + 1;
+        if (nameEnd < value.size() && value[nameEnd] >= '0' && value[nameEnd] <= '9') {
+            ++nameEnd;
+        } else {
+            while (nameEnd < value.size() && isNameChar(value[nameEnd])) {
+                ++nameEnd;
+            }
+        }
+        const std::string name = value.substr(i + 1, nameEnd - i - 1);
+        for (size_t k = i; k < nameEnd; ++k) {
+            state.feed(value[k]);
+        }
+        i = nameEnd;
+        if (!m_expand) {
+            out += "$" + name + "$";
+            continue;
+        }
+        std::string replacement;
+        bool found = false;
+        const std::string& param = m_params[name];
+        if (!param.empty()) {
+            replacement = param;
+            found = true;
+        } else if (const char* env = getenv(name.c_str())) {
+            replacement = env;
+            found = true;
+        } else {
+            const auto raw = m_raw.find(name);
+            if (raw != m_raw.end() && !raw->second.empty()) {
+                replacement = raw->second;
+                found = true;
+            }
+        }
+        if (found) {
+            stripQuotes(replacement);
+            out += replacement;
+        }
+    }
+    value.swap(out);
+}
+
+}  // namespace zfw
