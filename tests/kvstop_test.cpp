@@ -10,6 +10,7 @@
 #include "support/hermetic.h"
 #include "support/kvdsim.h"
 #include "support/program.h"
+#include "support/syslog_sink.h"
 
 namespace {
 
@@ -29,8 +30,33 @@ std::string on(int conn, const char* line) {
     return std::to_string(conn) + " " + line;
 }
 
+const char kErrorPrefix[] = "Unable to stop Kavelo daemon: ";
+
 std::string failed(const std::string& text) {
-    return "Unable to stop Kavelo daemon: \"Unable to send lrpc2 message: " + text + "\"\n";
+    return kErrorPrefix + ("\"Unable to send lrpc2 message: " + text + "\"\n");
+}
+
+// The system log records kvstop writes, as "<priority> identity: text".
+std::vector<std::string> records(kvtest::SyslogSink& sink) {
+    std::vector<std::string> lines;
+    for (const kvtest::SyslogRecord& r : sink.takeRecords()) {
+        lines.push_back("<" + std::to_string(r.priority) + "> " + r.identity + ": " + r.text);
+    }
+    return lines;
+}
+
+// What the log holds for an outcome: the success at INFO (auth facility: 38), the error
+// line's text at ERROR (35), nothing otherwise.
+std::vector<std::string> recordsFor(const std::string& out, const std::string& err) {
+    if (out == kStopped) {
+        return {"<38> kvstop: INFO  zkv.cli.kvstop Zantor Kavelo daemon stopped successfully."};
+    }
+    if (err.rfind(kErrorPrefix, 0) == 0) {
+        const std::string quoted = err.substr(sizeof kErrorPrefix - 1);
+        return {"<35> kvstop: ERROR zkv.cli.kvstop " + std::string(kErrorPrefix) +
+                quoted.substr(1, quoted.size() - 3)};
+    }
+    return {};
 }
 
 struct StopCase {
@@ -50,8 +76,9 @@ void PrintTo(const StopCase& c, std::ostream* os) {
 
 class KvstopOutcome : public ::testing::TestWithParam<StopCase> {};
 
-TEST_P(KvstopOutcome, OutputStatusAndFramesReceived) {
-    KV_REQUIRE_HERMETIC();
+TEST_P(KvstopOutcome, OutputStatusLogAndFramesReceived) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
     const StopCase& c = GetParam();
     kvtest::TempDir dir;
     ASSERT_TRUE(
@@ -66,6 +93,7 @@ TEST_P(KvstopOutcome, OutputStatusAndFramesReceived) {
     EXPECT_EQ(r.status, c.status);
     EXPECT_EQ(r.out, c.out);
     EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(records(sink), recordsFor(c.out, c.err));
     if (daemon) {
         daemon->terminate();
         EXPECT_EQ(daemon->log(), c.frames);
@@ -174,7 +202,8 @@ std::string le32(uint32_t v) {
 }
 
 TEST(KvstopAuthentication, StopRequestAnswersTheChallenge) {
-    KV_REQUIRE_HERMETIC();
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
     const std::string proof1 = "first proof", proof2("2nd\0proof", 9);
@@ -190,6 +219,7 @@ TEST(KvstopAuthentication, StopRequestAnswersTheChallenge) {
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, kStopped);
     EXPECT_EQ(r.err, "");
+    EXPECT_EQ(records(sink), recordsFor(r.out, r.err));
     daemon.wait();
     // Identity: id 1 with the effective uid and gid (0 and 0) as uint32 fields.
     const std::string identity =
@@ -205,7 +235,8 @@ TEST(KvstopAuthentication, StopRequestAnswersTheChallenge) {
 }
 
 TEST(KvstopConfiguration, DefaultSocketWithoutConfigurationFile) {
-    KV_REQUIRE_HERMETIC();
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
     kvtest::TempDir dir;
     kvtest::Kvdsim daemon(dir, {"--exit-on-stop"}, {}, "/var/zantorkv/audit");
     ASSERT_TRUE(daemon.ready());
@@ -213,12 +244,14 @@ TEST(KvstopConfiguration, DefaultSocketWithoutConfigurationFile) {
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, kStopped);
     EXPECT_EQ(r.err, "");
+    EXPECT_EQ(records(sink), recordsFor(r.out, r.err));
     daemon.wait();
     EXPECT_EQ(daemon.log(), (std::vector<std::string>{on(1, kHello), on(1, kStopFrame)}));
 }
 
 TEST(KvstopConfiguration, RelativeDataDirectoryIsNotReachable) {
-    KV_REQUIRE_HERMETIC();
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
     kvtest::TempDir dir;
     // Relative to "/", where kvstop runs, this would name the daemon's socket.
     ASSERT_TRUE(
@@ -229,6 +262,7 @@ TEST(KvstopConfiguration, RelativeDataDirectoryIsNotReachable) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err, kUnreachable);
+    EXPECT_EQ(records(sink), std::vector<std::string>{});
     daemon.terminate();
     EXPECT_EQ(daemon.log(), std::vector<std::string>{});
 }
@@ -240,7 +274,8 @@ struct ArgumentsCase {
 
 // Refusals come before anything else: no connection is attempted.
 TEST(KvstopRefusals, NonRootSeesOnlyTheRefusal) {
-    KV_REQUIRE_HERMETIC();
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
     kvtest::Kvdsim daemon(dir, {"--exit-on-stop"});
@@ -252,13 +287,15 @@ TEST(KvstopRefusals, NonRootSeesOnlyTheRefusal) {
         EXPECT_EQ(r.status, 2);
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(r.err, kNotRoot);
+        EXPECT_EQ(records(sink), std::vector<std::string>{});
     }
     daemon.terminate();
     EXPECT_EQ(daemon.log(), std::vector<std::string>{});
 }
 
 TEST(KvstopRefusals, RootWithArgumentsSeesTheUsage) {
-    KV_REQUIRE_HERMETIC();
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
     kvtest::Kvdsim daemon(dir, {"--exit-on-stop"});
@@ -275,9 +312,31 @@ TEST(KvstopRefusals, RootWithArgumentsSeesTheUsage) {
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(r.err, "Usage: " + c.argv[0] +
                              "\n  - Note that you must be root to stop the Kavelo daemon\n");
+        EXPECT_EQ(records(sink), std::vector<std::string>{});
     }
     daemon.terminate();
     EXPECT_EQ(daemon.log(), std::vector<std::string>{});
+}
+
+}  // namespace
+
+namespace {
+
+// The loggers stay at INFO until the first record written loads the properties, so even
+// with "log=DEBUG" the session's exception leaves no report: the error record is the first
+// and only one.
+TEST(KvstopLog, DebugLevelTakesEffectOnlyWithTheFirstRecord) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
+    kvtest::TempDir dir;
+    ASSERT_TRUE(
+        kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\nlog=DEBUG\n"));
+    kvtest::Kvdsim daemon(dir, {"--fault", "close-request"});
+    ASSERT_TRUE(daemon.ready());
+    const kvtest::ProgramResult r = kvtest::runProgram({kKvstop});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err, failed("404 (Socket closed)"));
+    EXPECT_EQ(records(sink), recordsFor(r.out, r.err));
 }
 
 }  // namespace

@@ -8,11 +8,13 @@
 #include "support/hermetic.h"
 #include "support/kvdsim.h"
 #include "support/program.h"
+#include "support/syslog_sink.h"
 
 namespace {
 
 TEST(KvstopLong, PingNeverAnsweredMeansStopped) {
-    KV_REQUIRE_HERMETIC();
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() +
                                           "\nkvd.socket=sock\nlrpc2.timeout=1\n"));
@@ -23,6 +25,9 @@ TEST(KvstopLong, PingNeverAnsweredMeansStopped) {
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "Zantor Kavelo daemon stopped successfully.\n");
     EXPECT_EQ(r.err, "");
+    EXPECT_EQ(sink.takeTexts(),
+              std::vector<std::string>{
+                  "INFO  zkv.cli.kvstop Zantor Kavelo daemon stopped successfully."});
     daemon.terminate();
     EXPECT_EQ(daemon.log(),
               (std::vector<std::string>{"1 hello 02000000", "1 frame 1280cdab0b000000140000",
