@@ -1,8 +1,10 @@
 // Mutexes of the framework: recursive, each with one built-in condition variable.
 //
 // Lock order of the framework's process-wide mutexes (take them only in this order):
-//   properties creation lock (Properties::gPropMtx), a properties store's own lock,
-//   host settings lock, logger registry lock, log delivery lock, a run queue's lock.
+//   log queue control lock (starting and stopping the log thread), properties creation
+//   lock (Properties::gPropMtx), a properties store's own lock, host settings lock,
+//   run-queue registry lock, logger registry lock, log delivery lock, a run queue's lock.
+// The thread count lock is a leaf: nothing else is taken while it is held.
 // Logging is allowed under any of them: a record takes only the delivery lock. (The one
 // record that reads the properties to decide about openlog is one logged while its thread
 // holds no framework mutex.)
