@@ -185,7 +185,12 @@ void Properties::resolveJoinParams() {
     for (const JoinParam& param : kJoinParams) {
         std::string value = "<unknown>";
         try {
-            std::string setting = getSetting(*param.settingKey, false);
+            // The override comes from this store, which the parse has locked: getSetting
+            // would take the creation lock, the reverse of getProperties' own order.
+            std::string setting = get(std::string("kset.") + *param.settingKey);
+            if (setting.empty()) {
+                setting = getSetting(*param.settingKey, true);
+            }
             if (std::strcmp(*param.settingKey, SETTING_ZONE_REALNAME) == 0) {
                 // A distinguished name stands for the zone named by its first "CN=".
                 const size_t cn = setting.find("CN=");
