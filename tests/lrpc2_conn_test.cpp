@@ -13,7 +13,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -21,28 +20,23 @@
 #include "lrpc2/conn.h"
 #include "lrpc2/status.h"
 #include "support/child.h"
+#include "support/kvdsim.h"
 
 namespace {
 
 using kvtest::ChildProcess;
+using kvtest::TempDir;
 
-const lrpc2_msg_table* table() { return lrpc2_default_table(); }
+const lrpc2_msg_table* table() {
+    return lrpc2_default_table();
+}
 
-bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
-bool isNonBlocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
-
-class TempDir {
-public:
-    TempDir() {
-        char name[] = "/tmp/kvconn.XXXXXX";
-        m_path = mkdtemp(name);
-    }
-    ~TempDir() { std::filesystem::remove_all(m_path); }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+bool isNonBlocking(int fd) {
+    return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
+}
 
 int listenAt(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -67,7 +61,9 @@ int daemonSide(int listener, const std::function<int(int)>& then) {
     return hello == LRPC2_HANDSHAKE_HELLO ? then(fd) : 11;
 }
 
-int answer(int fd, uint32_t value) { return kvtest::writeFully(fd, &value, 4) ? 0 : 12; }
+int answer(int fd, uint32_t value) {
+    return kvtest::writeFully(fd, &value, 4) ? 0 : 12;
+}
 
 int answerInPieces(int fd, uint32_t value, size_t pieces) {
     const auto* p = reinterpret_cast<const uint8_t*>(&value);
@@ -172,14 +168,10 @@ TEST(Lrpc2Connect, UnusablePaths) {
     const std::string too_long = "/" + longest;
     const std::string directory = dir.file("");
     const Case cases[] = {
-        {nullptr, LRPC2_ERR_NOPATH},
-        {"", LRPC2_ERR_NOPATH},
-        {"relative/sock", LRPC2_ERR_NOPATH},
-        {too_long.c_str(), LRPC2_ERR_NOPATH},
-        {fits.c_str(), LRPC2_ERR_OPEN},
-        {"/nonexistent/kvconn/sock", LRPC2_ERR_OPEN},
-        {stale.c_str(), LRPC2_ERR_OPEN},
-        {directory.c_str(), LRPC2_ERR_OPEN},
+        {nullptr, LRPC2_ERR_NOPATH},         {"", LRPC2_ERR_NOPATH},
+        {"relative/sock", LRPC2_ERR_NOPATH}, {too_long.c_str(), LRPC2_ERR_NOPATH},
+        {fits.c_str(), LRPC2_ERR_OPEN},      {"/nonexistent/kvconn/sock", LRPC2_ERR_OPEN},
+        {stale.c_str(), LRPC2_ERR_OPEN},     {directory.c_str(), LRPC2_ERR_OPEN},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path != nullptr ? c.path : "(null)");
@@ -277,8 +269,8 @@ TEST(Lrpc2Transfer, ReadsAFrameDeliveredInPieces) {
             close(fds[1]);
             fcntl(fds[0], F_SETFL, O_NONBLOCK);
             std::vector<uint8_t> got(c.size);
-            EXPECT_EQ(lrpc2_read_all(fds[0], got.data(), static_cast<uint32_t>(c.size),
-                                     c.timeout, use_socket),
+            EXPECT_EQ(lrpc2_read_all(fds[0], got.data(), static_cast<uint32_t>(c.size), c.timeout,
+                                     use_socket),
                       0);
             EXPECT_EQ(got, expected);
             EXPECT_TRUE(isNonBlocking(fds[0]));

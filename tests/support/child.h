@@ -11,7 +11,7 @@
 namespace kvtest {
 
 class ChildProcess {
-public:
+  public:
     // Forks; the child runs `body` and exits with its result.
     explicit ChildProcess(const std::function<int()>& body);
     ChildProcess(const ChildProcess&) = delete;
@@ -23,7 +23,7 @@ public:
     int wait();
     pid_t pid() const { return m_pid; }
 
-private:
+  private:
     pid_t m_pid;
     int m_status = -1;
 };

@@ -1,0 +1,110 @@
+#include "support/kvdsim.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace kvtest {
+
+std::string kvdsimPath() {
+    return std::string(KV_BIN_DIR) + "/tools/kvdsim/kvdsim";
+}
+
+TempDir::TempDir() {
+    char name[] = "/tmp/kvtest.XXXXXX";
+    if (mkdtemp(name) != nullptr) {
+        m_path = name;
+        chmod(name, 0755);
+    }
+}
+
+TempDir::~TempDir() {
+    if (!m_path.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+}
+
+Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
+               const std::vector<std::string>& prefix)
+    : m_socket(dir.file("sock")), m_log(dir.file("frames.log")) {
+    std::vector<std::string> argv = prefix;
+    argv.push_back(kvdsimPath());
+    for (const std::string& a : {std::string("--socket"), m_socket, std::string("--log"), m_log}) {
+        argv.push_back(a);
+    }
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> raw;
+    for (auto& a : argv) {
+        raw.push_back(&a[0]);
+    }
+    raw.push_back(nullptr);
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0) {
+        return;
+    }
+    m_pid = fork();
+    if (m_pid == 0) {
+        dup2(out[1], 1);
+        execvp(raw[0], raw.data());
+        _exit(127);
+    }
+    close(out[1]);
+    // Ready once it printed its listening line; end of file means it gave up.
+    std::string text;
+    pollfd p = {out[0], POLLIN, 0};
+    while (m_pid > 0 && text.find('\n') == std::string::npos && poll(&p, 1, 10000) > 0) {
+        char buf[256];
+        const ssize_t n = read(out[0], buf, sizeof buf);
+        if (n <= 0) {
+            break;
+        }
+        text.append(buf, static_cast<size_t>(n));
+    }
+    close(out[0]);
+    m_ready = text == "kvdsim: listening on " + m_socket + "\n";
+}
+
+Kvdsim::~Kvdsim() {
+    terminate();
+}
+
+std::vector<std::string> Kvdsim::log() const {
+    std::vector<std::string> lines;
+    std::ifstream in(m_log);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+int Kvdsim::wait() {
+    if (m_pid <= 0 || m_status >= 0) {
+        return m_status;
+    }
+    int raw = 0;
+    while (waitpid(m_pid, &raw, 0) < 0) {
+        if (errno != EINTR) {
+            return -1;
+        }
+    }
+    m_status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+    return m_status;
+}
+
+int Kvdsim::terminate() {
+    if (m_pid > 0 && m_status < 0) {
+        kill(m_pid, SIGTERM);
+    }
+    return wait();
+}
+
+}  // namespace kvtest

@@ -1,0 +1,59 @@
+// The simulated daemon as a child process of a test.
+#ifndef KV_TESTS_SUPPORT_KVDSIM_H
+#define KV_TESTS_SUPPORT_KVDSIM_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace kvtest {
+
+// Path of the built kvdsim executable.
+std::string kvdsimPath();
+
+// A private directory under /tmp (mode 0755), removed with everything in it.
+class TempDir {
+  public:
+    TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    ~TempDir();
+    const std::string& path() const { return m_path; }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+  private:
+    std::string m_path;
+};
+
+class Kvdsim {
+  public:
+    // Starts kvdsim with `--socket <dir>/sock --log <dir>/frames.log` and `args`, and
+    // waits until it listens. `prefix` (for example setpriv and its options) runs it.
+    Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
+           const std::vector<std::string>& prefix = {});
+    Kvdsim(const Kvdsim&) = delete;
+    Kvdsim& operator=(const Kvdsim&) = delete;
+    // Ends it with SIGTERM if it still runs.
+    ~Kvdsim();
+
+    bool ready() const { return m_ready; }
+    const std::string& socket() const { return m_socket; }
+    // The lines of its frame log so far.
+    std::vector<std::string> log() const;
+    // Waits for it to exit: its exit status, or 128 + signal.
+    int wait();
+    // SIGTERM, then wait.
+    int terminate();
+
+  private:
+    std::string m_socket;
+    std::string m_log;
+    pid_t m_pid = -1;
+    int m_status = -1;
+    bool m_ready = false;
+};
+
+}  // namespace kvtest
+
+#endif

@@ -1,0 +1,269 @@
+#include "options.h"
+
+#include <errno.h>
+#include <getopt.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace kvdsim {
+
+namespace {
+
+const char kUsage[] =
+    "Usage: kvdsim [OPTIONS]\n"
+    "A simulated Kavelo audit daemon: listens on a Unix stream socket and speaks the\n"
+    "daemon's side of the lrpc2 protocol (handshake, framed requests and replies, process\n"
+    "authentication), misbehaving on request so that clients can be tested.\n"
+    "Every request is answered with a reply of the same id; the queries get plausible\n"
+    "fields (80: bool 1; 90, 100, 110: a string; 91: int32, string, string, bool, string,\n"
+    "string; 120: int32 0). It serves any number of connections, one after another or at\n"
+    "once, until SIGTERM or SIGINT, and then removes its socket and exits with 0.\n"
+    "\n"
+    "  --socket PATH        listen on PATH (default /var/zantorkv/audit); a stale socket\n"
+    "                       there is replaced, any other file is an error\n"
+    "  --ready-file PATH    create PATH once listening; standard output also gets the\n"
+    "                       line \"kvdsim: listening on SOCKET\" at that moment\n"
+    "  --log PATH           append one line per handshake and frame received, written\n"
+    "                       before any answer: \"<conn> hello <hex>\" and\n"
+    "                       \"<conn> frame <hex>\" (connections count from 1; the bytes in\n"
+    "                       lower-case hex without separators)\n"
+    "  --exit-on-stop       answer KVStop (20), remove the socket and exit, so that later\n"
+    "                       connects are refused; without it the daemon keeps running and\n"
+    "                       answers every request (pings included)\n"
+    "  --handshake VALUE    answer the client's hello with VALUE (default 1, which\n"
+    "                       accepts); any other value refuses and closes\n"
+    "  --auth               demand process authentication before the first request of\n"
+    "                       each connection: challenge (id 1), check the client's uid and\n"
+    "                       gid against its socket credentials, answer with the paths of\n"
+    "                       two new proof files of random content, check the contents the\n"
+    "                       client sends back (id 2), then reply to the first request.\n"
+    "                       A wrong identity or wrong contents close the connection\n"
+    "  --auth-answer KIND   answer the client's identity with: two-paths (default),\n"
+    "                       one-path (the first path only), nested (another challenge)\n"
+    "  --proof-dir DIR      create the proof files in DIR (default: the socket's\n"
+    "                       directory); they are removed when the dialogue ends\n"
+    "  --proof-size N       bytes of random content per proof file (default 32)\n"
+    "  --proof-file1 PATH   name PATH as the first proof file instead of creating one\n"
+    "  --proof-file2 PATH   the same for the second (the contents expected are read\n"
+    "                       from the file when the paths are sent)\n"
+    "  --fault KIND         misbehave at one frame (see --fault-frame, --fault-conn):\n"
+    "                         close-hello     read the hello, close without answering\n"
+    "                         silent-hello    read the hello, never answer\n"
+    "                         close-request   read the frame, close without a reply\n"
+    "                         silent-request  read the frame, never reply\n"
+    "                         close-header    send the reply's 8 header bytes, close\n"
+    "                         close-body      send the reply but its last byte, close\n"
+    "                         silent-body     send the reply but its last byte, then\n"
+    "                                         stay silent\n"
+    "                         bad-magic       reply with the magic 0xDEADBEEF\n"
+    "                         swapped-magic   reply with the magic bytes AB CD 80 12\n"
+    "                         bad-tag         reply holding a field tag 9\n"
+    "                         trailing-byte   reply with a byte after its end tag\n"
+    "                         short-length    reply header with the length 7, no more\n"
+    "                         huge-length     reply header with a length of 16 MiB + 1,\n"
+    "                                         no more\n"
+    "                       After a malformed reply the connection stays open.\n"
+    "  --fault-frame N      the frame (counting from 1 on each connection, the frames of\n"
+    "                       the authentication dialogue included) that the fault hits\n"
+    "                       (default 1); hello faults hit the hello\n"
+    "  --fault-conn N       only the Nth connection accepted suffers the fault (default\n"
+    "                       0: every connection)\n"
+    "  --piece N            send every answer in pieces of N bytes (default: whole)\n"
+    "  --piece-delay MS     pause between pieces (default 5)\n"
+    "  --help               print this text and exit\n";
+
+struct Named {
+    const char* name;
+    int value;
+};
+
+const Named kFaults[] = {
+    {"close-hello", static_cast<int>(Fault::CloseHello)},
+    {"silent-hello", static_cast<int>(Fault::SilentHello)},
+    {"close-request", static_cast<int>(Fault::CloseRequest)},
+    {"silent-request", static_cast<int>(Fault::SilentRequest)},
+    {"close-header", static_cast<int>(Fault::CloseHeader)},
+    {"close-body", static_cast<int>(Fault::CloseBody)},
+    {"silent-body", static_cast<int>(Fault::SilentBody)},
+    {"bad-magic", static_cast<int>(Fault::BadMagic)},
+    {"swapped-magic", static_cast<int>(Fault::SwappedMagic)},
+    {"bad-tag", static_cast<int>(Fault::BadTag)},
+    {"trailing-byte", static_cast<int>(Fault::TrailingByte)},
+    {"short-length", static_cast<int>(Fault::ShortLength)},
+    {"huge-length", static_cast<int>(Fault::HugeLength)},
+};
+
+const Named kAuthAnswers[] = {
+    {"two-paths", static_cast<int>(AuthAnswer::TwoPaths)},
+    {"one-path", static_cast<int>(AuthAnswer::OnePath)},
+    {"nested", static_cast<int>(AuthAnswer::Nested)},
+};
+
+template <size_t N>
+bool lookup(const Named (&names)[N], const char* text, int& value) {
+    for (const Named& n : names) {
+        if (strcmp(n.name, text) == 0) {
+            value = n.value;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool parseNumber(const char* text, uint32_t& value) {
+    if (text[0] < '0' || text[0] > '9') {
+        return false;
+    }
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long n = strtoull(text, &end, 0);
+    if (errno != 0 || *end != '\0' || n > UINT32_MAX) {
+        return false;
+    }
+    value = static_cast<uint32_t>(n);
+    return true;
+}
+
+enum LongOnly {
+    kSocket = 256,
+    kReadyFile,
+    kLog,
+    kExitOnStop,
+    kHandshake,
+    kAuth,
+    kAuthAnswer,
+    kProofDir,
+    kProofSize,
+    kProofFile1,
+    kProofFile2,
+    kFault,
+    kFaultFrame,
+    kFaultConn,
+    kPiece,
+    kPieceDelay,
+    kHelp,
+};
+
+const option kLongOptions[] = {
+    {"socket", required_argument, nullptr, kSocket},
+    {"ready-file", required_argument, nullptr, kReadyFile},
+    {"log", required_argument, nullptr, kLog},
+    {"exit-on-stop", no_argument, nullptr, kExitOnStop},
+    {"handshake", required_argument, nullptr, kHandshake},
+    {"auth", no_argument, nullptr, kAuth},
+    {"auth-answer", required_argument, nullptr, kAuthAnswer},
+    {"proof-dir", required_argument, nullptr, kProofDir},
+    {"proof-size", required_argument, nullptr, kProofSize},
+    {"proof-file1", required_argument, nullptr, kProofFile1},
+    {"proof-file2", required_argument, nullptr, kProofFile2},
+    {"fault", required_argument, nullptr, kFault},
+    {"fault-frame", required_argument, nullptr, kFaultFrame},
+    {"fault-conn", required_argument, nullptr, kFaultConn},
+    {"piece", required_argument, nullptr, kPiece},
+    {"piece-delay", required_argument, nullptr, kPieceDelay},
+    {"help", no_argument, nullptr, kHelp},
+    {nullptr, 0, nullptr, 0},
+};
+
+// Applies one option; false when its argument is unusable.
+bool apply(int opt, const char* arg, Options& o) {
+    int named = 0;
+    switch (opt) {
+        case kSocket:
+            o.socket = arg;
+            return arg[0] == '/';
+        case kReadyFile:
+            o.readyFile = arg;
+            return true;
+        case kLog:
+            o.logFile = arg;
+            return true;
+        case kExitOnStop:
+            o.exitOnStop = true;
+            return true;
+        case kHandshake:
+            return parseNumber(arg, o.handshake);
+        case kAuth:
+            o.auth = true;
+            return true;
+        case kAuthAnswer:
+            if (!lookup(kAuthAnswers, arg, named)) {
+                return false;
+            }
+            o.authAnswer = static_cast<AuthAnswer>(named);
+            return true;
+        case kProofDir:
+            o.proofDir = arg;
+            return true;
+        case kProofSize:
+            return parseNumber(arg, o.proofSize) && o.proofSize > 0 && o.proofSize <= (1u << 20);
+        case kProofFile1:
+            o.proofPath1 = arg;
+            return true;
+        case kProofFile2:
+            o.proofPath2 = arg;
+            return true;
+        case kFault:
+            if (!lookup(kFaults, arg, named)) {
+                return false;
+            }
+            o.fault = static_cast<Fault>(named);
+            return true;
+        case kFaultFrame:
+            return parseNumber(arg, o.faultFrame) && o.faultFrame > 0;
+        case kFaultConn:
+            return parseNumber(arg, o.faultConn);
+        case kPiece:
+            return parseNumber(arg, o.piece);
+        case kPieceDelay:
+            return parseNumber(arg, o.pieceDelayMs);
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+const char* usage() {
+    return kUsage;
+}
+
+int parseOptions(int argc, char** argv, Options& options) {
+    opterr = 0;
+    int opt = 0;
+    while ((opt = getopt_long(argc, argv, "", kLongOptions, nullptr)) != -1) {
+        if (opt == kHelp) {
+            fputs(kUsage, stdout);
+            return 1;
+        }
+        if (opt == '?' || opt == ':') {
+            fprintf(stderr, "kvdsim: unknown option or missing argument: %s\n", argv[optind - 1]);
+            fputs("Try 'kvdsim --help'.\n", stderr);
+            return 2;
+        }
+        if (!apply(opt, optarg, options)) {
+            fprintf(stderr, "kvdsim: bad value for --%s: '%s'\n", kLongOptions[opt - kSocket].name,
+                    optarg != nullptr ? optarg : "");
+            return 2;
+        }
+    }
+    if (optind < argc) {
+        fprintf(stderr, "kvdsim: unexpected argument '%s'\n", argv[optind]);
+        return 2;
+    }
+    if (options.proofPath1.empty() != options.proofPath2.empty()) {
+        fputs("kvdsim: --proof-file1 and --proof-file2 go together\n", stderr);
+        return 2;
+    }
+    if (options.proofDir.empty()) {
+        options.proofDir = options.socket.substr(0, options.socket.rfind('/'));
+        if (options.proofDir.empty()) {
+            options.proofDir = "/";
+        }
+    }
+    return 0;
+}
+
+}  // namespace kvdsim

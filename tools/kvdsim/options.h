@@ -1,0 +1,63 @@
+// Command line of the simulated daemon.
+#ifndef KVDSIM_OPTIONS_H
+#define KVDSIM_OPTIONS_H
+
+#include <cstdint>
+#include <string>
+
+namespace kvdsim {
+
+// One deliberate misbehaviour, applied at a chosen frame of chosen connections.
+enum class Fault {
+    None,
+    CloseHello,     // read the hello, close without answering
+    SilentHello,    // read the hello, never answer
+    CloseRequest,   // read the frame, close without replying
+    SilentRequest,  // read the frame, never reply
+    CloseHeader,    // send the reply's 8 header bytes, then close
+    CloseBody,      // send all of the reply but its last byte, then close
+    SilentBody,     // send all of the reply but its last byte, then stay silent
+    BadMagic,       // reply with the magic 0xDEADBEEF
+    SwappedMagic,   // reply with the magic's bytes in the other order
+    BadTag,         // reply holding a field tag 9
+    TrailingByte,   // reply with a byte after its end tag, counted in its length
+    ShortLength,    // reply header with the length 7, nothing after it
+    HugeLength,     // reply header with a length just above the client's bound
+};
+
+// How the daemon answers the client's identity during process authentication.
+enum class AuthAnswer {
+    TwoPaths,  // the two proof file paths
+    OnePath,   // only the first path
+    Nested,    // a further challenge instead of the paths
+};
+
+struct Options {
+    std::string socket = "/var/zantorkv/audit";
+    std::string readyFile;
+    std::string logFile;
+    bool exitOnStop = false;
+    uint32_t handshake = 1;
+    bool auth = false;
+    AuthAnswer authAnswer = AuthAnswer::TwoPaths;
+    std::string proofDir;    // empty: the socket's directory
+    std::string proofPath1;  // named instead of created when set
+    std::string proofPath2;
+    uint32_t proofSize = 32;
+    Fault fault = Fault::None;
+    uint32_t faultFrame = 1;
+    uint32_t faultConn = 0;  // 0: every connection
+    uint32_t piece = 0;      // 0: whole
+    uint32_t pieceDelayMs = 5;
+};
+
+// The usage text of --help.
+const char* usage();
+
+// Parses the command line. Returns 0 to run, 1 after --help (printed), 2 on a usage
+// error (message printed to standard error).
+int parseOptions(int argc, char** argv, Options& options);
+
+}  // namespace kvdsim
+
+#endif
