@@ -14,9 +14,7 @@
 
 namespace kvtest {
 
-std::string kvdsimPath() {
-    return std::string(KV_BIN_DIR) + "/tools/kvdsim/kvdsim";
-}
+std::string kvdsimPath() { return KVDSIM_PATH; }
 
 TempDir::TempDir() {
     char name[] = "/tmp/kvtest.XXXXXX";

@@ -3,6 +3,7 @@
 #define LRPC2_LRPC2_H
 
 #include "lrpc2/bytebuf.h"
+#include "lrpc2/conf.h"
 #include "lrpc2/conn.h"
 #include "lrpc2/exchange.h"
 #include "lrpc2/msg.h"

@@ -1,0 +1,373 @@
+// The simple configuration reader: parsing, lazy expansion and lookups.
+#include "lrpc2/conf.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "conf_internal.h"
+
+namespace {
+
+enum EntryFlag : uint8_t {
+    IN_PROGRESS = 1,
+    INT_PARSED = 2,
+    INT_VALID = 4,
+    FILE_CHECKED = 32,
+};
+
+// Longest "$" name; further name characters stay ordinary text.
+constexpr size_t kMaxName = 1024;
+
+}  // namespace
+
+struct conf_entry {
+    conf_entry* next;  // older entry
+    char* key;
+    char* raw;       // as read; the list text once a file reference was read
+    char* expanded;  // cached expansion
+    char* fileRef;   // expanded "file:/" reference
+    int32_t fileStatus;
+    uint8_t flags;
+    int32_t integer;
+};
+
+struct conf_file {
+    conf_entry* entries;  // newest first
+    char* slots[CONF_JOIN_PARAM_COUNT];
+    int32_t nesting;  // expansions in progress
+};
+
+namespace {
+
+void setStatus(int32_t* status, int32_t value) {
+    if (status != nullptr) {
+        *status = value;
+    }
+}
+
+conf_entry* findEntry(const conf_file* file, const char* key) {
+    for (conf_entry* e = file->entries; e != nullptr; e = e->next) {
+        if (strcmp(e->key, key) == 0) {
+            return e;
+        }
+    }
+    return nullptr;
+}
+
+int32_t parse(conf::Cursor in, const char* const* prefixes, conf_file* file) {
+    for (;;) {
+        if (!conf::skipToItem(in)) {
+            return 0;
+        }
+        conf::Text key;
+        if (prefixes != nullptr) {
+            const char* prefix = conf::matchPrefix(in, prefixes);
+            if (prefix == nullptr) {
+                conf::skipRestOfLine(in);
+                continue;
+            }
+            key.add(prefix);
+        }
+        const conf::KeyResult found = conf::readKey(in, key);
+        if (found == conf::KeyResult::END) {
+            return 0;
+        }
+        conf::Text raw;
+        conf::readRawValue(in, raw);
+        if (found == conf::KeyResult::FAILED || raw.failed()) {
+            return CONF_ERR_NOMEM;
+        }
+        conf_entry* entry = static_cast<conf_entry*>(calloc(1, sizeof(conf_entry)));
+        if (entry == nullptr) {
+            return CONF_ERR_NOMEM;
+        }
+        entry->key = key.take();
+        entry->raw = raw.take();
+        entry->next = file->entries;
+        file->entries = entry;
+        if (entry->key == nullptr || entry->raw == nullptr) {
+            return CONF_ERR_NOMEM;
+        }
+    }
+}
+
+bool isNameChar(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '.';
+}
+
+// The text of a "$" name, or null when it does not resolve; 0 or the status of a failed
+// resolution.
+int32_t lookupName(conf_file* file, const char* name, const char** value) {
+    *value = nullptr;
+    for (const conf_join_param& param : JoinParamResolveTable) {
+        if (strcmp(name, param.name) != 0) {
+            continue;
+        }
+        char*& slot = file->slots[param.slot];
+        if (slot == nullptr) {
+            const int32_t rc = param.resolve(param.setting_key, &slot);
+            if (rc != 0) {
+                return rc;
+            }
+        }
+        *value = slot;
+        return 0;
+    }
+    *value = getenv(name);
+    if (*value != nullptr || file->nesting >= CONF_MAX_NESTING) {
+        return 0;
+    }
+    int32_t rc = 0;
+    *value = conf_get_string(file, name, nullptr, &rc);
+    return rc;
+}
+
+// Skips leading blanks, replaces "$" names and backslash escapes, and cuts the blanks that
+// end the value (an escaped character or an expanded name ends a run of blanks).
+int32_t expandText(conf_file* file, const char* raw, char** out) {
+    const char* p = raw;
+    while (conf::isSpace(static_cast<unsigned char>(*p))) {
+        ++p;
+    }
+    conf::Text text;
+    uint32_t keep = 0;
+    while (*p != '\0') {
+        const char c = *p++;
+        if (c == '$') {
+            size_t n = 0;
+            while (n < kMaxName && isNameChar(p[n])) {
+                ++n;
+            }
+            if (n > 0) {
+                char name[kMaxName + 1];
+                memcpy(name, p, n);
+                name[n] = '\0';
+                const char* value = nullptr;
+                const int32_t rc = lookupName(file, name, &value);
+                if (rc != 0) {
+                    return rc;
+                }
+                if (value != nullptr) {
+                    text.add(value);
+                    keep = text.length();
+                    p += n;
+                    continue;
+                }
+            }
+            // Unresolved: the "$" stays and the name follows as ordinary text.
+            text.add('$');
+            keep = text.length();
+        } else if (c == '\\') {
+            if (*p != '\0') {
+                text.add(conf::mapEscape(*p++));
+                keep = text.length();
+            }
+        } else {
+            text.add(c);
+            if (!conf::isSpace(static_cast<unsigned char>(c))) {
+                keep = text.length();
+            }
+        }
+        if (text.failed()) {
+            return CONF_ERR_NOMEM;
+        }
+    }
+    text.cut(keep);
+    *out = text.take();
+    return *out != nullptr ? 0 : CONF_ERR_NOMEM;
+}
+
+// Reads a list file: every item expanded, with "," blanks and line ends escaped, joined
+// with ",".
+int32_t readListFile(conf_file* file, const char* path, char** out) {
+    lrpc2_bytebuf content;
+    bytebuf_init(&content, 0);
+    int32_t rc = conf::readFile(path, &content);
+    if (rc != 0) {
+        return rc;
+    }
+    conf::Cursor in(bytebuf_data(&content), bytebuf_data(&content) + bytebuf_length(&content));
+    conf::Text joined;
+    bool first = true;
+    while (rc == 0 && conf::skipToItem(in)) {
+        conf::Text item;
+        conf::readRawValue(in, item);
+        char* raw = item.take();
+        char* expanded = nullptr;
+        rc = raw != nullptr ? expandText(file, raw, &expanded) : CONF_ERR_NOMEM;
+        free(raw);
+        if (rc != 0) {
+            break;
+        }
+        if (!first) {
+            joined.add(',');
+        }
+        first = false;
+        for (const char* p = expanded; *p != '\0'; ++p) {
+            if (*p == ',' || *p == ' ' || *p == '\t' || conf::isLineEnd(*p)) {
+                joined.add('\\');
+            }
+            joined.add(*p);
+        }
+        free(expanded);
+        if (joined.failed()) {
+            rc = CONF_ERR_NOMEM;
+        }
+    }
+    bytebuf_release(&content, 0);
+    if (rc == 0) {
+        *out = joined.take();
+        rc = *out != nullptr ? 0 : CONF_ERR_NOMEM;
+    }
+    return rc;
+}
+
+// Once per entry: a value beginning with "file:/" is replaced by its list file's text. A
+// failure is kept in the entry.
+void resolveFileReference(conf_file* file, conf_entry* e) {
+    if (e->flags & FILE_CHECKED) {
+        return;
+    }
+    e->flags |= FILE_CHECKED;
+    const char* p = e->raw;
+    while (*p == ' ' || *p == '\t' || conf::isLineEnd(*p)) {
+        ++p;
+    }
+    if (strncmp(p, "file:/", 6) != 0) {
+        return;
+    }
+    e->fileStatus = expandText(file, e->raw, &e->fileRef);
+    if (e->fileStatus != 0) {
+        return;
+    }
+    char* list = nullptr;
+    e->fileStatus = readListFile(file, strchr(e->fileRef, '/'), &list);
+    if (e->fileStatus == 0) {
+        free(e->raw);
+        e->raw = list;
+    }
+}
+
+int32_t expandEntry(conf_file* file, conf_entry* e) {
+    e->flags |= IN_PROGRESS;
+    ++file->nesting;
+    resolveFileReference(file, e);
+    int32_t rc = e->fileStatus;
+    if (rc == 0) {
+        rc = expandText(file, e->raw, &e->expanded);
+    }
+    --file->nesting;
+    e->flags &= static_cast<uint8_t>(~IN_PROGRESS);
+    return rc;
+}
+
+void freeEntry(conf_entry* e) {
+    free(e->key);
+    free(e->raw);
+    free(e->expanded);
+    free(e->fileRef);
+    free(e);
+}
+
+}  // namespace
+
+extern "C" {
+
+conf_file* conf_open(const char* path, const char* const* prefixes, int32_t* status) {
+    setStatus(status, 0);
+    if (path == nullptr || path[0] == '\0') {
+        setStatus(status, CONF_ERR_NOFILE);
+        return nullptr;
+    }
+    if (path[0] != '/') {
+        setStatus(status, CONF_ERR_RELATIVE);
+        return nullptr;
+    }
+    lrpc2_bytebuf content;
+    bytebuf_init(&content, 0);
+    int32_t rc = conf::readFile(path, &content);
+    conf_file* file = nullptr;
+    if (rc == 0) {
+        file = static_cast<conf_file*>(calloc(1, sizeof(conf_file)));
+        rc = file != nullptr ? 0 : CONF_ERR_NOMEM;
+    }
+    if (rc == 0) {
+        rc = parse(
+            conf::Cursor(bytebuf_data(&content), bytebuf_data(&content) + bytebuf_length(&content)),
+            prefixes, file);
+    }
+    bytebuf_release(&content, 0);
+    if (rc != 0) {
+        conf_free(file);
+        setStatus(status, rc);
+        return nullptr;
+    }
+    return file;
+}
+
+const char* conf_get_string(conf_file* file, const char* key, const char* def, int32_t* status) {
+    setStatus(status, 0);
+    if (file == nullptr || key == nullptr) {
+        return def;
+    }
+    conf_entry* e = findEntry(file, key);
+    if (e == nullptr || (e->flags & IN_PROGRESS)) {
+        return def;
+    }
+    if (e->expanded == nullptr) {
+        const int32_t rc = expandEntry(file, e);
+        if (rc != 0) {
+            setStatus(status, rc);
+            return nullptr;
+        }
+    }
+    return e->expanded;
+}
+
+int32_t conf_get_int(conf_file* file, const char* key, int32_t def, int32_t* status) {
+    setStatus(status, 0);
+    if (file == nullptr || key == nullptr) {
+        return def;
+    }
+    conf_entry* e = findEntry(file, key);
+    if (e == nullptr || (e->flags & IN_PROGRESS)) {
+        return def;
+    }
+    if (!(e->flags & INT_PARSED)) {
+        if (e->expanded == nullptr) {
+            const int32_t rc = expandEntry(file, e);
+            if (rc != 0) {
+                setStatus(status, rc);
+                return 0;
+            }
+        }
+        char* end = nullptr;
+        errno = 0;
+        const long value = strtol(e->expanded, &end, 0);
+        e->flags |= INT_PARSED;
+        if (end != e->expanded && errno != ERANGE && value >= INT32_MIN && value <= INT32_MAX) {
+            e->flags |= INT_VALID;
+            e->integer = static_cast<int32_t>(value);
+        }
+    }
+    return (e->flags & INT_VALID) ? e->integer : def;
+}
+
+void conf_free(conf_file* file) {
+    if (file == nullptr) {
+        return;
+    }
+    for (conf_entry* e = file->entries; e != nullptr;) {
+        conf_entry* next = e->next;
+        freeEntry(e);
+        e = next;
+    }
+    for (char* slot : file->slots) {
+        free(slot);
+    }
+    free(file);
+}
+
+}  // extern "C"

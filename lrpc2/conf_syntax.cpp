@@ -1,0 +1,215 @@
+// The configuration reader's texts, file reading and line syntax.
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "conf_internal.h"
+
+namespace conf {
+
+bool Text::add(char c) {
+    if (m_failed || length() >= CONF_MAX_TEXT ||
+        bytebuf_append_byte(&m_buf, static_cast<uint8_t>(c)) == nullptr) {
+        m_failed = true;
+    }
+    return !m_failed;
+}
+
+bool Text::add(const char* text, size_t n) {
+    if (m_failed || n > CONF_MAX_TEXT - length() ||
+        bytebuf_append(&m_buf, static_cast<uint32_t>(n), text) == nullptr) {
+        m_failed = true;
+    }
+    return !m_failed;
+}
+
+bool Text::add(const char* text) {
+    return add(text, strlen(text));
+}
+
+void Text::cut(uint32_t n) {
+    while (length() > n) {
+        bytebuf_unappend(&m_buf);
+    }
+}
+
+char* Text::take() {
+    if (!add('\0')) {
+        return nullptr;
+    }
+    return reinterpret_cast<char*>(bytebuf_detach(&m_buf));
+}
+
+int32_t openStatus(int err) {
+    switch (err) {
+        case ENOMEM:
+        case ENFILE:
+        case EMFILE:
+            return CONF_ERR_NOMEM;
+        case EACCES:
+            return CONF_ERR_ACCESS;
+        case ENOENT:
+            return CONF_ERR_NOFILE;
+        default:
+            return CONF_ERR_OPEN;
+    }
+}
+
+int32_t readFile(const char* path, lrpc2_bytebuf* out) {
+    // Non-blocking, so that a FIFO cannot stall the open; only regular files are read.
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0) {
+        return openStatus(errno);
+    }
+    struct stat st;
+    int32_t rc = 0;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        rc = CONF_ERR_OPEN;
+    }
+    char chunk[4096];
+    while (rc == 0) {
+        const ssize_t n = read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            rc = CONF_ERR_OPEN;
+        } else if (n == 0) {
+            break;
+        } else if (static_cast<size_t>(n) > CONF_MAX_TEXT - bytebuf_length(out) ||
+                   bytebuf_append(out, static_cast<uint32_t>(n), chunk) == nullptr) {
+            rc = CONF_ERR_NOMEM;
+        }
+    }
+    close(fd);
+    if (rc != 0) {
+        bytebuf_release(out, 0);
+    }
+    return rc;
+}
+
+char mapEscape(char c) {
+    switch (c) {
+        case 'f':
+            return '\f';
+        case 'n':
+            return '\n';
+        case 'r':
+            return '\r';
+        case 't':
+            return '\t';
+        case 'v':
+            return '\v';
+        default:
+            return c;
+    }
+}
+
+bool skipToItem(Cursor& in) {
+    bool lineStart = true;
+    for (;;) {
+        const int c = in.peek();
+        if (c == kEnd) {
+            return false;
+        }
+        if (isLineEnd(c)) {
+            lineStart = true;
+            in.advance();
+        } else if (lineStart && (c == '#' || c == '!')) {
+            skipRestOfLine(in);
+        } else if (isSpace(c)) {
+            lineStart = false;
+            in.advance();
+        } else {
+            return true;
+        }
+    }
+}
+
+void skipRestOfLine(Cursor& in) {
+    for (int c = in.peek(); c != kEnd && !isLineEnd(c); c = in.peek()) {
+        in.advance();
+    }
+}
+
+const char* matchPrefix(Cursor& in, const char* const* prefixes) {
+    size_t matched = 0;
+    for (const char* const* p = prefixes; *p != nullptr;) {
+        const char* prefix = *p;
+        if (prefix[matched] == '\0') {
+            return prefix;
+        }
+        const int c = in.peek();
+        if (c != kEnd && c == static_cast<unsigned char>(prefix[matched])) {
+            in.advance();
+            ++matched;
+            continue;
+        }
+        // The next prefix must share what was consumed already.
+        ++p;
+        if (*p != nullptr && matched > 0 && strncmp(*p, prefix, matched) != 0) {
+            return nullptr;
+        }
+    }
+    return nullptr;
+}
+
+KeyResult readKey(Cursor& in, Text& key) {
+    for (;;) {
+        int c = in.peek();
+        if (c == kEnd) {
+            return KeyResult::END;
+        }
+        if (c == ':' || c == '=' || c == ' ' || c == '\t') {
+            break;
+        }
+        in.advance();
+        if (c == '\\') {
+            c = in.peek();
+            if (c == kEnd) {
+                continue;
+            }
+            in.advance();
+            c = static_cast<unsigned char>(mapEscape(static_cast<char>(c)));
+        }
+        if (!key.add(static_cast<char>(c))) {
+            return KeyResult::FAILED;
+        }
+    }
+    // One separator character; an "=" right after ":", a space or a tab belongs to it.
+    const int separator = in.peek();
+    in.advance();
+    if (separator != '=' && in.peek() == '=') {
+        in.advance();
+    }
+    return KeyResult::FOUND;
+}
+
+void readRawValue(Cursor& in, Text& value) {
+    for (int c = in.peek(); c != kEnd && !isLineEnd(c); c = in.peek()) {
+        in.advance();
+        if (c != '\\') {
+            value.add(static_cast<char>(c));
+            continue;
+        }
+        const int next = in.peek();
+        if (next == kEnd) {
+            break;
+        }
+        if (isLineEnd(next)) {
+            // A continuation: the line end and the blanks and line ends after it become one space.
+            for (int s = in.peek(); s == ' ' || s == '\t' || isLineEnd(s); s = in.peek()) {
+                in.advance();
+            }
+            value.add(' ');
+            continue;
+        }
+        in.advance();
+        value.add('\\');
+        value.add(static_cast<char>(next));
+    }
+}
+
+}  // namespace conf

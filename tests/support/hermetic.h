@@ -1,0 +1,29 @@
+// Runs a test case inside tests/support/hermetic.sh, where "/etc/zantorkv", "/var/zantorkv"
+// and "/var/zantormx" are private empty directories, so it may create files there.
+#ifndef KV_TESTS_SUPPORT_HERMETIC_H
+#define KV_TESTS_SUPPORT_HERMETIC_H
+
+#include <gtest/gtest.h>
+
+namespace kvtest {
+
+// True inside hermetic.sh (its private tmpfs is mounted on "/var/zantormx").
+bool insideHermetic();
+
+// Runs the current test case again in this executable under hermetic.sh (with --devlog
+// when asked) and returns its exit status.
+int rerunInHermetic(bool devlog = false);
+
+}  // namespace kvtest
+
+// First statement of a test body that touches the fixed paths: outside hermetic.sh the test
+// runs itself again inside it and passes or fails with that run.
+#define KV_REQUIRE_HERMETIC()                                                     \
+    do {                                                                          \
+        if (!::kvtest::insideHermetic()) {                                        \
+            ASSERT_EQ(::kvtest::rerunInHermetic(), 0) << "run under hermetic.sh"; \
+            return;                                                               \
+        }                                                                         \
+    } while (0)
+
+#endif
