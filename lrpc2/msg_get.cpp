@@ -15,7 +15,7 @@ int32_t begin_get(const lrpc2_msg* msg, uint8_t want, lrpc2_reader* r) {
     r->pos = msg->u.done.read;
     r->end = msg->u.done.end;
     uint8_t tag = 0;
-    if (r->pos >= r->end || !r->u8(&tag)) {
+    if (!r->u8(&tag)) {
         return LRPC2_MSG_NODATA;
     }
     if (tag != want) {

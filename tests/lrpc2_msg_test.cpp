@@ -244,60 +244,29 @@ const std::vector<std::pair<const char*, std::function<int32_t(lrpc2_msg*)>>>& b
     return ops;
 }
 
+// Out-values for the readers below, which are only used where they are refused.
+struct Outs {
+    int32_t i;
+    uint32_t u;
+    char* s;
+    uint8_t* b;
+    char** ss;
+    lrpc2_kv* kv;
+} outs;
+
 // Every operation that reads a message.
 const std::vector<std::pair<const char*, std::function<int32_t(lrpc2_msg*)>>>& readers() {
     static const std::vector<std::pair<const char*, std::function<int32_t(lrpc2_msg*)>>> ops = {
-        {"get_bool",
-         [](lrpc2_msg* m) {
-             int32_t v;
-             return lrpc2_get_bool(m, &v);
-         }},
-        {"get_int32",
-         [](lrpc2_msg* m) {
-             int32_t v;
-             return lrpc2_get_int32(m, &v);
-         }},
-        {"get_uint32",
-         [](lrpc2_msg* m) {
-             uint32_t v;
-             return lrpc2_get_uint32(m, &v);
-         }},
-        {"get_string",
-         [](lrpc2_msg* m) {
-             char* v;
-             return lrpc2_get_string(m, &v);
-         }},
-        {"get_string_alt",
-         [](lrpc2_msg* m) {
-             char* v;
-             return lrpc2_get_string_alt(m, &v);
-         }},
-        {"get_blob",
-         [](lrpc2_msg* m) {
-             uint8_t* v;
-             uint32_t n;
-             return lrpc2_get_blob(m, &v, &n);
-         }},
-        {"get_string_set",
-         [](lrpc2_msg* m) {
-             char** v;
-             return lrpc2_get_string_set(m, &v);
-         }},
-        {"get_kv_set",
-         [](lrpc2_msg* m) {
-             lrpc2_kv* v;
-             return lrpc2_get_kv_set(m, &v);
-         }},
-        {"msg_id",
-         [](lrpc2_msg* m) {
-             uint32_t v;
-             return lrpc2_msg_id(m, &v);
-         }},
-        {"next_type",
-         [](lrpc2_msg* m) {
-             uint32_t v;
-             return lrpc2_msg_next_type(m, &v);
-         }},
+        {"get_bool", [](lrpc2_msg* m) { return lrpc2_get_bool(m, &outs.i); }},
+        {"get_int32", [](lrpc2_msg* m) { return lrpc2_get_int32(m, &outs.i); }},
+        {"get_uint32", [](lrpc2_msg* m) { return lrpc2_get_uint32(m, &outs.u); }},
+        {"get_string", [](lrpc2_msg* m) { return lrpc2_get_string(m, &outs.s); }},
+        {"get_string_alt", [](lrpc2_msg* m) { return lrpc2_get_string_alt(m, &outs.s); }},
+        {"get_blob", [](lrpc2_msg* m) { return lrpc2_get_blob(m, &outs.b, &outs.u); }},
+        {"get_string_set", [](lrpc2_msg* m) { return lrpc2_get_string_set(m, &outs.ss); }},
+        {"get_kv_set", [](lrpc2_msg* m) { return lrpc2_get_kv_set(m, &outs.kv); }},
+        {"msg_id", [](lrpc2_msg* m) { return lrpc2_msg_id(m, &outs.u); }},
+        {"next_type", [](lrpc2_msg* m) { return lrpc2_msg_next_type(m, &outs.u); }},
     };
     return ops;
 }

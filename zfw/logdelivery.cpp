@@ -11,6 +11,7 @@
 #include "zfw/logger.h"
 #include "zfw/mutex.h"
 #include "zfw/osport.h"
+#include "zfw/strutil.h"
 
 namespace zfw {
 namespace {
@@ -91,8 +92,9 @@ void closeSystemLog() {
 }
 
 int32_t parseFacility(const std::string& name) {
+    const std::string lower = toLower(name);
     for (const Facility& f : kFacilities) {
-        if (name.size() == std::strlen(f.name) && strcasecmp(name.c_str(), f.name) == 0) {
+        if (lower == f.name) {
             return f.code;
         }
     }

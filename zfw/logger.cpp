@@ -2,7 +2,6 @@
 #include "zfw/logger.h"
 
 #include <pthread.h>
-#include <strings.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -15,6 +14,7 @@
 #include "logregistry.h"
 #include "zfw/logdelivery.h"
 #include "zfw/mutex.h"
+#include "zfw/strutil.h"
 
 namespace zfw {
 namespace {
@@ -244,9 +244,9 @@ int32_t Logger::parseLevel(const std::string& text) {
     if (text.empty()) {
         return INFO;
     }
+    const std::string upper = toUpper(text);
     for (int32_t level = 0; level < kLevelCount; ++level) {
-        if (text.size() == std::strlen(kLevelNames[level]) &&
-            strcasecmp(text.c_str(), kLevelNames[level]) == 0) {
+        if (upper == kLevelNames[level]) {
             return level;
         }
     }

@@ -3,9 +3,9 @@
 # directories. Their cases clean up after one another, so one namespace per binary will do.
 foreach(name properties_test setting_test)
   set(target hermetic_${name})
-  add_executable(${target} ${CMAKE_CURRENT_SOURCE_DIR}/hermetic/${name}.cpp ${KV_TEST_SUPPORT_SOURCES})
+  add_executable(${target} ${CMAKE_CURRENT_SOURCE_DIR}/hermetic/${name}.cpp)
   kv_link_product(${target})
-  target_link_libraries(${target} PRIVATE GTest::gmock GTest::gtest_main)
+  target_link_libraries(${target} PRIVATE kv_test_support GTest::gmock GTest::gtest_main)
   target_include_directories(${target} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
   target_compile_definitions(${target} PRIVATE
     KV_BIN_DIR="${CMAKE_BINARY_DIR}" KV_SOURCE_DIR="${CMAKE_SOURCE_DIR}")

@@ -12,7 +12,10 @@
 
 namespace kvtest {
 
-bool insideHermetic() {
+namespace {
+
+// True when hermetic.sh's private tmpfs is mounted on mountPoint.
+bool hermeticMountOn(const std::string& mountPoint) {
     std::ifstream mounts("/proc/self/mountinfo");
     std::string line;
     while (std::getline(mounts, line)) {
@@ -20,11 +23,21 @@ bool insideHermetic() {
         std::istringstream fields(line);
         std::string id, parent, dev, root, point;
         fields >> id >> parent >> dev >> root >> point;
-        if (point == "/var/zantormx" && line.find(" - tmpfs kvhermetic ") != std::string::npos) {
+        if (point == mountPoint && line.find(" - tmpfs kvhermetic ") != std::string::npos) {
             return true;
         }
     }
     return false;
+}
+
+}  // namespace
+
+bool insideHermetic() {
+    return hermeticMountOn("/var/zantormx");
+}
+
+bool insideHermeticDevLog() {
+    return insideHermetic() && hermeticMountOn("/dev");
 }
 
 int rerunInHermetic(bool devlog) {

@@ -9,6 +9,8 @@ namespace kvtest {
 
 // True inside hermetic.sh (its private tmpfs is mounted on "/var/zantormx").
 bool insideHermetic();
+// True inside hermetic.sh --devlog (its private tmpfs is mounted on "/dev").
+bool insideHermeticDevLog();
 
 // Runs the current test case again in this executable under hermetic.sh (with --devlog
 // when asked) and returns its exit status.
@@ -24,6 +26,15 @@ int rerunInHermetic(bool devlog = false);
             ASSERT_EQ(::kvtest::rerunInHermetic(), 0) << "run under hermetic.sh"; \
             return;                                                               \
         }                                                                         \
+    } while (0)
+
+// The same for a test that binds its own "/dev/log" (hermetic.sh --devlog).
+#define KV_REQUIRE_HERMETIC_DEVLOG()                                                           \
+    do {                                                                                       \
+        if (!::kvtest::insideHermeticDevLog()) {                                               \
+            ASSERT_EQ(::kvtest::rerunInHermetic(true), 0) << "run under hermetic.sh --devlog"; \
+            return;                                                                            \
+        }                                                                                      \
     } while (0)
 
 #endif

@@ -45,12 +45,12 @@ bool ProofPair::create(const std::string& dir, uint32_t size, uint32_t uid, uint
     clear();
     m_created = true;
     for (int i = 0; i < 2; ++i) {
-        std::string name = dir + "/kvdsim-proof.XXXXXX";
-        const int fd = mkstemp(&name[0]);
+        std::string path = dir + "/kvdsim-proof.XXXXXX";
+        const int fd = mkstemp(&path[0]);
         if (fd < 0) {
             return false;
         }
-        m_path[i] = name;
+        m_path[i] = path;
         if (geteuid() == 0) {
             (void)fchown(fd, uid, gid);
         }

@@ -48,7 +48,8 @@ typedef struct lrpc2_kv_in {
 lrpc2_msg* lrpc2_msg_create(uint32_t id, uint32_t reserved, const lrpc2_msg_table* table,
                             uint32_t header_len, int32_t* status);
 int32_t lrpc2_msg_complete(lrpc2_msg* msg);
-/* Without the copy flag the message adopts `bytes` (a malloc'd block) on success. */
+/* Without the copy flag the message adopts `bytes` (a malloc'd block) on success; on failure the
+ * bytes stay the caller's. Bytes shorter than the header are refused like malformed ones. */
 lrpc2_msg* lrpc2_msg_parse(uint8_t* bytes, uint32_t length, int copy, const lrpc2_msg_table* table,
                            uint32_t header_len, int32_t* status);
 void lrpc2_msg_free(lrpc2_msg* msg);
@@ -76,6 +77,8 @@ int32_t lrpc2_get_uint32(lrpc2_msg* msg, uint32_t* value);
 int32_t lrpc2_get_string(lrpc2_msg* msg, char** text);
 int32_t lrpc2_get_string_alt(lrpc2_msg* msg, char** text);
 int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length);
+/* Received set members that would end the handed-out array early (a null text in a string set,
+ * a pair of two nulls in a key-value set) are handed out as the empty text (the pair's key). */
 int32_t lrpc2_get_string_set(lrpc2_msg* msg, char*** texts);
 int32_t lrpc2_get_kv_set(lrpc2_msg* msg, lrpc2_kv** pairs);
 

@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Usage: scripts/fuzz.sh [seconds]: builds every fuzz/<name>_fuzz.cpp with clang's libFuzzer and
+# ASan+UBSan in build-fuzz, and runs each for the given seconds (default 30) over a working copy
+# (fuzz/corpus-work/<name>/) of its seed corpus fuzz/corpus/<name>/. Fails when any target finds a
+# crash, a leak or undefined behaviour; the input that did it is kept in build-fuzz/artifacts/.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+seconds=${1:-30}
+case "$seconds" in
+  '' | *[!0-9]*) echo "fuzz.sh: seconds must be a whole number, not '$seconds'" >&2; exit 2 ;;
+esac
+command -v clang++ >/dev/null 2>&1 || { echo "fuzz.sh: clang++ (libFuzzer) is not installed" >&2; exit 2; }
+"$top/scripts/setup.sh"
+
+shopt -s nullglob
+targets=()
+for src in "$top"/fuzz/*_fuzz.cpp; do
+  targets+=("$(basename "$src" .cpp)")
+done
+if [ ${#targets[@]} -eq 0 ]; then
+  echo "fuzz.sh: no fuzz targets in fuzz/" >&2
+  exit 0
+fi
+
+dir=$top/build-fuzz
+cmake -S "$top" -B "$dir" -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DKV_BUILD_FUZZ=ON -DKV_BUILD_TESTS=OFF >&2
+cmake --build "$dir" -j "$(nproc)" --target "${targets[@]}" >&2
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+mkdir -p "$dir/artifacts"
+failed=()
+for target in "${targets[@]}"; do
+  name=${target%_fuzz}
+  work=$top/fuzz/corpus-work/$name
+  rm -rf -- "$work"
+  mkdir -p "$work"
+  if [ -d "$top/fuzz/corpus/$name" ]; then
+    cp -a "$top/fuzz/corpus/$name/." "$work/"
+  fi
+  echo "fuzz.sh: $target for ${seconds}s" >&2
+  if ! "$dir/fuzz/$target" -max_total_time="$seconds" -print_final_stats=1 \
+      -artifact_prefix="$dir/artifacts/$name-" "$work"; then
+    failed+=("$target")
+  fi
+done
+if [ ${#failed[@]} -gt 0 ]; then
+  echo "fuzz.sh: failures in ${failed[*]} (inputs in $dir/artifacts/)" >&2
+  exit 1
+fi
+echo "fuzz.sh: ${targets[*]} found nothing in ${seconds}s each" >&2

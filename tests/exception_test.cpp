@@ -1,0 +1,206 @@
+// The framework's exceptions and their error reports on "util.except", read back from a
+// private "/dev/log".
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lrpc2/status.h"
+#include "support/hermetic.h"
+#include "support/syslog_sink.h"
+#include "zfw/exception.h"
+#include "zfw/logger.h"
+#include "zfw/mutex.h"
+
+namespace zfw {
+// A throw site inside the namespace names the class without its qualifier.
+int throwBareEndOfFile() {
+    ZFW_THROW(EndOfFileException, 0, true, "No more data");
+}
+int throwBareIO() {
+    ZFW_THROW(IOException, 1, true, "bare");
+}
+}  // namespace zfw
+
+namespace {
+
+kvtest::SyslogSink& sink() {
+    static kvtest::SyslogSink s;
+    return s;
+}
+
+std::string report(const char* cls, const std::string& message, int line, int rc) {
+    return "DEBUG util.except " + std::string(cls) + " " + message +
+           " (reference exception_test.cpp:" + std::to_string(line) + " rc: " + std::to_string(rc) +
+           ")";
+}
+
+class ExceptionTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!kvtest::insideHermeticDevLog()) {
+            return;  // the test body runs itself again inside
+        }
+        zfw::Logger::get("util.except")->setLevel(zfw::Logger::DEBUG);
+        sink().take();
+    }
+    std::vector<std::string> reports() { return sink().takeTexts("util.except"); }
+};
+
+TEST_F(ExceptionTest, ThrowFormatsAndReportsOnce) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    int line = 0;
+    try {
+        line = __LINE__ + 1;
+        ZFW_THROW(zfw::IOException, 7, true, "Unable to send lrpc2 message: %d (%s)", 203,
+                  lrpc2_status_text(203));
+    } catch (const zfw::IOException& e) {
+        const zfw::IOException copy(e);  // copies write no report
+        EXPECT_STREQ(copy.what(), "Unable to send lrpc2 message: 203 ((NULL))");
+        EXPECT_EQ(copy.rc(), 7);
+    }
+    EXPECT_EQ(reports(),
+              std::vector<std::string>{report(
+                  "zfw::IOException", "Unable to send lrpc2 message: 203 ((NULL))", line, 7)});
+}
+
+TEST_F(ExceptionTest, ReportFlagAndClassNameDecide) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    EXPECT_THROW(ZFW_THROW(zfw::QueueInterrupted, 0, false, "QueueInterrupted"),
+                 zfw::QueueInterrupted);
+    EXPECT_THROW(zfw::throwBareEndOfFile(), zfw::EndOfFileException);
+    EXPECT_TRUE(reports().empty());
+
+    int line = 0;
+    auto qualified = [&line] {
+        line = __LINE__ + 1;
+        ZFW_THROW(zfw::EndOfFileException, 0, true, "No more data while reading %s", "Bool");
+    };
+    EXPECT_THROW(qualified(), zfw::EndOfFileException);
+    EXPECT_EQ(reports(),
+              std::vector<std::string>{
+                  report("zfw::EndOfFileException", "No more data while reading Bool", line, 0)});
+
+    EXPECT_THROW(zfw::throwBareIO(), zfw::IOException);
+    const std::vector<std::string> bare = reports();
+    ASSERT_EQ(bare.size(), 1u);
+    EXPECT_EQ(bare[0].rfind("DEBUG util.except IOException bare (reference exception_test.cpp:", 0),
+              0u);
+}
+
+TEST_F(ExceptionTest, NoReportAboveDebug) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    zfw::Logger::get("util.except")->setLevel(zfw::Logger::INFO);
+    EXPECT_THROW(ZFW_THROW(zfw::NotFoundException, 2, true, "cannot open dir"),
+                 zfw::NotFoundException);
+    EXPECT_TRUE(sink().take().empty());
+}
+
+TEST_F(ExceptionTest, ErrnoFormAppendsTheSystemText) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    try {
+        ZFW_THROW_ERRNO(zfw::IOException, -1, false, ENOENT, "Cannot open file %s", "/no/such");
+    } catch (const ZFWException& e) {
+        EXPECT_EQ(std::string(e.what()),
+                  std::string("Cannot open file /no/such: ") + strerror(ENOENT));
+        EXPECT_EQ(dynamic_cast<const zfw::Base_Exception&>(e).rc(), -1);
+    }
+    try {
+        ZFW_THROW_ERRNO(zfw::SystemException, EAGAIN, false, EAGAIN, "OS call failed");
+    } catch (const zfw::SystemException& e) {
+        EXPECT_EQ(std::string(e.what()), std::string("OS call failed: ") + strerror(EAGAIN));
+        EXPECT_EQ(e.rc(), EAGAIN);
+    }
+}
+
+TEST_F(ExceptionTest, MessagesAreCutAt511Bytes) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    const std::string longText(700, 'x');
+    try {
+        ZFW_THROW(zfw::BadDataException, 0, false, "%s", longText.c_str());
+    } catch (const zfw::BadDataException& e) {
+        EXPECT_EQ(std::string(e.what()), std::string(511, 'x'));
+    }
+    try {
+        ZFW_THROW_ERRNO(zfw::SystemException, 5, false, 5, "%s", longText.c_str());
+    } catch (const zfw::SystemException& e) {
+        EXPECT_EQ(std::string(e.what()), std::string(511, 'x'));
+    }
+}
+
+TEST_F(ExceptionTest, PercentInTheMessageIsReportedAsIs) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    EXPECT_THROW(ZFW_THROW(zfw::AlreadyException, -1, true, "%s", "100%s done"),
+                 zfw::AlreadyException);
+    const std::vector<std::string> r = reports();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_NE(r[0].find("zfw::AlreadyException 100%s done (reference"), std::string::npos) << r[0];
+}
+
+TEST_F(ExceptionTest, BufferFullIsAnOutOfRangeWithTheSameText) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    try {
+        ZFW_THROW(zfw::BufferFullException, -1, false, "runqueue full %ld", 256L);
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "runqueue full 256");
+    }
+    try {
+        ZFW_THROW(zfw::BufferFullException, -1, false, "runqueue full %ld", 256L);
+    } catch (const ZFWException& e) {
+        EXPECT_STREQ(e.what(), "runqueue full 256");
+    }
+}
+
+TEST_F(ExceptionTest, RootCatchesEveryClass) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    int caught = 0;
+    auto expectRoot = [&](auto thrower) {
+        try {
+            thrower();
+        } catch (const ZFWException&) {
+            ++caught;
+        }
+    };
+    expectRoot([] { ZFW_THROW(zfw::SystemException, 0, false, "a"); });
+    expectRoot([] { ZFW_THROW(zfw::IOException, 0, false, "a"); });
+    expectRoot([] { ZFW_THROW(zfw::EndOfFileException, 0, false, "a"); });
+    expectRoot([] { ZFW_THROW(zfw::TryAgainException, 0, false, "a"); });
+    expectRoot([] { ZFW_THROW(zfw::QueueInterrupted, 0, false, "a"); });
+    expectRoot([] { ZFW_THROW(zfw::NotFoundException, 0, false, "a"); });
+    expectRoot([] { ZFW_THROW(zfw::AlreadyException, 0, false, "a"); });
+    expectRoot([] { ZFW_THROW(zfw::BadDataException, 0, false, "a"); });
+    expectRoot([] { ZFW_THROW(zfw::BufferFullException, 0, false, "a"); });
+    EXPECT_EQ(caught, 9);
+}
+
+TEST_F(ExceptionTest, FrameworkThrowSitesNameTheirSource) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    EXPECT_STREQ(zfw::detail::sourceName("zfw/mutex.cpp"), "mutex.cpp");
+    EXPECT_STREQ(zfw::detail::sourceName("zkvfw/include/zkvfw/msgwrap.h"),
+                 "zkvfw/include/zkvfw/msgwrap.h");
+    zfw::MaxWaitMutex m(1);
+    m.lock();
+    std::thread blocked([&] {
+        m.lock();
+        m.unlock();
+    });
+    while (m.waiting() == 0) {
+        std::this_thread::yield();
+    }
+    std::thread([&] { EXPECT_THROW(m.lock(), zfw::TryAgainException); }).join();
+    m.unlock();
+    blocked.join();
+    const std::vector<std::string> r = reports();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_NE(r[0].find("DEBUG util.except TryAgainException too many clients waiting for mutex "
+                        "(configure more threads?) (reference mutex.cpp:"),
+              std::string::npos)
+        << r[0];
+    EXPECT_EQ(r[0].substr(r[0].size() - 8), " rc: 11)");
+}
+
+}  // namespace

@@ -1,0 +1,170 @@
+#include "support/syslog_sink.h"
+
+#include "support/hermetic.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+
+namespace kvtest {
+bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out) {
+    // "<priority>" then the timestamp "%h %e %T" (15 characters) and a blank.
+    const size_t close = datagram.find('>');
+    if (datagram.size() < 2 || datagram[0] != '<' || close == std::string::npos || close < 2 ||
+        datagram.find_first_not_of("0123456789", 1) != close) {
+        return false;
+    }
+    const std::string stamp = datagram.substr(close + 1, 15);
+    const char* shape = "Aaa _d dd:dd:dd";
+    bool stampOk =
+        stamp.size() == 15 && datagram.size() > close + 16 && datagram[close + 16] == ' ';
+    for (size_t i = 0; stampOk && i < stamp.size(); ++i) {
+        const char c = stamp[i];
+        switch (shape[i]) {
+            case 'A':
+                stampOk = isupper(static_cast<unsigned char>(c)) != 0;
+                break;
+            case 'a':
+                stampOk = islower(static_cast<unsigned char>(c)) != 0;
+                break;
+            case 'd':
+                stampOk = isdigit(static_cast<unsigned char>(c)) != 0;
+                break;
+            case '_':
+                stampOk = c == ' ' || (c >= '1' && c <= '3');
+                break;
+            default:
+                stampOk = c == shape[i];
+                break;
+        }
+    }
+    if (!stampOk) {
+        return false;
+    }
+    // The identity, an optional "[pid]", then ": " and the text.
+    const size_t identStart = close + 17;
+    const size_t identEnd = datagram.find_first_of("[:", identStart);
+    if (identEnd == std::string::npos) {
+        return false;
+    }
+    size_t colon = identEnd;
+    int pid = -1;
+    if (datagram[identEnd] == '[') {
+        const size_t pidEnd = datagram.find(']', identEnd);
+        if (pidEnd == std::string::npos || pidEnd == identEnd + 1 ||
+            datagram.find_first_not_of("0123456789", identEnd + 1) != pidEnd) {
+            return false;
+        }
+        pid = std::stoi(datagram.substr(identEnd + 1, pidEnd - identEnd - 1));
+        colon = pidEnd + 1;
+    }
+    if (datagram.compare(colon, 2, ": ") != 0) {
+        return false;
+    }
+    out.priority = std::stoi(datagram.substr(1, close - 1));
+    out.timestamp = stamp;
+    out.identity = datagram.substr(identStart, identEnd - identStart);
+    out.pid = pid;
+    out.text = datagram.substr(colon + 2);
+    out.raw = datagram;
+    return true;
+}
+
+SyslogSink::SyslogSink() {
+    if (!insideHermeticDevLog()) {
+        ADD_FAILURE() << "refusing to bind /dev/log outside hermetic.sh --devlog";
+        return;
+    }
+    m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, "/dev/log");
+    unlink(addr.sun_path);
+    if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        chmod(addr.sun_path, 0666) != 0 || pipe2(m_stopPipe, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "cannot bind /dev/log: " << strerror(errno);
+        return;
+    }
+    pthread_create(&m_reader, nullptr, readerMain, this);
+}
+
+SyslogSink::~SyslogSink() {
+    if (m_stopPipe[1] >= 0) {
+        const char stop = 0;
+        (void)!write(m_stopPipe[1], &stop, 1);
+        pthread_join(m_reader, nullptr);
+        close(m_stopPipe[0]);
+        close(m_stopPipe[1]);
+    }
+    if (m_fd >= 0) {
+        close(m_fd);
+        unlink("/dev/log");
+    }
+}
+
+void* SyslogSink::readerMain(void* self) {
+    auto* sink = static_cast<SyslogSink*>(self);
+    for (;;) {
+        pollfd fds[2] = {{sink->m_fd, POLLIN, 0}, {sink->m_stopPipe[0], POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0 && errno != EINTR) {
+            return nullptr;
+        }
+        if (fds[1].revents != 0) {
+            return nullptr;
+        }
+        pthread_mutex_lock(&sink->m_mutex);
+        sink->drainLocked();
+        pthread_mutex_unlock(&sink->m_mutex);
+    }
+}
+
+void SyslogSink::drainLocked() {
+    char buf[65536];
+    for (;;) {
+        const ssize_t n = recv(m_fd, buf, sizeof buf, MSG_DONTWAIT);
+        if (n < 0) {
+            return;
+        }
+        m_received.emplace_back(buf, static_cast<size_t>(n));
+    }
+}
+
+std::vector<std::string> SyslogSink::take() {
+    pthread_mutex_lock(&m_mutex);
+    drainLocked();
+    std::vector<std::string> out;
+    out.swap(m_received);
+    pthread_mutex_unlock(&m_mutex);
+    return out;
+}
+
+std::vector<SyslogRecord> SyslogSink::takeRecords() {
+    std::vector<SyslogRecord> out;
+    for (const std::string& d : take()) {
+        SyslogRecord r;
+        EXPECT_TRUE(parseSyslogRecord(d, r)) << "not a syslog datagram: " << d;
+        out.push_back(r);
+    }
+    return out;
+}
+
+std::vector<std::string> SyslogSink::takeTexts(const std::string& needle) {
+    std::vector<std::string> out;
+    for (const SyslogRecord& r : takeRecords()) {
+        if (r.text.find(needle) != std::string::npos) {
+            out.push_back(r.text);
+        }
+    }
+    return out;
+}
+
+}  // namespace kvtest
