@@ -25,4 +25,5 @@ exec "$top/tests/support/hermetic.sh" bash -c '
   echo "kvstop exit status: $rc"
   kill "$daemon" 2>/dev/null || true
   wait "$daemon" 2>/dev/null || true
+  exit "$rc"
 ' demo "$dir"

@@ -1,6 +1,7 @@
 // File utilities: temporary files, file modes and sizes, directory handles.
 #include "zfw/file_util.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -113,6 +114,37 @@ off_t fileSize(const char* fileName) {
 
 off_t fileSize(const std::string& fileName) {
     return fileSize(fileName.c_str());
+}
+
+bool readRegularFile(const std::string& fileName, std::string& content) {
+    const int fd = open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat st;
+    bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    content.clear();
+    char buffer[8192];
+    while (ok) {
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n > 0) {
+            content.append(buffer, static_cast<size_t>(n));
+        } else if (n == 0) {
+            break;
+        } else if (errno != EINTR) {
+            ok = false;
+        }
+    }
+    close(fd);
+    return ok;
+}
+
+void syncDirectory(const std::string& dirName) {
+    const int fd = open(dirName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
+    }
 }
 
 OpenDirectory::OpenDirectory(const std::string& dirName) : m_handle(opendir(dirName.c_str())) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "logqueue.h"
 #include "zfw/logger.h"
 #include "zfw/mutex.h"
 #include "zfw/osport.h"
@@ -55,6 +56,10 @@ void openOnce() {
 
 }  // namespace
 
+Mutex& logDeliveryMutex() {
+    return lazyMutex(gDeliveryMutex);
+}
+
 std::string processName() {
     if (program_invocation_short_name == nullptr || program_invocation_short_name[0] == '\0') {
         ensureProgramName();
@@ -80,8 +85,11 @@ int32_t levelPriority(int32_t level) {
 
 void deliver(int32_t facility, int32_t level, const char* record, va_list args) {
     openOnce();
-    MutexLock lock(lazyMutex(gDeliveryMutex));
-    vsyslog(levelPriority(level) | facility, record, args);
+    MutexLock lock(logDeliveryMutex());
+    const int32_t priority = levelPriority(level) | facility;
+    if (!queueRecord(priority, record, args)) {
+        vsyslog(priority, record, args);
+    }
 }
 
 void closeSystemLog() {

@@ -1,11 +1,6 @@
 // The properties store: the reader of the configuration file and the getters.
 #include "zfw/properties.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -14,6 +9,7 @@
 #include <boost/make_shared.hpp>
 
 #include "zfw/exception.h"
+#include "zfw/file_util.h"
 #include "zfw/logger.h"
 #include "zfw/setting.h"
 #include "zfw/strutil.h"
@@ -97,31 +93,6 @@ class QuoteState {
     bool m_double = false;
     bool m_single = false;
 };
-
-// Reads a whole regular file into content. FIFOs, devices and directories are refused
-// (opened without blocking), so a misplaced name cannot hang or flood the reader.
-bool readRegularFile(const std::string& fileName, std::string& content) {
-    const int fd = open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    struct stat st;
-    bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
-    content.clear();
-    char buffer[8192];
-    while (ok) {
-        const ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n > 0) {
-            content.append(buffer, static_cast<size_t>(n));
-        } else if (n == 0) {
-            break;
-        } else if (errno != EINTR) {
-            ok = false;
-        }
-    }
-    close(fd);
-    return ok;
-}
 
 boost::shared_ptr<Logger> propertiesLogger() {
     return Logger::get("util.properties");
@@ -224,7 +195,12 @@ void Properties::resolveJoinParams() {
     for (const JoinParam& param : kJoinParams) {
         std::string value = "<unknown>";
         try {
-            std::string setting = getSetting(*param.settingKey, false);
+            // The override comes from this store, which the parse has locked: getSetting
+            // would take the creation lock, the reverse of getProperties' own order.
+            std::string setting = get(std::string("kset.") + *param.settingKey);
+            if (setting.empty()) {
+                setting = getSetting(*param.settingKey, true);
+            }
             if (std::strcmp(*param.settingKey, SETTING_ZONE_REALNAME) == 0) {
                 // A distinguished name stands for the zone named by its first "CN=".
                 const size_t cn = setting.find("CN=");

@@ -96,15 +96,6 @@ class TempFileRemover {
     bool m_renamed = false;
 };
 
-// Makes a completed rename durable: the directory entry itself is flushed.
-void syncDirectory(const std::string& dir) {
-    const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        fsync(fd);
-        close(fd);
-    }
-}
-
 }  // namespace
 
 std::string getSetting(const std::string& key, bool noOverride) {

@@ -33,7 +33,11 @@ TempDir::~TempDir() {
 
 Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
                const std::vector<std::string>& prefix)
-    : m_socket(dir.file("sock")), m_log(dir.file("frames.log")) {
+    : Kvdsim(dir, args, prefix, dir.file("sock")) {}
+
+Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
+               const std::vector<std::string>& prefix, const std::string& socket)
+    : m_socket(socket), m_log(dir.file("frames.log")) {
     std::vector<std::string> argv = prefix;
     argv.push_back(kvdsimPath());
     for (const std::string& a : {std::string("--socket"), m_socket, std::string("--log"), m_log}) {

@@ -32,6 +32,9 @@ class Kvdsim {
     // waits until it listens. `prefix` (for example setpriv and its options) runs it.
     Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
            const std::vector<std::string>& prefix = {});
+    // The same, listening on `socket` instead of <dir>/sock.
+    Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
+           const std::vector<std::string>& prefix, const std::string& socket);
     Kvdsim(const Kvdsim&) = delete;
     Kvdsim& operator=(const Kvdsim&) = delete;
     // Ends it with SIGTERM if it still runs.

@@ -176,7 +176,10 @@ std::vector<uint8_t> Connection::answer(lrpc2_msg* request, uint32_t id, uint32_
         return authStep(request, id, repliedTo);
     }
     repliedTo = id;
-    std::vector<uint8_t> reply = replyFor(id);
+    const auto fields = m_options.replyFields.find(id);
+    std::vector<uint8_t> reply = fields != m_options.replyFields.end()
+                                     ? replyWithFields(id, fields->second)
+                                     : replyFor(id);
     if (reply.empty()) {
         complain(m_number, "request id not in the table");
     }

@@ -3,9 +3,11 @@
 #include <errno.h>
 #include <getopt.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace kvdsim {
 
@@ -72,6 +74,10 @@ const char kUsage[] =
     "                       0: every connection)\n"
     "  --piece N            send every answer in pieces of N bytes (default: whole)\n"
     "  --piece-delay MS     pause between pieces (default 5)\n"
+    "  --reply-fields ID=HEX\n"
+    "                       answer request ID with exactly these fields instead of its\n"
+    "                       usual ones: the tagged field bytes in hex, without the end\n"
+    "                       tag (empty: no fields); repeatable, one per id\n"
     "  --help               print this text and exit\n";
 
 struct Named {
@@ -143,6 +149,7 @@ enum LongOnly {
     kFaultConn,
     kPiece,
     kPieceDelay,
+    kReplyFields,
     kHelp,
 };
 
@@ -163,9 +170,30 @@ const option kLongOptions[] = {
     {"fault-conn", required_argument, nullptr, kFaultConn},
     {"piece", required_argument, nullptr, kPiece},
     {"piece-delay", required_argument, nullptr, kPieceDelay},
+    {"reply-fields", required_argument, nullptr, kReplyFields},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
 };
+
+// "ID=HEX": a request id and the raw reply fields that replace its usual ones.
+bool parseReplyFields(const char* arg, Options& o) {
+    const char* eq = strchr(arg, '=');
+    uint32_t id = 0;
+    if (eq == nullptr || !parseNumber(std::string(arg, eq).c_str(), id)) {
+        return false;
+    }
+    std::vector<uint8_t> bytes;
+    for (const char* p = eq + 1; *p != '\0'; p += 2) {
+        const char pair[3] = {p[0], p[1], '\0'};
+        if (!isxdigit(static_cast<unsigned char>(p[0])) ||
+            !isxdigit(static_cast<unsigned char>(p[1]))) {
+            return false;
+        }
+        bytes.push_back(static_cast<uint8_t>(strtoul(pair, nullptr, 16)));
+    }
+    o.replyFields[id] = bytes;
+    return true;
+}
 
 // Applies one option; false when its argument is unusable.
 bool apply(int opt, const char* arg, Options& o) {
@@ -219,6 +247,8 @@ bool apply(int opt, const char* arg, Options& o) {
             return parseNumber(arg, o.piece);
         case kPieceDelay:
             return parseNumber(arg, o.pieceDelayMs);
+        case kReplyFields:
+            return parseReplyFields(arg, o);
         default:
             return false;
     }

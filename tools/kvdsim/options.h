@@ -3,7 +3,9 @@
 #define KVDSIM_OPTIONS_H
 
 #include <cstdint>
+#include <map>
 #include <string>
+#include <vector>
 
 namespace kvdsim {
 
@@ -49,6 +51,8 @@ struct Options {
     uint32_t faultConn = 0;  // 0: every connection
     uint32_t piece = 0;      // 0: whole
     uint32_t pieceDelayMs = 5;
+    // Request id -> the raw fields (end tag excluded) that replace its reply's fields.
+    std::map<uint32_t, std::vector<uint8_t>> replyFields;
 };
 
 // The usage text of --help.

@@ -64,6 +64,16 @@ std::vector<uint8_t> replyFor(uint32_t id) {
     return frameOf(msg);
 }
 
+std::vector<uint8_t> replyWithFields(uint32_t id, const std::vector<uint8_t>& fields) {
+    std::vector<uint8_t> frame(LRPC2_HEADER_LEN, 0);
+    frame.push_back(static_cast<uint8_t>(id));
+    frame.push_back(static_cast<uint8_t>(id >> 8));
+    frame.insert(frame.end(), fields.begin(), fields.end());
+    frame.push_back(LRPC2_T_END);
+    lrpc2_frame_stamp(frame.data(), static_cast<uint32_t>(frame.size()));
+    return frame;
+}
+
 void malform(Fault fault, std::vector<uint8_t>& frame) {
     switch (fault) {
         case Fault::BadMagic:

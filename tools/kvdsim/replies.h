@@ -16,6 +16,8 @@ std::vector<uint8_t> frameOf(lrpc2_msg* msg);
 lrpc2_msg* newMessage(uint32_t id);
 // The daemon's reply to request `id`: the same id, with the fields its query returns.
 std::vector<uint8_t> replyFor(uint32_t id);
+// A reply `id` carrying exactly `fields` (raw tagged bytes) and the end tag.
+std::vector<uint8_t> replyWithFields(uint32_t id, const std::vector<uint8_t>& fields);
 // Turns a reply frame into the malformed one that `fault` describes; other faults
 // leave it unchanged.
 void malform(Fault fault, std::vector<uint8_t>& frame);

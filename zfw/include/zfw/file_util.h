@@ -30,6 +30,14 @@ mode_t fileMode(const std::string& fileName);
 off_t fileSize(const char* fileName);
 off_t fileSize(const std::string& fileName);
 
+// Reads a whole regular file into content; false when it cannot be opened or read. FIFOs,
+// devices and directories are refused (opened without blocking), so a misplaced name
+// cannot hang or flood the reader.
+bool readRegularFile(const std::string& fileName, std::string& content);
+// Flushes a directory, making a completed rename or link in it durable. Failures are
+// ignored: the data itself was already flushed.
+void syncDirectory(const std::string& dirName);
+
 // An open directory, closed when the object goes. Opening throws zfw::NotFoundException
 // "cannot open dir" with the system error number as code.
 class OpenDirectory {

@@ -1,8 +1,10 @@
 // Mutexes of the framework: recursive, each with one built-in condition variable.
 //
 // Lock order of the framework's process-wide mutexes (take them only in this order):
-//   properties creation lock, properties instance lock, host settings lock,
-//   logger registry lock, log delivery lock, a run queue's lock.
+//   log queue control lock (starting and stopping the log thread), properties creation
+//   lock, properties instance lock, host settings lock, run-queue registry lock, logger
+//   registry lock, log delivery lock, a run queue's lock.
+// The thread count lock is a leaf: nothing else is taken while it is held.
 #ifndef ZFW_MUTEX_H
 #define ZFW_MUTEX_H
 

@@ -100,7 +100,37 @@ class Properties {
     // Replaces (or, without expansion, encodes as $NAME$ and $$) the variables of a value.
     void substituteVariables(std::string& value);
 
+    // List editing in memory; save() writes the change to a file. The stored text of an
+    // edited list is in file syntax (formatList), in both the processed and raw tables.
+    void setList(const std::string& key, const StringList& items, bool escapeDollars);
+    // Stores the sorted union of the current list and items; true when the value changed.
+    bool addToList(const std::string& key, const StringList& items, bool escapeDollars);
+    // Deletes the first occurrence of each item; true when anything was deleted.
+    bool removeFromList(const std::string& key, const StringList& items, bool escapeDollars);
+
+    // Values back into file syntax. With escapeDollars every '$' is escaped; without, the
+    // text is taken to be in the unexpanded form ("$$" a dollar, "$NAME$" a reference).
+    static std::string escapeValue(const std::string& value, bool escapeDollars);
+    static std::string formatList(const StringList& items, bool escapeDollars);
+    static std::string formatEntry(const std::string& key, const std::string& value,
+                                   bool escapeDollars);
+    static std::string formatListEntry(const std::string& key, const StringList& items,
+                                       bool escapeDollars);
+
+    // Rewrites the file at path to hold the store, keeping comments, layout and unchanged
+    // lines. The new content goes to path + ".new", is flushed and renamed over the file,
+    // all under the exclusive lock file path + ".lock". 0 on success, -1 on failure (the
+    // file is then untouched).
+    int save(const std::string& path);
+    // Creates the lock file exclusively, waiting for another holder in 10 ms steps (100
+    // attempts) and deleting a lock abandoned for more than 60 s; the descriptor or -1.
+    static int createLockFile(const std::string& lockPath);
+    // Deletes the lock file and closes its descriptor; 0, or -1 when either fails.
+    static int removeLockFile(const std::string& lockPath, int fd);
+
   private:
+    // The file content read from in, rewritten to hold the store (see save).
+    std::string rewrittenContent(std::istream& in);
     void resolveJoinParams();
     void logEntries() const;
     boost::shared_ptr<StringList> splitList(const std::string& text) const;

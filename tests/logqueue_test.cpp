@@ -1,0 +1,286 @@
+// The log queue and its background thread, writing real syslog datagrams to a private
+// "/dev/log": starting and stopping, records formatted on the logging thread, overflow
+// while syslog blocks (records dropped, the warning in their place, no deadlock), and
+// stopQueue writing what is still queued. Every case runs in private namespaces.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/hermetic.h"
+#include "support/syslog_sink.h"
+#include "support/zfw_config.h"
+#include "zfw/logger.h"
+#include "zfw/thread.h"
+
+namespace {
+
+const char kDropWarning[] =
+    "ERROR log Warning: Zantor logger dropping messages:(runqueue full %u) Please insure syslog "
+    "is running correctly or increase the value of logger.queue.size in zantormx.conf.";
+
+// "/dev/log" that nobody reads until release(): once ten datagrams wait in it (the system's
+// queue length for datagram sockets), syslog() blocks.
+class HeldSyslog {
+  public:
+    HeldSyslog() {
+        m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        std::strcpy(addr.sun_path, "/dev/log");
+        unlink(addr.sun_path);
+        if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+            chmod(addr.sun_path, 0666) != 0 || pipe2(m_stop, O_CLOEXEC) != 0) {
+            ADD_FAILURE() << "cannot bind /dev/log: " << strerror(errno);
+        }
+    }
+    ~HeldSyslog() {
+        if (m_reader.joinable()) {
+            const char stop = 0;
+            EXPECT_EQ(write(m_stop[1], &stop, 1), 1);
+            m_reader.join();
+        }
+        close(m_stop[0]);
+        close(m_stop[1]);
+        close(m_fd);
+        unlink("/dev/log");
+    }
+    HeldSyslog(const HeldSyslog&) = delete;
+    HeldSyslog& operator=(const HeldSyslog&) = delete;
+
+    // From now on a thread reads every datagram, so blocked writers go on.
+    void release() {
+        m_reader = std::thread([this] {
+            for (;;) {
+                pollfd fds[2] = {{m_fd, POLLIN, 0}, {m_stop[0], POLLIN, 0}};
+                if (poll(fds, 2, -1) < 0 && errno != EINTR) {
+                    return;
+                }
+                if (fds[1].revents != 0) {
+                    return;
+                }
+                drain();
+            }
+        });
+    }
+
+    // The texts of every record received so far, oldest first (removed from the sink).
+    std::vector<std::string> texts() {
+        drain();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<std::string> out;
+        for (const std::string& d : m_received) {
+            kvtest::SyslogRecord r;
+            EXPECT_TRUE(kvtest::parseSyslogRecord(d, r)) << d;
+            out.push_back(r.text);
+        }
+        m_received.clear();
+        return out;
+    }
+
+  private:
+    void drain() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        char buf[4096];
+        ssize_t n;
+        while ((n = recv(m_fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0) {
+            m_received.emplace_back(buf, static_cast<size_t>(n));
+        }
+    }
+
+    int m_fd = -1;
+    int m_stop[2] = {-1, -1};
+    std::thread m_reader;
+    std::mutex m_mutex;
+    std::vector<std::string> m_received;
+};
+
+std::vector<std::string> containing(const std::vector<std::string>& texts,
+                                    const std::string& needle) {
+    std::vector<std::string> out;
+    for (const std::string& t : texts) {
+        if (t.find(needle) != std::string::npos) {
+            out.push_back(t);
+        }
+    }
+    return out;
+}
+
+class LogQueueTest : public ::testing::Test {
+  protected:
+    boost::shared_ptr<zfw::Logger> m_reporter = zfw::Logger::get("test.reporter");
+};
+
+TEST_F(LogQueueTest, SizeBelowOneKeepsDeliveryDirect) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    for (const char* size : {"0", "-3"}) {
+        SCOPED_TRACE(size);
+        kvtest::SyslogSink sink;
+        kvtest::useProperties(std::string("logger.queue.size=") + size + "\n");
+        const int32_t threads = zfw::Thread::m_threadsActive;
+        zfw::Logger::startQueue(m_reporter);
+        EXPECT_EQ(zfw::Thread::m_threadsActive, threads) << "no log thread";
+        EXPECT_EQ(sink.takeTexts("test.reporter"),
+                  std::vector<std::string>{
+                      "WARN  test.reporter LogQueue disabled.  Recommended for debugging only."});
+        zfw::Logger::get("test.direct")->log(zfw::Logger::INFO, "direct %d", 1);
+        EXPECT_EQ(sink.takeTexts("test.direct"),
+                  std::vector<std::string>{"INFO  test.direct direct 1"});
+        zfw::Logger::stopQueue(m_reporter);
+    }
+}
+
+TEST_F(LogQueueTest, QueuedRecordsReachSyslogAndStopDrains) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
+    kvtest::useProperties("log.test.reporter=DEBUG\n");
+    const int32_t threads = zfw::Thread::m_threadsActive;
+    zfw::Logger::startQueue(m_reporter);
+    zfw::Logger::startQueue(m_reporter);
+    EXPECT_EQ(zfw::Thread::m_threadsActive, threads + 1) << "one log thread, started once";
+
+    constexpr int kWriters = 3;
+    constexpr int kRecords = 60;
+    std::vector<std::thread> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        writers.emplace_back([w] {
+            const auto logger = zfw::Logger::get("test.writer" + std::to_string(w));
+            for (int i = 0; i < kRecords; ++i) {
+                logger->log(zfw::Logger::INFO, "record %d of %s, 100%%", i, "writer");
+            }
+        });
+    }
+    for (std::thread& t : writers) {
+        t.join();
+    }
+    // Formatted into the queue's 512 bytes: longer records are cut there.
+    const std::string longText(600, 'x');
+    zfw::Logger::get("test.long")->log(zfw::Logger::INFO, "%s", longText.c_str());
+    zfw::Logger::stopQueue(m_reporter);
+    EXPECT_EQ(zfw::Thread::m_threadsActive, threads);
+
+    const std::vector<std::string> texts = sink.takeTexts();
+    EXPECT_EQ(containing(texts, "test.reporter"),
+              (std::vector<std::string>{"DEBUG test.reporter starting background log thread",
+                                        "DEBUG test.reporter stopped background log thread"}));
+    for (int w = 0; w < kWriters; ++w) {
+        const std::string name = "test.writer" + std::to_string(w);
+        std::vector<std::string> expected;
+        for (int i = 0; i < kRecords; ++i) {
+            expected.push_back("INFO  " + name + " record " + std::to_string(i) +
+                               " of writer, 100%");
+        }
+        EXPECT_EQ(containing(texts, name + " "), expected);
+    }
+    const std::vector<std::string> cut = containing(texts, "test.long");
+    ASSERT_EQ(cut.size(), 1u);
+    EXPECT_EQ(cut[0], ("INFO  test.long " + longText).substr(0, 511));
+
+    // Direct again: a record longer than the queue's text is not cut at 511.
+    zfw::Logger::get("test.long")->log(zfw::Logger::INFO, "%s", longText.c_str());
+    EXPECT_EQ(sink.takeTexts("test.long"), std::vector<std::string>{"INFO  test.long " + longText});
+}
+
+TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    struct Case {
+        const char* properties;
+        unsigned capacity;
+    };
+    const Case cases[] = {
+        {"logger.queue.size=4\n", 4},
+        // The logger "log" at DEBUG makes the queue four times larger.
+        {"logger.queue.size=10\nlog.log=DEBUG\n", 40},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.properties);
+        HeldSyslog held;
+        kvtest::useProperties(c.properties);
+        zfw::Logger::startQueue(m_reporter);
+
+        // Two writers, both far beyond what the socket and the queue can hold.
+        const int records = static_cast<int>(c.capacity) + 40;
+        std::vector<std::thread> writers;
+        for (int w = 0; w < 2; ++w) {
+            writers.emplace_back([w, records] {
+                const auto logger = zfw::Logger::get("test.flood" + std::to_string(w));
+                for (int i = 0; i < records; ++i) {
+                    logger->log(zfw::Logger::WARN, "flood %d", i);
+                }
+            });
+        }
+        for (std::thread& t : writers) {
+            t.join();
+        }
+        held.release();
+        zfw::Logger::stopQueue(m_reporter);
+        const std::vector<std::string> texts = held.texts();
+
+        char warning[512];
+        snprintf(warning, sizeof warning, kDropWarning, c.capacity);
+        const std::vector<std::string> warnings = containing(texts, "dropping messages");
+        ASSERT_FALSE(warnings.empty());
+        for (const std::string& w : warnings) {
+            EXPECT_EQ(w, warning);
+        }
+        // The queue ended full and blocked: its newest record was the last warning.
+        EXPECT_EQ(texts.back(), warning);
+
+        size_t delivered = 0;
+        for (int w = 0; w < 2; ++w) {
+            const std::string prefix = "WARN  test.flood" + std::to_string(w) + " flood ";
+            int last = -1;
+            for (const std::string& t : containing(texts, prefix)) {
+                const int index = std::stoi(t.substr(prefix.size()));
+                EXPECT_GT(index, last) << "records keep their order";
+                last = index;
+                ++delivered;
+            }
+            EXPECT_LT(last, records - 1) << "the newest records were dropped";
+        }
+        EXPECT_LT(delivered, 2u * records);
+        EXPECT_EQ(delivered + warnings.size(), texts.size()) << "nothing else was written";
+    }
+}
+
+TEST_F(LogQueueTest, StopWritesEveryPendingRecord) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    HeldSyslog held;
+    kvtest::useProperties("");
+    zfw::Logger::startQueue(m_reporter);
+    const auto logger = zfw::Logger::get("test.pending");
+    // Ten fill the socket and one blocks the log thread; the last five wait in the queue.
+    constexpr int kRecords = 16;
+    for (int i = 0; i < kRecords; ++i) {
+        logger->log(zfw::Logger::INFO, "pending %d", i);
+    }
+    // stopQueue interrupts the queue and waits for the blocked log thread; the reader starts
+    // meanwhile, so the records still queued are written by stopQueue itself.
+    std::thread releaser([&held] {
+        zfw::Thread::sleep(0, 100, 0, 0);
+        held.release();
+    });
+    zfw::Logger::stopQueue(m_reporter);
+    releaser.join();
+
+    std::vector<std::string> expected;
+    for (int i = 0; i < kRecords; ++i) {
+        expected.push_back("INFO  test.pending pending " + std::to_string(i));
+    }
+    EXPECT_EQ(containing(held.texts(), "test.pending"), expected);
+}
+
+}  // namespace

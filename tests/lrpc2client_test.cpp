@@ -1,0 +1,368 @@
+// The client session against the simulated daemon, each test in namespaces of its own
+// with its own "/etc/zantorkv/zantorkv.conf".
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "lrpc2/status.h"
+#include "lrpc2/table.h"
+#include "support/hermetic.h"
+#include "support/kvdsim.h"
+#include "support/program.h"
+#include "zfw/exception.h"
+#include "zkvfw/lrpc2client.h"
+#include "zkvfw/msgwrap.h"
+
+namespace {
+
+// What kvdsim logs for a client's hello and for an empty request of each id.
+const char kHello[] = "hello 02000000";
+std::string emptyRequest(const char* idHex) {
+    return std::string("frame 1280cdab0b000000") + idHex + "0000";
+}
+
+class SessionTest : public ::testing::Test {
+  protected:
+    // The configuration naming the test's own socket, plus `extra` lines.
+    void configure(const std::string& extra = "") {
+        ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + m_dir.path() +
+                                              "\nkvd.socket=sock\n" + extra));
+    }
+
+    kvtest::TempDir m_dir;
+};
+
+template <typename E>
+void expectThrow(const std::function<void()>& op, const std::string& text) {
+    try {
+        op();
+        ADD_FAILURE() << "no exception, expected: " << text;
+    } catch (const E& e) {
+        EXPECT_STREQ(e.what(), text.c_str());
+        EXPECT_EQ(e.rc(), 0);
+    } catch (const std::exception& e) {
+        ADD_FAILURE() << "wrong exception type for: " << e.what();
+    }
+}
+
+TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
+    KV_REQUIRE_HERMETIC();
+    configure();
+    kvtest::Kvdsim daemon(m_dir, {});
+    ASSERT_TRUE(daemon.ready());
+    Lrpc2Client client;
+    ASSERT_TRUE(client.connect());
+
+    EXPECT_TRUE(client.isDaemonOnline());
+    EXPECT_EQ(client.queryCollectorStatus(), "running");
+    int32_t number = 0;
+    std::string s2, s3, s5, s6 = "x";
+    bool flag = false;
+    client.queryCollectorStatus2(number, s2, s3, flag, s5, s6);
+    EXPECT_EQ(number, 1);
+    EXPECT_EQ(s2, "running");
+    EXPECT_EQ(s3, "kvdsim");
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(s5, "local");
+    EXPECT_EQ(s6, "");  // sent as the null string
+    EXPECT_EQ(client.queryDBSize(), "1048576");
+    EXPECT_EQ(client.queryDespoolRate(), "0");
+    EXPECT_EQ(client.reloadProperties(), 0);
+    EXPECT_TRUE(client.ping(0));
+    client.stopDaemon();
+    client.disconnect();
+
+    EXPECT_EQ(daemon.log(), (std::vector<std::string>{
+                                std::string("1 ") + kHello,
+                                "1 " + emptyRequest("50"),  // 80
+                                "1 " + emptyRequest("5a"),  // 90
+                                "1 " + emptyRequest("5b"),  // 91
+                                "1 " + emptyRequest("64"),  // 100
+                                "1 " + emptyRequest("6e"),  // 110
+                                "1 " + emptyRequest("78"),  // 120
+                                "1 " + emptyRequest("0a"),  // 10
+                                "1 " + emptyRequest("14"),  // 20
+                            }));
+}
+
+TEST_F(SessionTest, SendAndSendDiscardReply) {
+    KV_REQUIRE_HERMETIC();
+    configure();
+    kvtest::Kvdsim daemon(m_dir, {});
+    ASSERT_TRUE(daemon.ready());
+    Lrpc2Client client;
+    ASSERT_TRUE(client.connect(5));
+    Lrpc2Message request(LRPC2_ID_KV_QUERY_DB_SIZE, lrpc2_default_table());
+    request.complete();
+    Lrpc2Message reply;
+    client.send(request, reply);
+    EXPECT_EQ(reply.readString(), "1048576");
+    client.sendDiscardReply(request, 5);  // the same request again, re-stamped
+    EXPECT_EQ(daemon.log().size(), 3u);
+    EXPECT_EQ(daemon.log()[2], daemon.log()[1]);
+}
+
+TEST_F(SessionTest, ProcessAuthenticationIsAnsweredOnTheWay) {
+    KV_REQUIRE_HERMETIC();
+    configure();
+    kvtest::Kvdsim daemon(m_dir, {"--auth"});
+    ASSERT_TRUE(daemon.ready());
+    Lrpc2Client client;
+    ASSERT_TRUE(client.connect());
+    EXPECT_EQ(client.queryDespoolRate(), "0");
+    const std::vector<std::string> log = daemon.log();
+    ASSERT_EQ(log.size(), 4u);
+    EXPECT_EQ(log[1], "1 " + emptyRequest("6e"));
+    // The identity (id 1, uid 0 and gid 0 as uint32), then the proof (id 2, two blobs).
+    EXPECT_EQ(log[2],
+              "1 frame 1280cdab15000000"
+              "0100"
+              "0300000000"
+              "0300000000"
+              "00");
+    EXPECT_EQ(log[3].rfind("1 frame ", 0), 0u);
+    EXPECT_EQ(log[3].substr(24, 6), "020006");
+}
+
+TEST_F(SessionTest, SendWhileNotConnectedThrows) {
+    KV_REQUIRE_HERMETIC();
+    configure();
+    kvtest::Kvdsim daemon(m_dir, {});
+    ASSERT_TRUE(daemon.ready());
+    Lrpc2Client client;
+    const char text[] = "Can't send an lrpc2 message yet, not connected";
+    expectThrow<zfw::SystemException>([&] { client.stopDaemon(); }, text);
+    ASSERT_TRUE(client.connect());
+    client.disconnect();
+    client.disconnect();  // a second disconnect is harmless
+    expectThrow<zfw::SystemException>([&] { client.isDaemonOnline(); }, text);
+    expectThrow<zfw::SystemException>([&] { client.ping(1); }, text);
+    expectThrow<zfw::SystemException>([&] { client.reloadProperties(); }, text);
+    EXPECT_EQ(daemon.log(), std::vector<std::string>{std::string("1 ") + kHello});
+}
+
+struct ReplyFieldCase {
+    const char* id;
+    std::function<void(Lrpc2Client&)> query;
+    const char* missingText;
+    const char* wrongText;
+};
+
+TEST_F(SessionTest, MissingOrWrongReplyFieldsThrow) {
+    KV_REQUIRE_HERMETIC();
+    const std::vector<ReplyFieldCase> cases = {
+        {"80", [](Lrpc2Client& c) { c.isDaemonOnline(); }, "No more data while reading Bool",
+         "Error reading bool from request message"},
+        {"90", [](Lrpc2Client& c) { c.queryCollectorStatus(); },
+         "No more data while reading String", "Error reading string from request message"},
+        {"100", [](Lrpc2Client& c) { c.queryDBSize(); }, "No more data while reading String",
+         "Error reading string from request message"},
+        {"110", [](Lrpc2Client& c) { c.queryDespoolRate(); }, "No more data while reading String",
+         "Error reading string from request message"},
+        // The reply read is outside the handler that gives 501.
+        {"120", [](Lrpc2Client& c) { c.reloadProperties(); }, "No more data while reading Int32",
+         "Error reading int32 from request message"},
+        {"91",
+         [](Lrpc2Client& c) {
+             int32_t n;
+             bool b;
+             std::string s2, s3, s5, s6;
+             c.queryCollectorStatus2(n, s2, s3, b, s5, s6);
+         },
+         "No more data while reading Int32", "Error reading int32 from request message"},
+    };
+    configure();
+    std::vector<std::string> missing, wrong;
+    for (const ReplyFieldCase& c : cases) {
+        missing.insert(missing.end(), {"--reply-fields", std::string(c.id) + "="});
+        // A uint32 field, which none of the queries reads.
+        wrong.insert(wrong.end(), {"--reply-fields", std::string(c.id) + "=0301000000"});
+    }
+    {
+        kvtest::Kvdsim daemon(m_dir, missing);
+        ASSERT_TRUE(daemon.ready());
+        Lrpc2Client client;
+        ASSERT_TRUE(client.connect());
+        for (const ReplyFieldCase& c : cases) {
+            SCOPED_TRACE(c.id);
+            expectThrow<zfw::EndOfFileException>([&] { c.query(client); }, c.missingText);
+        }
+        // Nothing is read from the replies to these two.
+        EXPECT_TRUE(client.ping(0));
+        client.stopDaemon();
+    }
+    kvtest::Kvdsim daemon(m_dir, wrong);
+    ASSERT_TRUE(daemon.ready());
+    Lrpc2Client client;
+    ASSERT_TRUE(client.connect());
+    for (const ReplyFieldCase& c : cases) {
+        SCOPED_TRACE(c.id);
+        expectThrow<zfw::SystemException>([&] { c.query(client); }, c.wrongText);
+    }
+}
+
+TEST_F(SessionTest, CollectorStatus2FillsItsOutputsInOrder) {
+    KV_REQUIRE_HERMETIC();
+    configure();
+    // int32 7, string "a", the null string, then a string where the bool belongs.
+    kvtest::Kvdsim daemon(m_dir, {"--reply-fields",
+                                  "91=0207000000"
+                                  "040100000061"
+                                  "04ffffffff"
+                                  "0401000000"
+                                  "62"});
+    ASSERT_TRUE(daemon.ready());
+    Lrpc2Client client;
+    ASSERT_TRUE(client.connect());
+    int32_t number = 0;
+    std::string s2 = "x", s3 = "x", s5 = "x", s6 = "x";
+    bool flag = true;
+    expectThrow<zfw::SystemException>(
+        [&] { client.queryCollectorStatus2(number, s2, s3, flag, s5, s6); },
+        "Error reading bool from request message");
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(s2, "a");
+    EXPECT_EQ(s3, "");
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(s5, "x");
+    EXPECT_EQ(s6, "x");
+}
+
+struct ExchangeFailure {
+    const char* name;
+    std::vector<std::string> kvdsimArgs;
+    const char* text;
+};
+
+TEST_F(SessionTest, FailedExchangeThrowsIOExceptionWithTheStatus) {
+    KV_REQUIRE_HERMETIC();
+    const std::vector<ExchangeFailure> cases = {
+        {"closed",
+         {"--fault", "close-request"},
+         "Unable to send lrpc2 message: 404 (Socket closed)"},
+        {"timeout",
+         {"--fault", "silent-request"},
+         "Unable to send lrpc2 message: 408 (Timeout during operation)"},
+        {"bad magic", {"--fault", "bad-magic"}, "Unable to send lrpc2 message: 405 (Socket error)"},
+        {"bad tag", {"--fault", "bad-tag"}, "Unable to send lrpc2 message: 405 (Socket error)"},
+    };
+    configure("lrpc2.timeout=1\n");
+    for (const ExchangeFailure& c : cases) {
+        SCOPED_TRACE(c.name);
+        kvtest::Kvdsim daemon(m_dir, c.kvdsimArgs);
+        ASSERT_TRUE(daemon.ready());
+        Lrpc2Client client;
+        ASSERT_TRUE(client.connect());
+        expectThrow<zfw::IOException>([&] { client.isDaemonOnline(); }, c.text);
+        client.disconnect();
+        ASSERT_TRUE(client.connect());
+        expectThrow<zfw::IOException>([&] { client.stopDaemon(); }, c.text);
+        client.disconnect();
+        // Only these two turn the failed exchange into a result.
+        ASSERT_TRUE(client.connect());
+        EXPECT_FALSE(client.ping(0));
+        client.disconnect();
+        ASSERT_TRUE(client.connect());
+        EXPECT_EQ(client.reloadProperties(), 501);
+    }
+}
+
+TEST_F(SessionTest, ConnectionClosedByTheDaemonFailsTheNextSend) {
+    KV_REQUIRE_HERMETIC();
+    configure("lrpc2.timeout=5\n");
+    kvtest::Kvdsim daemon(m_dir, {"--fault", "close-request", "--fault-frame", "2"});
+    ASSERT_TRUE(daemon.ready());
+    Lrpc2Client client;
+    ASSERT_TRUE(client.connect());
+    EXPECT_TRUE(client.ping(0));
+    EXPECT_FALSE(client.ping(0));  // the daemon read it and closed
+    expectThrow<zfw::IOException>([&] { client.queryDBSize(); },
+                                  "Unable to send lrpc2 message: 404 (Socket closed)");
+}
+
+TEST_F(SessionTest, PingTimeoutArgumentOverridesTheDefault) {
+    KV_REQUIRE_HERMETIC();
+    // With the default of no limit, only the argument ends the wait.
+    configure("lrpc2.timeout=0\n");
+    kvtest::Kvdsim daemon(m_dir, {"--fault", "silent-request"});
+    ASSERT_TRUE(daemon.ready());
+    Lrpc2Client client;
+    ASSERT_TRUE(client.connect());
+    EXPECT_FALSE(client.ping(1));
+}
+
+TEST_F(SessionTest, ConnectFailuresReturnFalse) {
+    KV_REQUIRE_HERMETIC();
+    configure("lrpc2.timeout=1\n");
+    Lrpc2Client client;
+    EXPECT_FALSE(client.connect());  // nothing listens
+    {
+        kvtest::Kvdsim daemon(m_dir, {"--handshake", "0"});
+        ASSERT_TRUE(daemon.ready());
+        EXPECT_FALSE(client.connect());
+        EXPECT_EQ(daemon.log(), std::vector<std::string>{std::string("1 ") + kHello});
+    }
+    {
+        kvtest::Kvdsim daemon(m_dir, {"--fault", "silent-hello"});
+        ASSERT_TRUE(daemon.ready());
+        EXPECT_FALSE(client.connect());
+    }
+    {
+        kvtest::Kvdsim daemon(m_dir, {"--fault", "close-hello"});
+        ASSERT_TRUE(daemon.ready());
+        EXPECT_FALSE(client.connect());
+    }
+    expectThrow<zfw::SystemException>([&] { client.ping(0); },
+                                      "Can't send an lrpc2 message yet, not connected");
+}
+
+enum Reached { kNone, kSock, kAudit, kDefault };
+
+struct SocketConfig {
+    const char* name;
+    std::string config;  // "DIR" stands for the test's directory
+    Reached reached;
+};
+
+TEST_F(SessionTest, SocketPathFromDataDirectoryAndName) {
+    KV_REQUIRE_HERMETIC();
+    const std::vector<SocketConfig> cases = {
+        {"directory and name", "kvd.data.dir=DIR\nkvd.socket=sock\n", kSock},
+        {"trailing slash doubles it", "kvd.data.dir=DIR/\nkvd.socket=sock\n", kSock},
+        {"absolute name is appended", "kvd.data.dir=DIR\nkvd.socket=/sock\n", kSock},
+        {"last of repeated keys", "kvd.data.dir=/none\nkvd.data.dir=DIR\nkvd.socket=sock\n", kSock},
+        {"expanded from another key", "base=DIR\nkvd.data.dir=$base\nkvd.socket=sock\n", kSock},
+        {"default name", "kvd.data.dir=DIR\n", kAudit},
+        {"default directory and name", "lrpc2.timeout=5\n", kDefault},
+        {"relative directory", "kvd.data.dir=DIR_RELATIVE\nkvd.socket=sock\n", kNone},
+        // Set but unexpandable (no host settings here): no fallback to the default socket.
+        {"unexpandable directory", "kvd.data.dir=$JOINNAME\nkvd.socket=audit\n", kNone},
+        {"unexpandable name", "kvd.data.dir=/var/zantorkv\nkvd.socket=$SITE\n", kNone},
+    };
+    kvtest::TempDir auditLog, defaultLog;
+    kvtest::Kvdsim sock(m_dir, {});
+    kvtest::Kvdsim audit(auditLog, {}, {}, m_dir.file("audit"));
+    kvtest::Kvdsim byDefault(defaultLog, {}, {}, "/var/zantorkv/audit");
+    ASSERT_TRUE(sock.ready() && audit.ready() && byDefault.ready());
+    for (const SocketConfig& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string text = c.config;
+        for (size_t at; (at = text.find("DIR_RELATIVE")) != std::string::npos;) {
+            text.replace(at, 12, m_dir.path().substr(1));
+        }
+        for (size_t at; (at = text.find("DIR")) != std::string::npos;) {
+            text.replace(at, 3, m_dir.path());
+        }
+        ASSERT_TRUE(kvtest::writeDaemonConfig(text));
+        const size_t before[] = {sock.log().size(), audit.log().size(), byDefault.log().size()};
+        Lrpc2Client client;
+        EXPECT_EQ(client.connect(), c.reached != kNone);
+        EXPECT_EQ(sock.log().size(), before[0] + (c.reached == kSock ? 1 : 0));
+        EXPECT_EQ(audit.log().size(), before[1] + (c.reached == kAudit ? 1 : 0));
+        EXPECT_EQ(byDefault.log().size(), before[2] + (c.reached == kDefault ? 1 : 0));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,357 @@
+// zfw::RunQueue with real consumer threads: the bound, duplicate replacement, time-outs,
+// draining, interruption with several consumers, items that throw, contention, and the
+// registry. The cases that read the queue's records run in private namespaces with their own
+// "/dev/log" and configuration file (for the levels).
+#include <sched.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/make_shared.hpp>
+
+#include "support/hermetic.h"
+#include "support/syslog_sink.h"
+#include "support/zfw_config.h"
+#include "zfw/exception.h"
+#include "zfw/runqueue.h"
+#include "zfw/thread.h"
+
+namespace {
+
+bool eventually(const std::function<bool()>& cond) {
+    for (int i = 0; i < 20000000; ++i) {
+        if (cond()) {
+            return true;
+        }
+        sched_yield();
+    }
+    return cond();
+}
+
+// Appends its name to a shared journal when run; optionally unique under its key.
+class Step : public zfw::QueueAble {
+  public:
+    Step(std::vector<std::string>& journal, std::mutex& guard, const std::string& name, bool unique,
+         const std::string& key)
+        : m_journal(journal),
+          m_guard(guard),
+          m_name(name),
+          m_unique(unique),
+          m_key(key.empty() ? name : key) {}
+    void run() override {
+        std::lock_guard<std::mutex> lock(m_guard);
+        m_journal.push_back(m_name);
+    }
+    bool isUnique() const override { return m_unique; }
+    const std::string& key() const override { return m_key; }
+
+  private:
+    std::vector<std::string>& m_journal;
+    std::mutex& m_guard;
+    std::string m_name;
+    bool m_unique;
+    std::string m_key;
+};
+
+class Call : public zfw::QueueAble {
+  public:
+    explicit Call(std::function<void()> body) : m_body(std::move(body)) {}
+    void run() override { m_body(); }
+
+  private:
+    std::function<void()> m_body;
+};
+
+zfw::RunQueue::Item call(std::function<void()> body) {
+    return boost::make_shared<Call>(std::move(body));
+}
+
+class RunQueueTest : public ::testing::Test {
+  protected:
+    zfw::RunQueue::Item step(const std::string& name, bool unique = false,
+                             const std::string& key = std::string()) {
+        return boost::make_shared<Step>(m_journal, m_guard, name, unique, key);
+    }
+    std::vector<std::string> journal() {
+        std::lock_guard<std::mutex> lock(m_guard);
+        return m_journal;
+    }
+
+    std::mutex m_guard;
+    std::vector<std::string> m_journal;
+};
+
+TEST_F(RunQueueTest, BoundRefusesWithBufferFull) {
+    zfw::RunQueue queue(2, true);
+    queue.add(step("a"));
+    queue.add(step("b"));
+    try {
+        queue.add(step("c"));
+        FAIL() << "a full queue took a third item";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "runqueue full 2");
+        const auto* full = dynamic_cast<const zfw::BufferFullException*>(&e);
+        ASSERT_NE(full, nullptr);
+        EXPECT_EQ(full->rc(), -1);
+        const ZFWException& base = *full;
+        EXPECT_STREQ(base.what(), "runqueue full 2");
+    }
+    EXPECT_EQ(queue.size(), 2u);
+    queue.run(-1);
+    EXPECT_EQ(journal(), (std::vector<std::string>{"a", "b"}));
+
+    zfw::RunQueue unbounded(0, true);
+    for (int i = 0; i < 2000; ++i) {
+        unbounded.add(step("x"));
+    }
+    EXPECT_EQ(unbounded.size(), 2000u);
+}
+
+TEST_F(RunQueueTest, UniqueItemsReplaceTheirPendingTwin) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
+    kvtest::useProperties("log.util.runqueue=DEBUG\n");
+    zfw::RunQueue queue(0, false);
+    queue.add(step("a1", true, "a"));
+    queue.add(step("b1", true, "b"));
+    queue.add(step("a2", true, "a"));
+    // Not unique: appended even though a pending item has the same key.
+    queue.add(step("b2", false, "b"));
+    queue.add(step("c1", true, "c"));
+    EXPECT_EQ(queue.size(), 4u);
+    queue.run(-1);
+    EXPECT_EQ(journal(), (std::vector<std::string>{"b1", "a2", "b2", "c1"}));
+    EXPECT_EQ(sink.takeTexts("util.runqueue"),
+              std::vector<std::string>{"DEBUG util.runqueue removed duplicate request a"});
+
+    // A quiet queue replaces just the same but says nothing.
+    zfw::RunQueue quiet(0, true);
+    quiet.add(step("q1", true, "q"));
+    quiet.add(step("q2", true, "q"));
+    EXPECT_EQ(quiet.size(), 1u);
+    EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
+}
+
+TEST_F(RunQueueTest, DrainingRunsWhatIsPendingAndReturns) {
+    zfw::RunQueue queue(0, true);
+    queue.run(-1);
+    EXPECT_TRUE(journal().empty());
+    queue.add(step("one"));
+    queue.add(step("two"));
+    queue.add(step("three"));
+    queue.run(-1);
+    EXPECT_EQ(journal(), (std::vector<std::string>{"one", "two", "three"}));
+    EXPECT_EQ(queue.size(), 0u);
+}
+
+TEST_F(RunQueueTest, TimeOutReturnsWithTheQueueEmpty) {
+    zfw::RunQueue queue(0, true);
+    queue.run(1);
+    EXPECT_TRUE(journal().empty());
+
+    // An item that arrives while the consumer waits is run.
+    std::thread producer([&] { queue.add(step("late")); });
+    queue.run(1);
+    producer.join();
+    EXPECT_EQ(journal(), std::vector<std::string>{"late"});
+}
+
+TEST_F(RunQueueTest, EndlessRunLeavesOnlyWhenInterrupted) {
+    zfw::RunQueue queue(0, false);
+    std::atomic<bool> interrupted{false};
+    std::thread consumer([&] {
+        try {
+            queue.run(0);
+        } catch (const zfw::QueueInterrupted& e) {
+            EXPECT_STREQ(e.what(), "QueueInterrupted");
+            EXPECT_EQ(e.rc(), 0);
+            interrupted = true;
+        }
+    });
+    queue.add(step("first"));
+    ASSERT_TRUE(eventually([&] { return journal().size() == 1; }));
+    EXPECT_FALSE(interrupted);
+    queue.interrupt();
+    consumer.join();
+    EXPECT_TRUE(interrupted);
+
+    // The flag was cleared: a later run works normally.
+    queue.add(step("second"));
+    queue.run(-1);
+    EXPECT_EQ(journal(), (std::vector<std::string>{"first", "second"}));
+}
+
+TEST_F(RunQueueTest, InterruptionKeepsPendingItems) {
+    zfw::RunQueue queue(0, true);
+    queue.add(step("kept"));
+    queue.interrupt();
+    EXPECT_THROW(queue.run(-1), zfw::QueueInterrupted);
+    EXPECT_TRUE(journal().empty());
+    queue.run(-1);
+    EXPECT_EQ(journal(), std::vector<std::string>{"kept"});
+}
+
+TEST_F(RunQueueTest, EachInterruptStopsOneOfSeveralConsumers) {
+    zfw::RunQueue queue(0, true);
+    constexpr int kConsumers = 3;
+    std::atomic<int> left{0};
+    std::vector<std::thread> consumers;
+    for (int i = 0; i < kConsumers; ++i) {
+        consumers.emplace_back([&] {
+            try {
+                queue.run(0);
+            } catch (const zfw::QueueInterrupted&) {
+                ++left;
+            }
+        });
+    }
+    for (int round = 1; round <= kConsumers; ++round) {
+        queue.interrupt();
+        ASSERT_TRUE(eventually([&] { return left.load() >= round; }));
+        // The consumers still waiting take every item; exactly one left per interrupt.
+        const size_t before = journal().size();
+        if (round < kConsumers) {
+            for (int i = 0; i < 20; ++i) {
+                queue.add(step("r" + std::to_string(round)));
+            }
+            ASSERT_TRUE(eventually([&] { return journal().size() == before + 20; }));
+        }
+        EXPECT_EQ(left.load(), round);
+    }
+    for (std::thread& t : consumers) {
+        t.join();
+    }
+    EXPECT_EQ(left.load(), kConsumers);
+}
+
+TEST_F(RunQueueTest, ThrowingItems) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
+    kvtest::useProperties("log.util.runqueue=DEBUG\n");
+    zfw::RunQueue queue(0, false);
+    queue.add(call([] { ZFW_THROW(zfw::SystemException, 5, false, "item failed %d", 7); }));
+    queue.add(step("after framework exception"));
+    queue.add(call([] { throw std::runtime_error("not ours"); }));
+    queue.add(step("after foreign exception"));
+
+    EXPECT_THROW(queue.run(-1), std::runtime_error);
+    EXPECT_EQ(journal(), std::vector<std::string>{"after framework exception"});
+    EXPECT_EQ(sink.takeTexts("util.runqueue"),
+              std::vector<std::string>{"DEBUG util.runqueue unhandled exception item failed 7"});
+    // The foreign exception dropped its item only.
+    EXPECT_EQ(queue.size(), 1u);
+    queue.run(-1);
+    EXPECT_EQ(journal(),
+              (std::vector<std::string>{"after framework exception", "after foreign exception"}));
+
+    zfw::RunQueue quiet(0, true);
+    quiet.add(call([] { ZFW_THROW(zfw::SystemException, 5, false, "quiet failure"); }));
+    quiet.run(-1);
+    EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
+}
+
+TEST_F(RunQueueTest, ItemMayAddToItsOwnQueue) {
+    zfw::RunQueue queue(4, true);
+    queue.add(call([&] { queue.add(step("added by an item")); }));
+    queue.run(-1);
+    EXPECT_EQ(journal(), std::vector<std::string>{"added by an item"});
+}
+
+TEST_F(RunQueueTest, ProducersAndConsumersUnderContention) {
+    constexpr int kProducers = 4;
+    constexpr int kConsumers = 2;
+    constexpr int kItems = 2000;
+    zfw::RunQueue queue(16, true);
+    std::vector<std::atomic<int>> runs(kProducers * kItems);
+    std::atomic<int> left{0};
+
+    std::vector<std::thread> consumers;
+    for (int i = 0; i < kConsumers; ++i) {
+        consumers.emplace_back([&] {
+            try {
+                queue.run(0);
+            } catch (const zfw::QueueInterrupted&) {
+                ++left;
+            }
+        });
+    }
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&, p] {
+            for (int i = 0; i < kItems; ++i) {
+                const int slot = p * kItems + i;
+                const zfw::RunQueue::Item item = call([&runs, slot] { ++runs[slot]; });
+                for (;;) {
+                    try {
+                        queue.add(item);
+                        break;
+                    } catch (const zfw::BufferFullException&) {
+                        sched_yield();
+                    }
+                }
+            }
+        });
+    }
+    for (std::thread& t : producers) {
+        t.join();
+    }
+    ASSERT_TRUE(eventually([&] { return queue.size() == 0; }));
+    for (int i = 1; i <= kConsumers; ++i) {
+        queue.interrupt();
+        ASSERT_TRUE(eventually([&] { return left.load() == i; }));
+    }
+    for (std::thread& t : consumers) {
+        t.join();
+    }
+    for (int slot = 0; slot < kProducers * kItems; ++slot) {
+        ASSERT_EQ(runs[slot].load(), 1) << "item " << slot;
+    }
+}
+
+TEST_F(RunQueueTest, Registry) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
+    kvtest::useProperties("log.util.runqueue=DEBUG\n");
+    EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), nullptr);
+
+    zfw::RunQueue* created = zfw::RunQueue::find("reg.a", true, 1);
+    ASSERT_NE(created, nullptr);
+    EXPECT_EQ(zfw::RunQueue::find("reg.a", true, 5), created);
+    EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), created);
+    EXPECT_EQ(sink.takeTexts("util.runqueue"),
+              std::vector<std::string>{"DEBUG util.runqueue Created new RunQueue reg.a"});
+
+    // Created with the first call's bound, and not quiet.
+    created->add(step("only"));
+    EXPECT_THROW(created->add(step("too many")), zfw::BufferFullException);
+
+    // Concurrent first lookups of one name all get the same queue.
+    std::vector<zfw::RunQueue*> seen(8, nullptr);
+    std::vector<std::thread> finders;
+    for (size_t i = 0; i < seen.size(); ++i) {
+        finders.emplace_back([&seen, i] { seen[i] = zfw::RunQueue::find("reg.b", true, 0); });
+    }
+    for (std::thread& t : finders) {
+        t.join();
+    }
+    for (zfw::RunQueue* q : seen) {
+        EXPECT_EQ(q, seen[0]);
+    }
+    EXPECT_NE(seen[0], created);
+
+    zfw::RunQueue::remove("reg.a");
+    zfw::RunQueue::remove("reg.a");
+    zfw::RunQueue::remove("reg.b");
+    EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), nullptr);
+    EXPECT_EQ(zfw::RunQueue::find("reg.b", false, 0), nullptr);
+    EXPECT_TRUE(journal().empty()) << "removing a queue must not run its items";
+}
+
+}  // namespace

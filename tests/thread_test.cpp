@@ -1,0 +1,343 @@
+// zfw::Thread with real threads: start and self, join and detach, cancellation (also while
+// a zfw::MutexLock is held), sleeping, the thread count, and the stack size property (in
+// private namespaces with their own "/dev/log" and configuration file).
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/hermetic.h"
+#include "support/syslog_sink.h"
+#include "support/zfw_config.h"
+#include "zfw/exception.h"
+#include "zfw/mutex.h"
+#include "zfw/thread.h"
+
+namespace {
+
+// Spins (yielding) until cond holds; the bound only keeps a broken build from hanging.
+bool eventually(const std::function<bool()>& cond) {
+    for (int i = 0; i < 20000000; ++i) {
+        if (cond()) {
+            return true;
+        }
+        sched_yield();
+    }
+    return cond();
+}
+
+// Entry functions take a std::function so that each case can say what runs on the thread.
+void* runFunction(void* arg) {
+    (*static_cast<std::function<void()>*>(arg))();
+    return nullptr;
+}
+
+// A thread that records its cancellation hook.
+class HookedThread : public zfw::Thread {
+  public:
+    void onCancel() override { hookRan = true; }
+    std::atomic<bool> hookRan{false};
+};
+
+TEST(Thread, RunsEntryAndKnowsItself) {
+    EXPECT_EQ(zfw::Thread::self(), nullptr) << "the main thread was not started by zfw";
+
+    zfw::Thread thread;
+    zfw::Thread* seen = nullptr;
+    bool runningInside = false;
+    std::function<void()> body = [&] {
+        seen = zfw::Thread::self();
+        runningInside = seen != nullptr && seen->running();
+    };
+    EXPECT_EQ(thread.id(), pthread_t(0));
+    thread.start("worker.one", runFunction, &body);
+    EXPECT_NE(thread.id(), pthread_t(0));
+    thread.join();
+
+    EXPECT_EQ(seen, &thread);
+    EXPECT_TRUE(runningInside);
+    EXPECT_FALSE(thread.running());
+    EXPECT_TRUE(thread.joined());
+    EXPECT_EQ(thread.name(), "worker.one");
+    EXPECT_FALSE(thread.cancelRequested());
+}
+
+TEST(Thread, CountsObjects) {
+    const int32_t before = zfw::Thread::m_threadsActive;
+    {
+        zfw::Thread a;
+        zfw::Thread b;
+        EXPECT_EQ(zfw::Thread::m_threadsActive, before + 2);
+    }
+    EXPECT_EQ(zfw::Thread::m_threadsActive, before);
+
+    zfw::Thread::setThreadsActive(true);
+    EXPECT_EQ(zfw::Thread::m_threadsActive, before + 1);
+    zfw::Thread::setThreadsActive(false);
+    EXPECT_EQ(zfw::Thread::m_threadsActive, 0);
+    for (int32_t i = 0; i < before; ++i) {
+        zfw::Thread::setThreadsActive(true);
+    }
+}
+
+TEST(Thread, JoinAndDetachRules) {
+    std::function<void()> body = [] {};
+
+    zfw::Thread neverStarted;
+    neverStarted.join();
+    neverStarted.detach();
+    EXPECT_FALSE(neverStarted.joined());
+
+    zfw::Thread joinedTwice;
+    joinedTwice.start("twice", runFunction, &body);
+    joinedTwice.join();
+    joinedTwice.join();
+    EXPECT_TRUE(joinedTwice.joined());
+
+    // A detached thread is never joined; its object must outlive it, so it waits here.
+    std::atomic<bool> release{false};
+    std::atomic<bool> done{false};
+    std::function<void()> waiting = [&] {
+        eventually([&] { return release.load(); });
+        done = true;
+    };
+    zfw::Thread detached;
+    detached.start("detached", runFunction, &waiting);
+    detached.detach();
+    EXPECT_TRUE(detached.joined());
+    detached.join();
+    release = true;
+    EXPECT_TRUE(eventually([&] { return done.load() && !detached.running(); }));
+
+    zfw::Thread startedTwice;
+    startedTwice.start("once", runFunction, &body);
+    EXPECT_THROW(startedTwice.start("again", runFunction, &body), zfw::AlreadyException);
+    startedTwice.join();
+}
+
+TEST(Thread, JoiningItselfRaises) {
+    zfw::Thread thread;
+    int rc = 0;
+    std::string text;
+    std::function<void()> body = [&] {
+        try {
+            zfw::Thread::self()->join();
+        } catch (const zfw::SystemException& e) {
+            rc = e.rc();
+            text = e.what();
+        }
+    };
+    thread.start("self-join", runFunction, &body);
+    thread.join();
+    EXPECT_EQ(rc, EDEADLK);
+    EXPECT_EQ(text, std::string("OS call failed: ") + strerror(EDEADLK));
+    EXPECT_TRUE(thread.joined());
+}
+
+TEST(Thread, CancelRunsTheHook) {
+    HookedThread thread;
+    std::atomic<bool> started{false};
+    std::function<void()> body = [&] {
+        started = true;
+        for (;;) {
+            zfw::Thread::sleep(0, 1, 0, 0);
+        }
+    };
+    thread.start("sleeper", runFunction, &body);
+    ASSERT_TRUE(eventually([&] { return started.load(); }));
+    thread.stop();
+    EXPECT_TRUE(thread.cancelRequested());
+    EXPECT_TRUE(thread.hookRan);
+    EXPECT_FALSE(thread.running());
+    EXPECT_TRUE(thread.joined());
+}
+
+TEST(Thread, CancelAfterTheEntryReturnedDoesNothing) {
+    HookedThread thread;
+    std::function<void()> body = [] {};
+    thread.start("short", runFunction, &body);
+    ASSERT_TRUE(eventually([&] { return !thread.running(); }));
+    thread.cancel();
+    thread.join();
+    EXPECT_FALSE(thread.cancelRequested());
+    EXPECT_FALSE(thread.hookRan);
+}
+
+TEST(Thread, CancellationWaitsForTheMutexToBeReleased) {
+    zfw::Mutex mutex;
+    HookedThread thread;
+    std::atomic<bool> holding{false};
+    std::atomic<bool> proceed{false};
+    std::atomic<bool> ranUnderLock{false};
+    std::atomic<bool> ranAfterRelease{false};
+    std::function<void()> body = [&] {
+        zfw::MutexLock lock(mutex);
+        holding = true;
+        // Cancellation points while the lock is held must not act.
+        while (!proceed) {
+            zfw::Thread::sleep(0, 1, 0, 0);
+        }
+        ranUnderLock = true;
+        lock.release();
+        ranAfterRelease = true;
+    };
+    thread.start("locker", runFunction, &body);
+    ASSERT_TRUE(eventually([&] { return holding.load(); }));
+    thread.cancel();
+    proceed = true;
+    thread.join();
+
+    EXPECT_TRUE(ranUnderLock);
+    EXPECT_FALSE(ranAfterRelease);
+    EXPECT_TRUE(thread.hookRan);
+    EXPECT_EQ(mutex.depth(), 0) << "the mutex was released before the thread ended";
+    EXPECT_TRUE(mutex.trylock());
+    mutex.unlock();
+}
+
+TEST(Thread, DisabledCancellationActsWhenEnabled) {
+    HookedThread thread;
+    std::atomic<bool> disabled{false};
+    std::atomic<bool> proceed{false};
+    std::atomic<bool> beforeEnable{false};
+    std::atomic<bool> afterEnable{false};
+    std::function<void()> body = [&] {
+        zfw::Thread::disableCancel();
+        disabled = true;
+        while (!proceed) {
+            zfw::Thread::yield();
+        }
+        beforeEnable = true;
+        zfw::Thread::enableCancel();
+        afterEnable = true;
+    };
+    thread.start("disabled", runFunction, &body);
+    ASSERT_TRUE(eventually([&] { return disabled.load(); }));
+    thread.cancel();
+    proceed = true;
+    thread.join();
+    EXPECT_TRUE(beforeEnable);
+    EXPECT_FALSE(afterEnable);
+    EXPECT_TRUE(thread.hookRan);
+}
+
+void ignoreSignal(int) {}
+
+TEST(Thread, SleepReportsInterruption) {
+    EXPECT_TRUE(zfw::Thread::sleep(0, 50, 0, 0));
+    EXPECT_TRUE(zfw::Thread::sleep(timespec{0, 1000}));
+
+    struct sigaction action = {};
+    action.sa_handler = ignoreSignal;
+    sigemptyset(&action.sa_mask);
+    struct sigaction old = {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &old), 0);
+
+    zfw::Thread thread;
+    std::atomic<int> result{-1};
+    std::function<void()> body = [&] { result = zfw::Thread::sleep(5, 0, 0, 0) ? 1 : 0; };
+    thread.start("interrupted", runFunction, &body);
+    // A signal that lands before the sleep begins is lost, so keep sending.
+    ASSERT_TRUE(eventually([&] {
+        if (thread.running()) {
+            pthread_kill(thread.id(), SIGUSR1);
+        }
+        return result.load() != -1;
+    }));
+    thread.join();
+    sigaction(SIGUSR1, &old, nullptr);
+    EXPECT_EQ(result, 0);
+}
+
+TEST(Thread, SleepRejectsABadInterval) {
+    try {
+        zfw::Thread::sleep(0, 1000, 0, 0);
+        FAIL() << "a second of milliseconds was accepted";
+    } catch (const zfw::SystemException& e) {
+        EXPECT_EQ(e.rc(), EINVAL);
+    }
+    EXPECT_THROW(zfw::Thread::sleep(-1, 0, 0, 0), zfw::SystemException);
+}
+
+// The stack size that the thread library gives the calling thread.
+size_t ownStackSize() {
+    pthread_attr_t attr;
+    size_t size = 0;
+    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+        pthread_attr_getstacksize(&attr, &size);
+        pthread_attr_destroy(&attr);
+    }
+    return size;
+}
+
+size_t stackSizeOfNewThread() {
+    zfw::Thread thread;
+    size_t size = 0;
+    std::function<void()> body = [&] { size = ownStackSize(); };
+    thread.start("stack", runFunction, &body);
+    thread.join();
+    return size;
+}
+
+TEST(Thread, StackSizeFromProperties) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    size_t defaultSize = 0;
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_getstacksize(&attr, &defaultSize);
+    pthread_attr_destroy(&attr);
+
+    kvtest::SyslogSink sink;
+    struct Case {
+        const char* value;
+        size_t stack;         // 0: the default
+        const char* message;  // null: no message
+    };
+    // The thread library may hand out a cached stack of up to four times the size asked
+    // for, and ThreadSanitizer raises small sizes to its own minimum: the sizes used stay
+    // above that minimum and below a quarter of the default.
+    const Case cases[] = {
+        {"", 0, nullptr},
+        {"0", 0, nullptr},
+        {"-4096", 0, nullptr},
+        {"1048576", 1048576, "DEBUG util.thread Set the pthread stack size to 1048576"},
+        {"1572864 bytes", 1572864, "DEBUG util.thread Set the pthread stack size to 1572864"},
+        {"1", 0, "DEBUG util.thread Failed to set the thread stack size, using system default"},
+    };
+    ASSERT_GT(defaultSize, 4 * 1572864u);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string("stacksize '") + c.value + "'");
+        kvtest::useProperties(std::string("log.util.thread=DEBUG\nzfw.clients.threads.stacksize=") +
+                              c.value + "\n");
+        sink.take();
+        const size_t size = stackSizeOfNewThread();
+        if (c.stack == 0) {
+            EXPECT_EQ(size, defaultSize);
+        } else {
+            EXPECT_GE(size, c.stack);
+            EXPECT_LE(size, 4 * c.stack);
+        }
+        const std::vector<std::string> texts = sink.takeTexts("util.thread");
+        if (c.message == nullptr) {
+            EXPECT_TRUE(texts.empty()) << texts.front();
+        } else {
+            ASSERT_EQ(texts.size(), 1u);
+            EXPECT_EQ(texts[0], c.message);
+        }
+    }
+
+    // Without DEBUG on "util.thread" the size still applies, silently.
+    kvtest::useProperties("zfw.clients.threads.stacksize=1048576\n");
+    sink.take();
+    EXPECT_LE(stackSizeOfNewThread(), 4 * 1048576u);
+    EXPECT_TRUE(sink.takeTexts("util.thread").empty());
+}
+
+}  // namespace

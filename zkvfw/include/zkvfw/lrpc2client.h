@@ -1,0 +1,65 @@
+// Client session with the local Kavelo audit daemon.
+//
+// The daemon's socket and the default time-out come from "/etc/zantorkv/zantorkv.conf":
+// "lrpc2.timeout" (seconds, default 30; 0 means no limit), "kvd.data.dir" (default
+// "/var/zantorkv") and "kvd.socket" (default "audit"); the socket path is the data
+// directory, "/", and the socket name. A missing or unreadable file gives the defaults.
+//
+// A data directory or socket name that is set but cannot be expanded (for example a
+// value naming $JOINNAME on a host without its setting file) makes `connect` fail
+// without connecting anywhere: the configured socket is unknown, and a default path
+// could reach some other daemon than the one the file names.
+//
+// Failures of the library reach the caller as exceptions: zfw::SystemException for
+// local errors, zfw::IOException for a failed exchange, zfw::EndOfFileException or
+// zfw::SystemException for a reply without the expected fields. Connecting never throws.
+// One thread uses one session.
+#ifndef ZKVFW_LRPC2CLIENT_H
+#define ZKVFW_LRPC2CLIENT_H
+
+#include <stdint.h>
+
+#include <string>
+
+#include "lrpc2/conn.h"
+#include "lrpc2/table.h"
+#include "zkvfw/msgwrap.h"
+
+class Lrpc2Client {
+  public:
+    // Reads the default time-out; does not connect.
+    Lrpc2Client();
+    ~Lrpc2Client();
+
+    Lrpc2Client(const Lrpc2Client&) = delete;
+    Lrpc2Client& operator=(const Lrpc2Client&) = delete;
+
+    // Connects with `timeout` seconds (0: the default). True when connected. Call it only
+    // while not connected: an existing connection is overwritten, not closed.
+    bool connect(int32_t timeout = 0);
+    // Closes the connection, if any.
+    void disconnect();
+
+    // Exchanges the complete `request`; `reply` receives the daemon's answer.
+    void send(Lrpc2Message& request, Lrpc2Message& reply, int32_t timeout = 0);
+    void sendDiscardReply(Lrpc2Message& request, int32_t timeout = 0);
+
+    bool isDaemonOnline();
+    std::string queryCollectorStatus();
+    void queryCollectorStatus2(int32_t& value1, std::string& value2, std::string& value3,
+                               bool& value4, std::string& value5, std::string& value6);
+    std::string queryDBSize();
+    std::string queryDespoolRate();
+    // False when the exchange failed (zfw::IOException).
+    bool ping(int32_t timeout = 0);
+    void stopDaemon();
+    // The daemon's result, or 501 when the exchange failed.
+    int32_t reloadProperties();
+
+  private:
+    const lrpc2_msg_table* m_messageTable;
+    lrpc2_conn* m_connection;
+    int32_t m_timeout;
+};
+
+#endif

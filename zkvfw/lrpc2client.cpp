@@ -1,0 +1,153 @@
+#include "zkvfw/lrpc2client.h"
+
+#include "lrpc2/conf.h"
+#include "lrpc2/exchange.h"
+#include "lrpc2/status.h"
+
+namespace {
+
+const char kConfigFile[] = "/etc/zantorkv/zantorkv.conf";
+const int32_t kDefaultTimeout = 30;
+const char kDefaultDataDir[] = "/var/zantorkv";
+const char kDefaultSocket[] = "audit";
+// What the daemon's reload answer is replaced by when the exchange fails.
+const int32_t kReloadFailed = 501;
+
+}  // namespace
+
+Lrpc2Client::Lrpc2Client()
+    : m_messageTable(lrpc2_default_table()), m_connection(nullptr), m_timeout(kDefaultTimeout) {
+    // The reader's status is deliberately ignored: a missing file gives the default, and a
+    // value that fails to expand gives 0, which the library treats as no limit.
+    conf_file* conf = conf_open(kConfigFile, nullptr, nullptr);
+    m_timeout = conf_get_int(conf, "lrpc2.timeout", kDefaultTimeout, nullptr);
+    conf_free(conf);
+}
+
+Lrpc2Client::~Lrpc2Client() {
+    disconnect();
+}
+
+bool Lrpc2Client::connect(int32_t timeout) {
+    conf_file* conf = conf_open(kConfigFile, nullptr, nullptr);
+    const char* dir = conf_get_string(conf, "kvd.data.dir", kDefaultDataDir, nullptr);
+    const std::string dataDir = dir != nullptr ? dir : "";
+    const char* name = conf_get_string(conf, "kvd.socket", kDefaultSocket, nullptr);
+    const std::string socketName = name != nullptr ? name : "";
+    conf_free(conf);
+    if (dir == nullptr || name == nullptr) {
+        return false;
+    }
+    const std::string path = dataDir + "/" + socketName;
+
+    int32_t status = 0;
+    m_connection = lrpc2_connect_timeout(path.c_str(), m_messageTable,
+                                         timeout != 0 ? timeout : m_timeout, &status);
+    if (status != 0) {
+        lrpc2_close(m_connection);
+        m_connection = nullptr;
+        return false;
+    }
+    return m_connection != nullptr;
+}
+
+void Lrpc2Client::disconnect() {
+    lrpc2_close(m_connection);
+    m_connection = nullptr;
+}
+
+void Lrpc2Client::send(Lrpc2Message& request, Lrpc2Message& reply, int32_t timeout) {
+    if (m_connection == nullptr) {
+        ZFW_THROW(zfw::SystemException, 0, true, "Can't send an lrpc2 message yet, not connected");
+    }
+    int32_t status = 0;
+    lrpc2_msg* answer = lrpc2_exchange_timeout(m_connection, request.handle(),
+                                               timeout != 0 ? timeout : m_timeout, &status);
+    if (status != 0) {
+        lrpc2_msg_free(answer);
+        ZFW_THROW(zfw::IOException, 0, true, "Unable to send lrpc2 message: %d (%s)", status,
+                  lrpc2_status_text(status));
+    }
+    reply.adopt(answer);
+}
+
+void Lrpc2Client::sendDiscardReply(Lrpc2Message& request, int32_t timeout) {
+    Lrpc2Message reply;
+    send(request, reply, timeout);
+}
+
+bool Lrpc2Client::isDaemonOnline() {
+    Lrpc2Message request(LRPC2_ID_KV_QUERY_IS_DAEMON_ONLINE, m_messageTable);
+    request.complete();
+    Lrpc2Message reply;
+    send(request, reply);
+    return reply.readBool();
+}
+
+std::string Lrpc2Client::queryCollectorStatus() {
+    Lrpc2Message request(LRPC2_ID_KV_QUERY_COLLECTOR_STATUS, m_messageTable);
+    request.complete();
+    Lrpc2Message reply;
+    send(request, reply);
+    return reply.readString();
+}
+
+void Lrpc2Client::queryCollectorStatus2(int32_t& value1, std::string& value2, std::string& value3,
+                                        bool& value4, std::string& value5, std::string& value6) {
+    Lrpc2Message request(LRPC2_ID_KV_QUERY_COLLECTOR_STATUS2, m_messageTable);
+    request.complete();
+    Lrpc2Message reply;
+    send(request, reply);
+    value1 = reply.readInt32();
+    value2 = reply.readString();
+    value3 = reply.readString();
+    value4 = reply.readBool();
+    value5 = reply.readString();
+    value6 = reply.readString();
+}
+
+std::string Lrpc2Client::queryDBSize() {
+    Lrpc2Message request(LRPC2_ID_KV_QUERY_DB_SIZE, m_messageTable);
+    request.complete();
+    Lrpc2Message reply;
+    send(request, reply);
+    return reply.readString();
+}
+
+std::string Lrpc2Client::queryDespoolRate() {
+    Lrpc2Message request(LRPC2_ID_KV_QUERY_DESPOOL_RATE, m_messageTable);
+    request.complete();
+    Lrpc2Message reply;
+    send(request, reply);
+    return reply.readString();
+}
+
+bool Lrpc2Client::ping(int32_t timeout) {
+    Lrpc2Message request(LRPC2_ID_KV_PING, m_messageTable);
+    request.complete();
+    Lrpc2Message reply;
+    try {
+        send(request, reply, timeout);
+    } catch (const zfw::IOException&) {
+        return false;
+    }
+    return true;
+}
+
+void Lrpc2Client::stopDaemon() {
+    Lrpc2Message request(LRPC2_ID_KV_STOP, m_messageTable);
+    request.complete();
+    sendDiscardReply(request);
+}
+
+int32_t Lrpc2Client::reloadProperties() {
+    Lrpc2Message request(LRPC2_ID_KV_RELOAD_PROPS, m_messageTable);
+    request.complete();
+    Lrpc2Message reply;
+    try {
+        send(request, reply);
+    } catch (const zfw::IOException&) {
+        return kReloadFailed;
+    }
+    return reply.readInt32();
+}
