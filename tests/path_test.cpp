@@ -118,6 +118,8 @@ TEST(PathParse, OtherFormsAndOutput) {
     EXPECT_EQ(p.toString('/', true), "/tmp/my dir/f");
     EXPECT_EQ(p.toString('\\', true), "/tmp\\my dir\\f");
     EXPECT_EQ(path("a/b/").toString('\\', true), "a\\b");
+    EXPECT_EQ(path("/").toString('\\', true), "/");
+    EXPECT_EQ(path("/a/").toString('\\', false), "/a");
     std::ostringstream out;
     out << p;
     EXPECT_EQ(out.str(), "/tmp/my_dir/f");

@@ -73,12 +73,14 @@ std::string path::toString(char separator, bool keepSpaces) const {
         result += separator;
     }
     if (m_name.empty()) {
-        const size_t last = result.rfind(separator);
-        if (last == std::string::npos) {
-            // Nothing to cut at: an empty path has no string form.
-            throw std::out_of_range("path::toString: empty path");
+        if (m_dirs.empty()) {
+            // The root is "/" in every form; an empty path has no string form at all.
+            if (!m_absolute) {
+                throw std::out_of_range("path::toString: empty path");
+            }
+            return gPathRoot;
         }
-        result.erase(last);
+        result.erase(result.rfind(separator));
     } else {
         result += m_name;
     }

@@ -106,20 +106,30 @@ Properties::Properties(bool expand, bool dumpAtDebug)
 Properties::~Properties() = default;
 
 Properties* Properties::getProperties(bool dumpAtDebug) {
+    // Once published the instance is handed out without the creation lock: the parse,
+    // which holds the instance lock, comes back here through the host settings overrides,
+    // and must not take the creation lock after the instance lock.
+    Properties* props = __atomic_load_n(&gZhubProperties, __ATOMIC_ACQUIRE);
+    if (props != nullptr) {
+        return props;
+    }
     MutexLock lock(lazyMutex(gPropMtx));
     if (gZhubProperties == nullptr) {
-        // Published before the load: host settings overrides looked up during the load
-        // find this instance instead of creating a second one.
-        gZhubProperties = new Properties(true, dumpAtDebug);
-        gZhubProperties->load(gConfigPath, true);
+        props = new Properties(true, dumpAtDebug);
+        // Published before the load, which it holds the instance lock for: lookups from
+        // inside the load find this instance, other threads wait until it is loaded.
+        MutexLock loading(props->m_mutex);
+        __atomic_store_n(&gZhubProperties, props, __ATOMIC_RELEASE);
+        props->load(gConfigPath, true);
     }
     return gZhubProperties;
 }
 
 void Properties::destroyProperties() {
     MutexLock lock(lazyMutex(gPropMtx));
-    delete gZhubProperties;
-    gZhubProperties = nullptr;
+    Properties* props = gZhubProperties;
+    __atomic_store_n(&gZhubProperties, nullptr, __ATOMIC_RELEASE);
+    delete props;
 }
 
 void Properties::dumpToTty() {

@@ -15,17 +15,8 @@
 
 namespace {
 
-const char kStopped[] = "Zantor Kavelo daemon stopped successfully.";
 // A daemon that still completes the handshake gets this long to answer the ping.
 const int32_t kPingTimeout = 60;
-
-[[noreturn]] void succeed(const boost::shared_ptr<zfw::Logger>& logger) {
-    std::cout << kStopped << std::endl;
-    if (logger->isEnabled(zfw::Logger::INFO)) {
-        logger->log(zfw::Logger::INFO, "Zantor Kavelo daemon stopped successfully.");
-    }
-    std::exit(0);
-}
 
 }  // namespace
 
@@ -68,5 +59,10 @@ int main(int argc, char** argv) {
         }
     } catch (const ZFWException&) {
     }
-    succeed(logger);
+
+    std::cout << "Zantor Kavelo daemon stopped successfully." << std::endl;
+    if (logger->isEnabled(zfw::Logger::INFO)) {
+        logger->log(zfw::Logger::INFO, "Zantor Kavelo daemon stopped successfully.");
+    }
+    std::exit(0);
 }

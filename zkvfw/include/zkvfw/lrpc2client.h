@@ -40,7 +40,8 @@ class Lrpc2Client {
     // Closes the connection, if any.
     void disconnect();
 
-    // Exchanges the complete `request`; `reply` receives the daemon's answer.
+    // Exchanges the complete `request` (its header is stamped in place); `reply` receives
+    // the daemon's answer.
     void send(Lrpc2Message& request, Lrpc2Message& reply, int32_t timeout = 0);
     void sendDiscardReply(Lrpc2Message& request, int32_t timeout = 0);
 
