@@ -9,17 +9,29 @@
 
 namespace conf {
 
-bool Text::add(char c) {
-    if (m_failed || length() >= CONF_MAX_TEXT ||
-        bytebuf_append_byte(&m_buf, static_cast<uint8_t>(c)) == nullptr) {
-        m_failed = true;
+namespace {
+
+// The byte buffer grows by twice the request only, which makes texts built a character or
+// a chunk at a time quadratic; asking for at least the current length doubles it instead.
+// The caller has checked that length + n stays within CONF_MAX_TEXT.
+bool appendGrowing(lrpc2_bytebuf* b, const void* data, uint32_t n) {
+    const uint32_t length = bytebuf_length(b);
+    if (b->start != nullptr && b->end - b->pos <= static_cast<ptrdiff_t>(n) &&
+        !bytebuf_reserve(b, n > length ? n : length)) {
+        return false;
     }
-    return !m_failed;
+    return bytebuf_append(b, n, data) != nullptr;
+}
+
+}  // namespace
+
+bool Text::add(char c) {
+    return add(&c, 1);
 }
 
 bool Text::add(const char* text, size_t n) {
     if (m_failed || n > CONF_MAX_TEXT - length() ||
-        bytebuf_append(&m_buf, static_cast<uint32_t>(n), text) == nullptr) {
+        !appendGrowing(&m_buf, text, static_cast<uint32_t>(n))) {
         m_failed = true;
     }
     return !m_failed;
@@ -79,7 +91,7 @@ int32_t readFile(const char* path, lrpc2_bytebuf* out) {
         } else if (n == 0) {
             break;
         } else if (static_cast<size_t>(n) > CONF_MAX_TEXT - bytebuf_length(out) ||
-                   bytebuf_append(out, static_cast<uint32_t>(n), chunk) == nullptr) {
+                   !appendGrowing(out, chunk, static_cast<uint32_t>(n))) {
             rc = CONF_ERR_NOMEM;
         }
     }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -431,6 +432,31 @@ TEST(Conf, ListFiles) {
     });
     Conf conf(dir.write("c.conf", "n=file:" + dir.path("number") + "\n"));
     EXPECT_EQ(conf.num("n", 0), 42);
+}
+
+TEST(Conf, LargeValuesGrowGeometrically) {
+    // 2 MiB of list items and a 2 MiB value, read and expanded a few bytes at a time: a
+    // buffer growing by a fixed step would reallocate hundreds of thousands of times.
+    TempDir dir;
+    std::string items;
+    while (items.size() < (2u << 20)) {
+        items += "item" + std::to_string(items.size()) + "\n";
+    }
+    const std::string list = dir.write("big", items);
+    Conf conf(dir.write("c.conf", "v=file:" + list + "\nw=" + std::string(2u << 20, 'w') + "\n"));
+    const long lines = std::count(items.begin(), items.end(), '\n');
+    alloc_hooks::start();
+    const std::string v = conf.str("v");
+    const unsigned listCalls = alloc_hooks::state().calls;
+    alloc_hooks::start();
+    const std::string w = conf.str("w");
+    const unsigned valueCalls = alloc_hooks::state().calls;
+    alloc_hooks::stop();
+    EXPECT_EQ(std::count(v.begin(), v.end(), ','), lines - 1);
+    EXPECT_EQ(w.size(), 2u << 20);
+    // A handful of blocks per item, a few dozen reallocations per large text.
+    EXPECT_LT(listCalls, 4 * lines + 200) << lines << " items";
+    EXPECT_LT(valueCalls, 100u);
 }
 
 TEST(Conf, ListFileFailuresAreKept) {

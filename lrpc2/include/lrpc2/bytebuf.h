@@ -1,4 +1,4 @@
-/* Growable byte buffer: starts at 512 bytes, grows by its whole size plus twice the
+/* Growable byte buffer: starts at 512 bytes, grows to its current size plus twice the
  * request, and always keeps one spare byte after a reservation. */
 #ifndef LRPC2_BYTEBUF_H
 #define LRPC2_BYTEBUF_H
