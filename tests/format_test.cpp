@@ -245,6 +245,7 @@ TEST(Format, OddConversions) {
         ROW("d", "%5-d", 3),
         ROW("d|4", "%*5d|%d", 3, 4),
         ROW("", ""),
+        ROW("", nullptr),
         ROW("plain text", "plain text"),
     });
 }

@@ -4,9 +4,7 @@
 #ifndef KV_TESTS_HERMETIC_PROPS_SUPPORT_H
 #define KV_TESTS_HERMETIC_PROPS_SUPPORT_H
 
-#include <linux/magic.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 
 #include <gtest/gtest.h>
 
@@ -15,21 +13,14 @@
 #include <sstream>
 #include <string>
 
+#include "support/hermetic.h"
+
 namespace propstest {
 
-// Both fixed directories are private tmpfs mounts (the state hermetic.sh sets up).
-inline bool insidePrivateDirs() {
-    struct statfs etc;
-    struct statfs var;
-    return statfs("/etc/zantorkv", &etc) == 0 && etc.f_type == TMPFS_MAGIC &&
-           statfs("/var/zantormx", &var) == 0 && var.f_type == TMPFS_MAGIC;
-}
-
 // Refuses to touch the fixed paths on the host.
-#define PROPS_REQUIRE_PRIVATE_DIRS()                                                    \
-    ASSERT_TRUE(::propstest::insidePrivateDirs())                                       \
-        << "run under tests/support/hermetic.sh: /etc/zantorkv and /var/zantormx must " \
-           "be private"
+#define PROPS_REQUIRE_PRIVATE_DIRS()        \
+    ASSERT_TRUE(::kvtest::insideHermetic()) \
+        << "run under tests/support/hermetic.sh: /etc/zantorkv and /var/zantormx must be private"
 
 // Empties both private directories (call only after PROPS_REQUIRE_PRIVATE_DIRS).
 inline void clearPrivateDirs() {
