@@ -3,7 +3,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libboost-dev libgtest-dev
-          libgmock-dev libbenchmark-dev util-linux valgrind)
+          libgmock-dev libbenchmark-dev util-linux valgrind
+          dpkg-dev file pkgconf groff-base man-db rsyslog)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
