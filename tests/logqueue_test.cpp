@@ -119,6 +119,20 @@ std::vector<std::string> containing(const std::vector<std::string>& texts,
     return out;
 }
 
+// Threads of this process, from its status file.
+int threadCount() {
+    FILE* status = std::fopen("/proc/self/status", "r");
+    char line[256];
+    int threads = -1;
+    while (status != nullptr && std::fgets(line, sizeof line, status) != nullptr) {
+        std::sscanf(line, "Threads: %d", &threads);
+    }
+    if (status != nullptr) {
+        std::fclose(status);
+    }
+    return threads;
+}
+
 class LogQueueTest : public ::testing::Test {
   protected:
     boost::shared_ptr<zfw::Logger> m_reporter = zfw::Logger::get("test.reporter");
@@ -281,6 +295,29 @@ TEST_F(LogQueueTest, StopWritesEveryPendingRecord) {
         expected.push_back("INFO  test.pending pending " + std::to_string(i));
     }
     EXPECT_EQ(containing(held.texts(), "test.pending"), expected);
+}
+
+TEST_F(LogQueueTest, ShutdownWritesQueuedRecordsAndEndsTheLogThread) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    HeldSyslog held;
+    kvtest::useProperties("");
+    zfw::Logger::startQueue(m_reporter);
+    const auto logger = zfw::Logger::get("test.shutdown");
+    constexpr int kRecords = 16;
+    for (int i = 0; i < kRecords; ++i) {
+        logger->log(zfw::Logger::INFO, "queued %d", i);
+    }
+    std::thread releaser([&held] {
+        zfw::Thread::sleep(0, 100, 0, 0);
+        held.release();
+    });
+    zfw::Logger::shutdown();
+    releaser.join();
+    EXPECT_EQ(threadCount(), 2) << "the log thread outlived shutdown";
+
+    std::vector<std::string> texts = containing(held.texts(), "test.shutdown");
+    ASSERT_EQ(texts.size(), static_cast<size_t>(kRecords));
+    EXPECT_EQ(texts.back(), "INFO  test.shutdown queued " + std::to_string(kRecords - 1));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "logqueue.h"
 #include "logregistry.h"
 #include "zfw/logdelivery.h"
 #include "zfw/mutex.h"
@@ -254,6 +255,9 @@ int32_t Logger::parseLevel(const std::string& text) {
 }
 
 void Logger::shutdown() {
+    // Queued records are written while the system log is still open, and no log thread
+    // outlives the loggers.
+    endLogQueue();
     Mutex* mutex = &loggerRegistryMutex();
     {
         MutexLock lock(*mutex);

@@ -102,30 +102,32 @@ void Logger::startQueue(const boost::shared_ptr<Logger>& reporter) {
     gLogThread = thread.release();
 }
 
-void Logger::stopQueue(const boost::shared_ptr<Logger>& reporter) {
+void endLogQueue() {
     MutexLock control(lazyMutex(gControlMutex));
-    {
-        MutexLock lock(logDeliveryMutex());
-        if (gLogQueue != nullptr) {
-            gLogQueue->interrupt();
-        }
-        if (gLogThread != nullptr) {
-            gLogThread->join();
-        }
-        if (gLogQueue != nullptr) {
-            try {
-                gLogQueue->run(-1);
-            } catch (const QueueInterrupted&) {
-                // The log thread had already ended, so the interruption was still pending.
-                gLogQueue->run(-1);
-            }
-        }
-        delete gLogQueue;
-        gLogQueue = nullptr;
-        delete gLogThread;
-        gLogThread = nullptr;
-        gDropReporter.reset();
+    MutexLock lock(logDeliveryMutex());
+    if (gLogQueue != nullptr) {
+        gLogQueue->interrupt();
     }
+    if (gLogThread != nullptr) {
+        gLogThread->join();
+    }
+    if (gLogQueue != nullptr) {
+        try {
+            gLogQueue->run(-1);
+        } catch (const QueueInterrupted&) {
+            // The log thread had already ended, so the interruption was still pending.
+            gLogQueue->run(-1);
+        }
+    }
+    delete gLogQueue;
+    gLogQueue = nullptr;
+    delete gLogThread;
+    gLogThread = nullptr;
+    gDropReporter.reset();
+}
+
+void Logger::stopQueue(const boost::shared_ptr<Logger>& reporter) {
+    endLogQueue();
     if (reporter->isEnabled(DEBUG)) {
         reporter->log(DEBUG, "stopped background log thread");
     }

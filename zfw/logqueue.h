@@ -16,6 +16,10 @@ Mutex& logDeliveryMutex();
 // when there is no log queue and the record goes straight to syslog.
 bool queueRecord(int32_t priority, const char* record, va_list args);
 
+// Stops the log thread, if one runs, and writes every record still queued; delivery is
+// direct afterwards.
+void endLogQueue();
+
 }  // namespace zfw
 
 #endif

@@ -65,7 +65,8 @@ class Logger {
     // direct delivery. Problems are reported on reporter.
     static void startQueue(const boost::shared_ptr<Logger>& reporter);
     static void stopQueue(const boost::shared_ptr<Logger>& reporter);
-    // Ends logging for the process: destroys every logger and closes the system log.
+    // Ends logging for the process: stops the log queue (writing what it holds), destroys
+    // every logger and closes the system log.
     static void shutdown();
 
     Logger(const std::string& name, const boost::shared_ptr<Logger>& parent, int32_t level,
