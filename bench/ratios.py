@@ -70,8 +70,14 @@ def load(paths):
             # Benchmarks that wait on other threads or processes count real time; the others
             # count CPU time, which a machine shared with other work disturbs less.
             clock = "real_time" if b["run_name"].endswith("/real_time") else "cpu_time"
-            b["ns"] = b[clock] * TO_NS[b.get("time_unit", "ns")]
-            b["cpu_ns"] = b["cpu_time"] * TO_NS[b.get("time_unit", "ns")]
+            unit = TO_NS[b.get("time_unit", "ns")]
+            b["ns"] = b[clock] * unit
+            b["cpu_ns"] = b["cpu_time"] * unit
+            # Per item where a benchmark counts items (a burst of log calls, a file's lines).
+            items = b.get("items_per_second")
+            if items:
+                b["cpu_ns"] *= 1e9 / items / b["ns"]
+                b["ns"] = 1e9 / items
             # A median wins over a single run of the same name.
             if b.get("run_type") == "aggregate" or b["run_name"] not in medians:
                 medians[b["run_name"]] = b
@@ -137,9 +143,9 @@ def main():
         print("| " + " | ".join(c.ljust(w) for c, w in zip(r, widths)) + " |")
         if n == 0:
             print("|" + "|".join("-" * (w + 2) for w in widths) + "|")
-    print("\nTimes are medians of the repetitions, per operation (real time for benchmarks "
-          "named .../real_time, CPU time for the others); ratio = reference time / our time, "
-          "so above 1 means ours is faster.")
+    print("\nTimes are medians of the repetitions, per operation or per item counted (a log "
+          "call, a line) (real time for benchmarks named .../real_time, CPU time for the "
+          "others); ratio = reference time / our time, so above 1 means ours is faster.")
 
 
 if __name__ == "__main__":
