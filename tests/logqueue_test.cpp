@@ -2,6 +2,7 @@
 // "/dev/log": starting and stopping, records formatted on the logging thread, overflow
 // while syslog blocks (records dropped, the warning in their place, no deadlock), and
 // stopQueue writing what is still queued. Every case runs in private namespaces.
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,11 +12,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -119,18 +122,18 @@ std::vector<std::string> containing(const std::vector<std::string>& texts,
     return out;
 }
 
-// Threads of this process, from its status file.
-int threadCount() {
-    FILE* status = std::fopen("/proc/self/status", "r");
-    char line[256];
-    int threads = -1;
-    while (status != nullptr && std::fgets(line, sizeof line, status) != nullptr) {
-        std::sscanf(line, "Threads: %d", &threads);
+// The task ids of this process's threads.
+std::set<std::string> threadIds() {
+    std::set<std::string> ids;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (const dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] != '.') {
+                ids.insert(entry->d_name);
+            }
+        }
+        closedir(dir);
     }
-    if (status != nullptr) {
-        std::fclose(status);
-    }
-    return threads;
+    return ids;
 }
 
 class LogQueueTest : public ::testing::Test {
@@ -301,7 +304,16 @@ TEST_F(LogQueueTest, ShutdownWritesQueuedRecordsAndEndsTheLogThread) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     HeldSyslog held;
     kvtest::useProperties("");
+    const std::set<std::string> before = threadIds();
     zfw::Logger::startQueue(m_reporter);
+    // The log thread, and any helper thread the runtime starts along with the first one.
+    std::set<std::string> started;
+    for (const std::string& id : threadIds()) {
+        if (before.count(id) == 0) {
+            started.insert(id);
+        }
+    }
+    ASSERT_FALSE(started.empty());
     const auto logger = zfw::Logger::get("test.shutdown");
     constexpr int kRecords = 16;
     for (int i = 0; i < kRecords; ++i) {
@@ -313,7 +325,10 @@ TEST_F(LogQueueTest, ShutdownWritesQueuedRecordsAndEndsTheLogThread) {
     });
     zfw::Logger::shutdown();
     releaser.join();
-    EXPECT_EQ(threadCount(), 2) << "the log thread outlived shutdown";
+    const std::set<std::string> after = threadIds();
+    EXPECT_TRUE(std::any_of(started.begin(), started.end(), [&after](const std::string& id) {
+        return after.count(id) == 0;
+    })) << "the log thread outlived shutdown";
 
     std::vector<std::string> texts = containing(held.texts(), "test.shutdown");
     ASSERT_EQ(texts.size(), static_cast<size_t>(kRecords));
