@@ -28,6 +28,10 @@ class ChildProcess {
     int m_status = -1;
 };
 
+// Waits for the process `pid`: its exit status, or 128 + the signal that ended it; -1 when
+// it cannot be waited for.
+int waitExit(pid_t pid);
+
 // Blocking transfers that retry until `n` bytes moved; false on error or end of file.
 bool writeFully(int fd, const void* data, size_t n);
 bool readFully(int fd, void* data, size_t n);
