@@ -16,6 +16,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "support/wait.h"
 #include "support/hermetic.h"
 #include "support/syslog_sink.h"
 #include "support/zfw_config.h"
@@ -25,15 +26,7 @@
 
 namespace {
 
-bool eventually(const std::function<bool()>& cond) {
-    for (int i = 0; i < 20000000; ++i) {
-        if (cond()) {
-            return true;
-        }
-        sched_yield();
-    }
-    return cond();
-}
+using kvtest::eventually;
 
 // Appends its name to a shared journal when run; optionally unique under its key.
 class Step : public zfw::QueueAble {
