@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/files.h"
 #include "zfw/file_util.h"
 #include "zfw/properties.h"
 
@@ -23,45 +24,10 @@ namespace {
 using zfw::Properties;
 using zfw::StringList;
 
-class TempDir {
-  public:
-    TempDir() {
-        char templ[] = "/tmp/kvsaveXXXXXX";
-        const char* made = mkdtemp(templ);
-        m_path = made != nullptr ? made : "";
-        // Readable by the unprivileged user of the unwritable-directory case.
-        chmod(m_path.c_str(), 0755);
-    }
-    ~TempDir() {
-        if (!m_path.empty()) {
-            const std::string command = "rm -rf '" + m_path + "'";
-            EXPECT_EQ(system(command.c_str()), 0);
-        }
-    }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-    const std::string& path() const { return m_path; }
-
-  private:
-    std::string m_path;
-};
-
-void writeFile(const std::string& name, const std::string& content) {
-    std::ofstream out(name, std::ios::binary | std::ios::trunc);
-    out << content;
-    out.close();
-    ASSERT_TRUE(out.good()) << name;
-}
-
-std::string readFile(const std::string& name) {
-    std::string content;
-    EXPECT_TRUE(zfw::readRegularFile(name, content)) << name;
-    return content;
-}
-
-bool present(const std::string& name) {
-    struct stat st;
-    return lstat(name.c_str(), &st) == 0;
-}
+using kvtest::present;
+using kvtest::readFile;
+using kvtest::TempDir;
+using kvtest::writeFile;
 
 // A store holding exactly what the text says, read by the real parser.
 std::unique_ptr<Properties> storeOf(const std::string& text, bool expand = true) {
@@ -239,9 +205,7 @@ TEST(PropertiesSave, UnchangedStoreKeepsTheFile) {
               "d: 4\n");
     EXPECT_FALSE(present(path + ".lock"));
     EXPECT_FALSE(present(path + ".new"));
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0644u);
+    EXPECT_EQ(kvtest::modeOf(path), 0644u);
 
     writeFile(path, "a=1\nb=2\n");
     Properties again(true, false);

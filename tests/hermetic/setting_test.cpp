@@ -18,11 +18,11 @@
 
 namespace {
 
-using propstest::modeOf;
-using propstest::present;
-using propstest::readFile;
-using propstest::thrownText;
-using propstest::writeFile;
+using kvtest::modeOf;
+using kvtest::present;
+using kvtest::readFile;
+using kvtest::thrownText;
+using kvtest::writeFile;
 
 const std::string kDir = "/var/zantormx/";
 
