@@ -1,5 +1,6 @@
 # kvstop and the session run against the simulated daemon, each test in namespaces of its own.
 add_dependencies(kvstop_test kvstop kvdsim)
+add_dependencies(kvstop_log_test kvstop kvdsim)
 add_dependencies(lrpc2client_test kvdsim)
 
 # The case that waits out kvstop's fixed 60-second ping lives in a binary of its own so
