@@ -272,51 +272,37 @@ TEST(KvstopConfiguration, RelativeDataDirectoryIsNotReachable) {
     EXPECT_EQ(daemon.log(), std::vector<std::string>{});
 }
 
-struct ArgumentsCase {
-    std::vector<std::string> argv;
-    std::string cwd;
-};
-
-// Refusals come before anything else: no connection is attempted.
-TEST(KvstopRefusals, NonRootSeesOnlyTheRefusal) {
+// Refusals come before anything else: no connection is attempted, nothing is logged.
+TEST(KvstopRefusals, NonRootOrArgumentsSeeOnlyTheRefusal) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
     kvtest::Kvdsim daemon(dir, {"--exit-on-stop"});
     ASSERT_TRUE(daemon.ready());
-    for (const std::vector<std::string>& argv :
-         {std::vector<std::string>{kKvstop}, {kKvstop, "now"}, {kKvstop, "-h", "x"}}) {
-        SCOPED_TRACE(argv.size());
-        const kvtest::ProgramResult r = kvtest::runProgram(argv, true);
-        EXPECT_EQ(r.status, 2);
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.err, kNotRoot);
-        EXPECT_EQ(records(sink), std::vector<std::string>{});
-    }
-    daemon.terminate();
-    EXPECT_EQ(daemon.log(), std::vector<std::string>{});
-}
-
-TEST(KvstopRefusals, RootWithArgumentsSeesTheUsage) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::SyslogSink sink;
-    kvtest::TempDir dir;
-    ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
-    kvtest::Kvdsim daemon(dir, {"--exit-on-stop"});
-    ASSERT_TRUE(daemon.ready());
-    const std::vector<ArgumentsCase> cases = {
-        {{kKvstop, "now"}, ""},
-        {{kKvstop, ""}, ""},
-        {{"./kvstop", "-h", "--help"}, kBinDir},
+    const auto usage = [](const std::string& name) {
+        return "Usage: " + name + "\n  - Note that you must be root to stop the Kavelo daemon\n";
     };
-    for (const ArgumentsCase& c : cases) {
-        SCOPED_TRACE(c.argv[0]);
-        const kvtest::ProgramResult r = kvtest::runProgram(c.argv, false, c.cwd);
+    const struct {
+        std::vector<std::string> argv;
+        bool unprivileged;
+        std::string cwd;
+        std::string err;
+    } cases[] = {
+        {{kKvstop}, true, "", kNotRoot},
+        {{kKvstop, "now"}, true, "", kNotRoot},
+        {{kKvstop, "-h", "x"}, true, "", kNotRoot},
+        {{kKvstop, "now"}, false, "", usage(kKvstop)},
+        {{kKvstop, ""}, false, "", usage(kKvstop)},
+        {{"./kvstop", "-h", "--help"}, false, kBinDir, usage("./kvstop")},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.argv[0] + " with " + std::to_string(c.argv.size() - 1) + " arguments" +
+                     (c.unprivileged ? ", not root" : ""));
+        const kvtest::ProgramResult r = kvtest::runProgram(c.argv, c.unprivileged, c.cwd);
         EXPECT_EQ(r.status, 2);
         EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.err, "Usage: " + c.argv[0] +
-                             "\n  - Note that you must be root to stop the Kavelo daemon\n");
+        EXPECT_EQ(r.err, c.err);
         EXPECT_EQ(records(sink), std::vector<std::string>{});
     }
     daemon.terminate();

@@ -9,6 +9,7 @@
 #include "lrpc2/status.h"
 #include "lrpc2/table.h"
 #include "support/alloc_hooks.h"
+#include "support/expect_throw.h"
 #include "zfw/exception.h"
 #include "zkvfw/msgwrap.h"
 
@@ -30,19 +31,7 @@ std::vector<uint8_t> fields(Lrpc2Message& msg) {
     return std::vector<uint8_t>(data + LRPC2_HEADER_LEN + 2, data + length);
 }
 
-// Runs `op` and checks that it throws exactly `E` with `text` and result code `rc`.
-template <typename E>
-void expectThrow(const std::function<void()>& op, const std::string& text, int32_t rc) {
-    try {
-        op();
-        ADD_FAILURE() << "no exception, expected: " << text;
-    } catch (const E& e) {
-        EXPECT_STREQ(e.what(), text.c_str());
-        EXPECT_EQ(e.rc(), rc) << text;
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "wrong exception type for: " << e.what();
-    }
-}
+using kvtest::expectThrow;
 
 TEST(Lrpc2MessageCreate, UnknownIdOrNoTableThrows) {
     expectThrow<zfw::SystemException>([] { Lrpc2Message m(32, table()); },
