@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/expect_throw.h"
 #include "support/wait.h"
 #include "zfw/exception.h"
 #include "zfw/mutex.h"
@@ -161,13 +162,8 @@ TEST(Mutex, DestroyingAHeldMutexRaises) {
 #endif
     auto* m = new zfw::Mutex();
     m->lock();
-    try {
-        delete m;
-        ADD_FAILURE() << "no exception";
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(e.rc(), EBUSY);
-        EXPECT_EQ(std::string(e.what()), std::string("OS call failed: ") + strerror(EBUSY));
-    }
+    kvtest::expectThrow<zfw::SystemException>(
+        [m] { delete m; }, std::string("OS call failed: ") + strerror(EBUSY), EBUSY);
 }
 
 TEST(MaxWaitMutex, RefusesContendersBeyondTheLimit) {
@@ -182,13 +178,8 @@ TEST(MaxWaitMutex, RefusesContendersBeyondTheLimit) {
     }
     ASSERT_TRUE(eventually([&] { return m.waiting() == 2; }));
     onOtherThread([&] {
-        try {
-            m.lock();
-            ADD_FAILURE() << "third contender was let in";
-        } catch (const zfw::TryAgainException& e) {
-            EXPECT_EQ(e.rc(), 11);
-            EXPECT_STREQ(e.what(), "too many clients waiting for mutex (configure more threads?)");
-        }
+        kvtest::expectThrow<zfw::TryAgainException>(
+            [&] { m.lock(); }, "too many clients waiting for mutex (configure more threads?)", 11);
         EXPECT_THROW(m.trylock(), zfw::TryAgainException);
     });
     EXPECT_EQ(m.waiting(), 2);

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "support/expect_throw.h"
 #include "support/child.h"
 #include "support/files.h"
 #include "zfw/exception.h"
@@ -289,13 +290,9 @@ TEST_F(PathFiles, DirectoryIterator) {
     EXPECT_EQ(thrownText<zfw::NotFoundException>(
                   [&] { zfw::directory_iterator it{path(at("missing"))}; }),
               at("missing") + ": No such directory");
-    try {
-        zfw::directory_iterator it{path(at("one"))};
-        ADD_FAILURE() << "a file opened as a directory";
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(std::string(e.what()), at("one") + ": Failed to open");
-        EXPECT_EQ(e.rc(), ENOTDIR);
-    }
+    kvtest::expectThrow<zfw::SystemException>(
+        [&] { zfw::directory_iterator it{path(at("one"))}; }, at("one") + ": Failed to open",
+        ENOTDIR);
 }
 
 TEST_F(PathFiles, MakeTempFile) {
@@ -333,13 +330,9 @@ TEST_F(PathFiles, MakeTempFile) {
     EXPECT_EQ(child.wait(), 0);
 
     std::string missing = at("nodir/tmpXXXXXX");
-    try {
-        zfw::makeTempFile(missing);
-        ADD_FAILURE() << "no exception";
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(std::string(e.what()), std::string("OS call failed: ") + strerror(ENOENT));
-        EXPECT_EQ(e.rc(), -1);
-    }
+    kvtest::expectThrow<zfw::SystemException>([&] { zfw::makeTempFile(missing); },
+                                              std::string("OS call failed: ") + strerror(ENOENT),
+                                              -1);
     std::string noXs = at("plain");
     EXPECT_THROW(zfw::makeTempFile(noXs), zfw::SystemException);
 }
@@ -406,13 +399,8 @@ TEST_F(PathFiles, OpenDirectory) {
         }
     }
     EXPECT_EQ(names, (std::set<std::string>{".", "..", "x"}));
-    try {
-        zfw::OpenDirectory dir(at("missing"));
-        ADD_FAILURE() << "no exception";
-    } catch (const zfw::NotFoundException& e) {
-        EXPECT_EQ(std::string(e.what()), "cannot open dir");
-        EXPECT_EQ(e.rc(), ENOENT);
-    }
+    kvtest::expectThrow<zfw::NotFoundException>(
+        [&] { zfw::OpenDirectory dir(at("missing")); }, "cannot open dir", ENOENT);
 }
 
 }  // namespace

@@ -66,6 +66,21 @@ zfw::RunQueue::Item call(std::function<void()> body) {
     return boost::make_shared<Call>(std::move(body));
 }
 
+// Threads that run the queue until they are interrupted; `left` counts those that left.
+std::vector<std::thread> startConsumers(zfw::RunQueue& queue, int count, std::atomic<int>& left) {
+    std::vector<std::thread> consumers;
+    for (int i = 0; i < count; ++i) {
+        consumers.emplace_back([&queue, &left] {
+            try {
+                queue.run(0);
+            } catch (const zfw::QueueInterrupted&) {
+                ++left;
+            }
+        });
+    }
+    return consumers;
+}
+
 class RunQueueTest : public ::testing::Test {
   protected:
     zfw::RunQueue::Item step(const std::string& name, bool unique = false,
@@ -195,16 +210,7 @@ TEST_F(RunQueueTest, EachInterruptStopsOneOfSeveralConsumers) {
     zfw::RunQueue queue(0, true);
     constexpr int kConsumers = 3;
     std::atomic<int> left{0};
-    std::vector<std::thread> consumers;
-    for (int i = 0; i < kConsumers; ++i) {
-        consumers.emplace_back([&] {
-            try {
-                queue.run(0);
-            } catch (const zfw::QueueInterrupted&) {
-                ++left;
-            }
-        });
-    }
+    std::vector<std::thread> consumers = startConsumers(queue, kConsumers, left);
     for (int round = 1; round <= kConsumers; ++round) {
         queue.interrupt();
         ASSERT_TRUE(eventually([&] { return left.load() >= round; }));
@@ -264,17 +270,7 @@ TEST_F(RunQueueTest, ProducersAndConsumersUnderContention) {
     zfw::RunQueue queue(16, true);
     std::vector<std::atomic<int>> runs(kProducers * kItems);
     std::atomic<int> left{0};
-
-    std::vector<std::thread> consumers;
-    for (int i = 0; i < kConsumers; ++i) {
-        consumers.emplace_back([&] {
-            try {
-                queue.run(0);
-            } catch (const zfw::QueueInterrupted&) {
-                ++left;
-            }
-        });
-    }
+    std::vector<std::thread> consumers = startConsumers(queue, kConsumers, left);
     std::vector<std::thread> producers;
     for (int p = 0; p < kProducers; ++p) {
         producers.emplace_back([&, p] {
