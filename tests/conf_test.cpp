@@ -320,16 +320,13 @@ TEST(Conf, UnreadableFileAsAnotherUser) {
     TempDir dir;
     const std::string secret = dir.write("secret.conf", "a=1\n");
     ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
-    kvtest::ChildProcess child([&secret] {
-        if (setgid(65534) != 0 || setuid(65534) != 0) {
-            return 99;
-        }
-        int32_t rc = -1;
-        conf_file* f = conf_open(secret.c_str(), nullptr, &rc);
+    const int rc = kvtest::runAsNobody([&secret] {
+        int32_t status = -1;
+        conf_file* f = conf_open(secret.c_str(), nullptr, &status);
         conf_free(f);
-        return f == nullptr ? static_cast<int>(rc - 300) : 98;
+        return f == nullptr ? static_cast<int>(status - 300) : 98;
     });
-    EXPECT_EQ(child.wait(), CONF_ERR_ACCESS - 300);
+    EXPECT_EQ(rc, CONF_ERR_ACCESS - 300);
 }
 
 TEST(Conf, PrefixLists) {

@@ -1,6 +1,5 @@
 // Paths, directory iteration and file utilities, on real files in a temporary directory.
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,12 +28,6 @@ using zfw::path;
 
 std::vector<std::string> dirsOf(const path& p) {
     return std::vector<std::string>(p.dirs().begin(), p.dirs().end());
-}
-
-// In a forked child: become uid/gid 65534 without supplementary groups.
-bool dropToNobody() {
-    return setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
-           setresuid(65534, 65534, 65534) == 0;
 }
 
 using kvtest::present;
@@ -317,17 +310,14 @@ TEST_F(PathFiles, MakeTempFile) {
     // gone again.
     ASSERT_EQ(chmod(m_dir.c_str(), 0777), 0);
     const std::string dir = m_dir;
-    kvtest::ChildProcess child([&dir] {
-        if (!dropToNobody()) {
-            return 10;
-        }
-        std::string bad = dir + "/badXXXXXX";
-        if (zfw::makeTempFile(bad, 0640, 0, 0) != -1) {
-            return 11;
-        }
-        return bad != dir + "/badXXXXXX" && !present(bad) ? 0 : 12;
-    });
-    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(kvtest::runAsNobody([&dir] {
+                  std::string bad = dir + "/badXXXXXX";
+                  if (zfw::makeTempFile(bad, 0640, 0, 0) != -1) {
+                      return 11;
+                  }
+                  return bad != dir + "/badXXXXXX" && !present(bad) ? 0 : 12;
+              }),
+              0);
 
     std::string missing = at("nodir/tmpXXXXXX");
     kvtest::expectThrow<zfw::SystemException>([&] { zfw::makeTempFile(missing); },
@@ -359,23 +349,21 @@ TEST_F(PathFiles, OpenTempFile) {
 
     ASSERT_EQ(chmod(m_dir.c_str(), 0777), 0);
     const std::string dir = m_dir;
-    kvtest::ChildProcess child([&dir] {
-        if (!dropToNobody()) {
-            return 10;
-        }
-        std::string bad = dir + "/badXXXXXX";
-        std::ofstream out3;
-        try {
-            zfw::openTempFile(&bad[0], 0600, 0, 0, out3);
-            return 11;
-        } catch (const zfw::SystemException& e) {
-            if (std::string(e.what()) != std::string("OS call failed: ") + strerror(EPERM)) {
-                return 12;
-            }
-        }
-        return !out3.is_open() && !present(bad) ? 0 : 13;
-    });
-    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(kvtest::runAsNobody([&dir] {
+                  std::string bad = dir + "/badXXXXXX";
+                  std::ofstream out3;
+                  try {
+                      zfw::openTempFile(&bad[0], 0600, 0, 0, out3);
+                      return 11;
+                  } catch (const zfw::SystemException& e) {
+                      if (std::string(e.what()) !=
+                          std::string("OS call failed: ") + strerror(EPERM)) {
+                          return 12;
+                      }
+                  }
+                  return !out3.is_open() && !present(bad) ? 0 : 13;
+              }),
+              0);
 }
 
 TEST_F(PathFiles, FileModeAndSize) {

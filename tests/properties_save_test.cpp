@@ -2,7 +2,6 @@
 // in a private temporary directory, read back by the store's own parser, and real
 // processes competing for the lock.
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -265,14 +264,8 @@ TEST(PropertiesSave, UnwritableDirectoryFailsAsAnotherUser) {
     const std::string path = dir.file("p.conf");
     writeFile(path, "a=1\n");
     ASSERT_EQ(chmod(path.c_str(), 0644), 0);
-    kvtest::ChildProcess child([&path]() {
-        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
-            return 90;
-        }
-        std::unique_ptr<Properties> props = storeOf("a=2\n");
-        return props->save(path) == -1 ? 0 : 1;
-    });
-    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(kvtest::runAsNobody([&path] { return storeOf("a=2\n")->save(path) == -1 ? 0 : 1; }),
+              0);
     EXPECT_EQ(readFile(path), "a=1\n");
     EXPECT_FALSE(present(path + ".lock"));
     EXPECT_FALSE(present(path + ".new"));
