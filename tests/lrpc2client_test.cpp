@@ -8,10 +8,10 @@
 
 #include "lrpc2/status.h"
 #include "lrpc2/table.h"
+#include "support/expect_throw.h"
 #include "support/hermetic.h"
 #include "support/kvdsim.h"
 #include "support/program.h"
-#include "support/expect_throw.h"
 #include "zfw/exception.h"
 #include "zkvfw/lrpc2client.h"
 #include "zkvfw/msgwrap.h"

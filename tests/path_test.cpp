@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "support/expect_throw.h"
 #include "support/child.h"
+#include "support/expect_throw.h"
 #include "support/files.h"
 #include "zfw/exception.h"
 #include "zfw/file_util.h"
@@ -283,9 +283,8 @@ TEST_F(PathFiles, DirectoryIterator) {
     EXPECT_EQ(thrownText<zfw::NotFoundException>(
                   [&] { zfw::directory_iterator it{path(at("missing"))}; }),
               at("missing") + ": No such directory");
-    kvtest::expectThrow<zfw::SystemException>(
-        [&] { zfw::directory_iterator it{path(at("one"))}; }, at("one") + ": Failed to open",
-        ENOTDIR);
+    kvtest::expectThrow<zfw::SystemException>([&] { zfw::directory_iterator it{path(at("one"))}; },
+                                              at("one") + ": Failed to open", ENOTDIR);
 }
 
 TEST_F(PathFiles, MakeTempFile) {
@@ -349,21 +348,21 @@ TEST_F(PathFiles, OpenTempFile) {
 
     ASSERT_EQ(chmod(m_dir.c_str(), 0777), 0);
     const std::string dir = m_dir;
-    EXPECT_EQ(kvtest::runAsNobody([&dir] {
-                  std::string bad = dir + "/badXXXXXX";
-                  std::ofstream out3;
-                  try {
-                      zfw::openTempFile(&bad[0], 0600, 0, 0, out3);
-                      return 11;
-                  } catch (const zfw::SystemException& e) {
-                      if (std::string(e.what()) !=
-                          std::string("OS call failed: ") + strerror(EPERM)) {
-                          return 12;
-                      }
-                  }
-                  return !out3.is_open() && !present(bad) ? 0 : 13;
-              }),
-              0);
+    EXPECT_EQ(
+        kvtest::runAsNobody([&dir] {
+            std::string bad = dir + "/badXXXXXX";
+            std::ofstream out3;
+            try {
+                zfw::openTempFile(&bad[0], 0600, 0, 0, out3);
+                return 11;
+            } catch (const zfw::SystemException& e) {
+                if (std::string(e.what()) != std::string("OS call failed: ") + strerror(EPERM)) {
+                    return 12;
+                }
+            }
+            return !out3.is_open() && !present(bad) ? 0 : 13;
+        }),
+        0);
 }
 
 TEST_F(PathFiles, FileModeAndSize) {
@@ -387,8 +386,8 @@ TEST_F(PathFiles, OpenDirectory) {
         }
     }
     EXPECT_EQ(names, (std::set<std::string>{".", "..", "x"}));
-    kvtest::expectThrow<zfw::NotFoundException>(
-        [&] { zfw::OpenDirectory dir(at("missing")); }, "cannot open dir", ENOENT);
+    kvtest::expectThrow<zfw::NotFoundException>([&] { zfw::OpenDirectory dir(at("missing")); },
+                                                "cannot open dir", ENOENT);
 }
 
 }  // namespace

@@ -16,9 +16,9 @@
 
 #include <boost/make_shared.hpp>
 
-#include "support/wait.h"
 #include "support/hermetic.h"
 #include "support/syslog_sink.h"
+#include "support/wait.h"
 #include "support/zfw_config.h"
 #include "zfw/exception.h"
 #include "zfw/runqueue.h"

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "support/wait.h"
 #include "support/hermetic.h"
 #include "support/syslog_sink.h"
+#include "support/wait.h"
 #include "support/zfw_config.h"
 #include "zfw/exception.h"
 #include "zfw/mutex.h"

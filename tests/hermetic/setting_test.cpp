@@ -203,8 +203,8 @@ TEST_F(SettingTest, ChangeDataDirOnlyBeforeFirstRead) {
     zfw::changeDataDir(kDir);
     writeFile(kDir + "kset.host", "h");
     EXPECT_EQ(zfw::getSetting("host"), "h");
-    kvtest::expectThrow<zfw::AlreadyException>(
-        [] { zfw::changeDataDir("/var/zantormx/other/"); }, "change data dir", -1);
+    kvtest::expectThrow<zfw::AlreadyException>([] { zfw::changeDataDir("/var/zantormx/other/"); },
+                                               "change data dir", -1);
     EXPECT_EQ(zfw::getDataDir(), kDir);
 }
 

@@ -13,7 +13,9 @@
 
 namespace kvtest {
 
-std::string kvdsimPath() { return KVDSIM_PATH; }
+std::string kvdsimPath() {
+    return KVDSIM_PATH;
+}
 
 Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
                const std::vector<std::string>& prefix)
