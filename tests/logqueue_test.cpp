@@ -2,10 +2,13 @@
 // "/dev/log": starting and stopping, records formatted on the logging thread, overflow
 // while syslog blocks (records dropped, the warning in their place, no deadlock), and
 // stopQueue and shutdown writing what is still queued. Every case runs in private namespaces.
+#include <dirent.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,18 +36,18 @@ std::vector<std::string> containing(const std::vector<std::string>& texts,
     return out;
 }
 
-// Threads of this process, from its status file.
-int threadCount() {
-    FILE* status = std::fopen("/proc/self/status", "r");
-    char line[256];
-    int threads = -1;
-    while (status != nullptr && std::fgets(line, sizeof line, status) != nullptr) {
-        std::sscanf(line, "Threads: %d", &threads);
+// The task ids of this process's threads.
+std::set<std::string> threadIds() {
+    std::set<std::string> ids;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (const dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] != '.') {
+                ids.insert(entry->d_name);
+            }
+        }
+        closedir(dir);
     }
-    if (status != nullptr) {
-        std::fclose(status);
-    }
-    return threads;
+    return ids;
 }
 
 class LogQueueTest : public ::testing::Test {
@@ -193,7 +196,16 @@ TEST_F(LogQueueTest, StoppingWritesEveryPendingRecord) {
         SCOPED_TRACE(shutdown ? "Logger::shutdown" : "Logger::stopQueue");
         kvtest::SyslogSink held(false);
         kvtest::useProperties("");
+        const std::set<std::string> before = threadIds();
         zfw::Logger::startQueue(m_reporter);
+        // The log thread, and any helper thread the runtime starts along with the first one.
+        std::set<std::string> started;
+        for (const std::string& id : threadIds()) {
+            if (before.count(id) == 0) {
+                started.insert(id);
+            }
+        }
+        ASSERT_FALSE(started.empty());
         const auto logger = zfw::Logger::get("test.pending");
         std::vector<std::string> expected;
         for (int i = 0; i < 16; ++i) {
@@ -210,8 +222,10 @@ TEST_F(LogQueueTest, StoppingWritesEveryPendingRecord) {
             zfw::Logger::stopQueue(m_reporter);
         }
         releaser.join();
-        // This thread and the sink's reader.
-        EXPECT_EQ(threadCount(), 2) << "the log thread outlived the stop";
+        const std::set<std::string> after = threadIds();
+        EXPECT_TRUE(std::any_of(started.begin(), started.end(), [&after](const std::string& id) {
+            return after.count(id) == 0;
+        })) << "the log thread outlived the stop";
         EXPECT_EQ(containing(held.takeTexts(), "test.pending"), expected);
     }
 }
