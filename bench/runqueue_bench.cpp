@@ -6,6 +6,10 @@
 #include <benchmark/benchmark.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
 
 #include <boost/make_shared.hpp>
 
@@ -64,6 +68,68 @@ void BM_RunQueueOneProducerOneConsumer(benchmark::State& state) {
         benchmark::Counter(static_cast<double>(refused) / static_cast<double>(added));
 }
 BENCHMARK(BM_RunQueueOneProducerOneConsumer)->Arg(256)->Arg(4096)->UseRealTime();
+
+// What a user would otherwise write: a bounded std::deque under a std::mutex with two
+// condition variables, the producer blocking while it is full, the consumer thread running
+// the same items.
+class StdRunQueue {
+  public:
+    explicit StdRunQueue(size_t bound) : m_bound(bound) {}
+
+    void add(zfw::RunQueue::Item item) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_notFull.wait(lock, [this] { return m_items.size() < m_bound; });
+        m_items.push_back(std::move(item));
+        m_notEmpty.notify_one();
+    }
+
+    // Runs items until stop() and an empty queue.
+    void run() {
+        for (;;) {
+            zfw::RunQueue::Item item;
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_notEmpty.wait(lock, [this] { return !m_items.empty() || m_stopped; });
+                if (m_items.empty()) {
+                    return;
+                }
+                item = std::move(m_items.front());
+                m_items.pop_front();
+                m_notFull.notify_one();
+            }
+            item->run();
+        }
+    }
+
+    void stop() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopped = true;
+        m_notEmpty.notify_one();
+    }
+
+  private:
+    const size_t m_bound;
+    std::mutex m_mutex;
+    std::condition_variable m_notEmpty;
+    std::condition_variable m_notFull;
+    std::deque<zfw::RunQueue::Item> m_items;
+    bool m_stopped = false;
+};
+
+void BM_StdQueueOneProducerOneConsumer(benchmark::State& state) {
+    StdRunQueue queue(static_cast<size_t>(state.range(0)));
+    std::thread consumer([&queue] { queue.run(); });
+    std::atomic<long> done{0};
+    long added = 0;
+    for (auto _ : state) {
+        queue.add(boost::make_shared<Counted>(done));
+        ++added;
+    }
+    queue.stop();
+    consumer.join();
+    state.SetItemsProcessed(added);
+}
+BENCHMARK(BM_StdQueueOneProducerOneConsumer)->Arg(256)->Arg(4096)->UseRealTime();
 
 }  // namespace
 

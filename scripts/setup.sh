@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need; safe to run any number of times.
+# Usage: scripts/setup.sh [--bench]   (--bench: also what only scripts/bench.sh needs)
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libboost-dev libgtest-dev
           libgmock-dev libbenchmark-dev util-linux valgrind)
+if [ "${1:-}" = --bench ]; then
+  # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table.
+  packages+=(libprotobuf-dev protobuf-compiler python3)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

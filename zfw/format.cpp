@@ -24,6 +24,14 @@ class Sink {
         ++m_count;
     }
 
+    void append(const char* text, size_t n) {
+        if (m_count < m_size) {
+            const size_t room = m_size - m_count;
+            memcpy(m_buf + m_count, text, n < room ? n : room);
+        }
+        m_count += n;
+    }
+
     // Writes only what still fits: huge widths cost nothing past the buffer.
     void repeat(char c, int64_t n) {
         if (n <= 0) {
@@ -119,17 +127,52 @@ char signFor(bool negative, unsigned flags) {
     return (flags & SPACE) ? ' ' : '\0';
 }
 
+// Digits of `magnitude`, least significant first, stored backwards from the end of
+// `digits` (kMaxIntegerDigits bytes) so that they can be copied out in order. The base is a
+// constant so that the division compiles to a multiplication.
+template <unsigned Base>
+int integerDigits(uint64_t magnitude, const char* digitSet, char* digits) {
+    char* p = digits + kMaxIntegerDigits;
+    do {
+        *--p = digitSet[magnitude % Base];
+        magnitude /= Base;
+    } while (magnitude != 0 && p != digits);
+    return static_cast<int>(digits + kMaxIntegerDigits - p);
+}
+
+// Base 10 two digits per division: the same digits in half the divisions.
+template <>
+int integerDigits<10>(uint64_t magnitude, const char*, char* digits) {
+    static const char kPairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
+    char* p = digits + kMaxIntegerDigits;
+    while (magnitude >= 100) {
+        const unsigned pair = static_cast<unsigned>(magnitude % 100) * 2;
+        magnitude /= 100;
+        *--p = kPairs[pair + 1];
+        *--p = kPairs[pair];
+    }
+    if (magnitude >= 10) {
+        const unsigned pair = static_cast<unsigned>(magnitude) * 2;
+        *--p = kPairs[pair + 1];
+        *--p = kPairs[pair];
+    } else {
+        *--p = static_cast<char>('0' + magnitude);
+    }
+    return static_cast<int>(digits + kMaxIntegerDigits - p);
+}
+
 void formatInteger(Sink& out, uint64_t magnitude, bool negative, unsigned base,
                    const Conversion& c) {
     const char* digitSet = (c.flags & UPPER) ? "0123456789ABCDEF" : "0123456789abcdef";
     const char sign = (c.flags & UNSIGNED) ? '\0' : signFor(negative, c.flags);
 
     char digits[kMaxIntegerDigits];
-    int count = 0;
-    do {
-        digits[count++] = digitSet[magnitude % base];
-        magnitude /= base;
-    } while (magnitude != 0 && count < kMaxIntegerDigits);
+    const int count = base == 10   ? integerDigits<10>(magnitude, digitSet, digits)
+                      : base == 16 ? integerDigits<16>(magnitude, digitSet, digits)
+                                   : integerDigits<8>(magnitude, digitSet, digits);
 
     const int64_t precision = atLeastZero(c.precision);
     int64_t zeros = atLeastZero(precision - count);
@@ -147,9 +190,7 @@ void formatInteger(Sink& out, uint64_t magnitude, bool negative, unsigned base,
         out.put(sign);
     }
     out.repeat('0', zeros);
-    while (count > 0) {
-        out.put(digits[--count]);
-    }
+    out.append(digits + kMaxIntegerDigits - count, static_cast<size_t>(count));
     if (c.flags & LEFT) {
         out.repeat(' ', spaces);
     }
@@ -181,9 +222,9 @@ void formatString(Sink& out, const char* text, const Conversion& c) {
         out.repeat(' ', lead);
         printed += lead;
     }
-    for (int64_t i = 0; i < length && printed < precision; ++i, ++printed) {
-        out.put(text[i]);
-    }
+    const int64_t shown = atLeastZero(length < precision - printed ? length : precision - printed);
+    out.append(text, static_cast<size_t>(shown));
+    printed += shown;
     if (c.flags & LEFT) {
         const int64_t room = precision - printed;
         out.repeat(' ', padding < room ? padding : room);
@@ -412,10 +453,15 @@ size_t formatInto(char* buf, size_t size, const char* format, va_list callerArgs
             case State::TEXT:
                 if (ch == '%') {
                     state = State::FLAGS;
+                    ch = *format++;
                 } else {
-                    out.put(ch);
+                    // The whole run of plain text up to the next conversion at once.
+                    const char* run = format - 1;
+                    const char* end = strchrnul(format, '%');
+                    out.append(run, static_cast<size_t>(end - run));
+                    format = end;
+                    ch = *format++;
                 }
-                ch = *format++;
                 break;
             case State::FLAGS:
                 switch (ch) {
