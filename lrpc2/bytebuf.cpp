@@ -8,21 +8,21 @@ namespace {
 
 constexpr uint32_t kDefaultCapacity = 512;
 
-}  // namespace
-
-extern "C" {
-
-void bytebuf_init(lrpc2_bytebuf* b, uint32_t capacity) {
-    if (b == nullptr) {
-        return;
+// A new block of `size` bytes holding the written bytes; the old block is zeroed over them
+// and freed. realloc would free the old block untouched, secrets included.
+uint8_t* move_wiped(const lrpc2_bytebuf* b, uint64_t size) {
+    uint8_t* block = static_cast<uint8_t*>(malloc(size));
+    if (block == nullptr) {
+        return nullptr;
     }
-    b->start = nullptr;
-    b->pos = nullptr;
-    b->end = nullptr;
-    b->capacity = capacity != 0 ? capacity : kDefaultCapacity;
+    const uint32_t used = bytebuf_length(b);
+    memcpy(block, b->start, used);
+    explicit_bzero(b->start, used);
+    free(b->start);
+    return block;
 }
 
-int bytebuf_reserve(lrpc2_bytebuf* b, uint32_t n) {
+int reserve(lrpc2_bytebuf* b, uint32_t n, bool wipe) {
     if (b == nullptr) {
         return 0;
     }
@@ -51,7 +51,7 @@ int bytebuf_reserve(lrpc2_bytebuf* b, uint32_t n) {
         return 0;
     }
     const ptrdiff_t used = b->pos - b->start;
-    uint8_t* block = static_cast<uint8_t*>(realloc(b->start, size));
+    uint8_t* block = wipe ? move_wiped(b, size) : static_cast<uint8_t*>(realloc(b->start, size));
     if (block == nullptr) {
         return 0;
     }
@@ -60,6 +60,46 @@ int bytebuf_reserve(lrpc2_bytebuf* b, uint32_t n) {
     b->end = block + size;
     b->capacity = static_cast<uint32_t>(size);
     return 1;
+}
+
+uint8_t* detach(lrpc2_bytebuf* b, bool wipe) {
+    if (b == nullptr || b->start == nullptr) {
+        return nullptr;
+    }
+    uint8_t* block = b->start;
+    const uint32_t length = bytebuf_length(b);
+    // realloc to 0 bytes may free the block, so an empty buffer keeps its allocation.
+    if (length != 0) {
+        uint8_t* shrunk =
+            wipe ? move_wiped(b, length) : static_cast<uint8_t*>(realloc(block, length));
+        if (shrunk != nullptr) {
+            block = shrunk;
+        }
+    }
+    bytebuf_init(b, b->capacity);
+    return block;
+}
+
+}  // namespace
+
+extern "C" {
+
+void bytebuf_init(lrpc2_bytebuf* b, uint32_t capacity) {
+    if (b == nullptr) {
+        return;
+    }
+    b->start = nullptr;
+    b->pos = nullptr;
+    b->end = nullptr;
+    b->capacity = capacity != 0 ? capacity : kDefaultCapacity;
+}
+
+int bytebuf_reserve(lrpc2_bytebuf* b, uint32_t n) {
+    return reserve(b, n, false);
+}
+
+int bytebuf_reserve_wipe(lrpc2_bytebuf* b, uint32_t n, int wipe) {
+    return reserve(b, n, wipe != 0);
 }
 
 lrpc2_bytebuf* bytebuf_append(lrpc2_bytebuf* b, uint32_t n, const void* data) {
@@ -114,20 +154,11 @@ uint32_t bytebuf_length(const lrpc2_bytebuf* b) {
 }
 
 uint8_t* bytebuf_detach(lrpc2_bytebuf* b) {
-    if (b == nullptr || b->start == nullptr) {
-        return nullptr;
-    }
-    uint8_t* block = b->start;
-    const uint32_t length = bytebuf_length(b);
-    // realloc to 0 bytes may free the block, so an empty buffer keeps its allocation.
-    if (length != 0) {
-        uint8_t* shrunk = static_cast<uint8_t*>(realloc(block, length));
-        if (shrunk != nullptr) {
-            block = shrunk;
-        }
-    }
-    bytebuf_init(b, b->capacity);
-    return block;
+    return detach(b, false);
+}
+
+uint8_t* bytebuf_detach_wipe(lrpc2_bytebuf* b, int wipe) {
+    return detach(b, wipe != 0);
 }
 
 uint8_t* bytebuf_data(const lrpc2_bytebuf* b) {

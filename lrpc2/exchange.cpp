@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "lrpc2/status.h"
+#include "msg_internal.h"
 
 namespace {
 
@@ -129,7 +130,7 @@ struct Dialogue {
     ~Dialogue() {
         lrpc2_msg_free(challenge);
         wipe_msg_free(answer);
-        wipe_msg_free(response);
+        lrpc2_msg_free(response);
         wipe_string_free(path1);
         wipe_string_free(path2);
         lrpc2_wipe_free(data1, size1);
@@ -159,6 +160,10 @@ struct Dialogue {
         }
         response =
             lrpc2_msg_create(LRPC2_ID_AUTH_RESPONSE, 1, conn->table, LRPC2_HEADER_LEN, nullptr);
+        if (response != nullptr) {
+            // It carries the proof contents: wiped as it grows, if a put fails, and when freed.
+            lrpc2_msg_set_secure(response);
+        }
         if (response == nullptr || lrpc2_put_blob(response, data1, size1) != 0 ||
             lrpc2_put_blob(response, data2, size2) != 0 || lrpc2_msg_complete(response) != 0) {
             return fail(status, LRPC2_ERR_AUTH);

@@ -50,14 +50,14 @@ lrpc2_msg* lrpc2_msg_create(uint32_t id, uint32_t /*reserved*/, const lrpc2_msg_
     bytebuf_init(buf, 0);
     // The header stays zero until the exchange stamps magic and length in place.
     const uint16_t id16 = static_cast<uint16_t>(id);
-    if (!bytebuf_reserve(buf, header_len)) {
+    if (!bytebuf_reserve_wipe(buf, header_len, lrpc2_msg_secure(msg))) {
         lrpc2_msg_free(msg);
         set_status(status, LRPC2_MSG_NOMEM);
         return nullptr;
     }
     memset(buf->pos, 0, header_len);
     buf->pos += header_len;
-    if (bytebuf_append(buf, sizeof id16, &id16) == nullptr) {
+    if (!lrpc2_msg_append(msg, sizeof id16, &id16)) {
         lrpc2_msg_free(msg);
         set_status(status, LRPC2_MSG_NOMEM);
         return nullptr;
@@ -72,12 +72,12 @@ int32_t lrpc2_msg_complete(lrpc2_msg* msg) {
         return rc;
     }
     lrpc2_msg_close_set(msg);
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
-    if (bytebuf_append_byte(buf, LRPC2_T_END) == nullptr) {
+    if (!lrpc2_msg_append_byte(msg, LRPC2_T_END)) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
     }
+    lrpc2_bytebuf* buf = &msg->u.build.buf;
     const uint32_t length = bytebuf_length(buf);
-    uint8_t* data = bytebuf_detach(buf);
+    uint8_t* data = bytebuf_detach_wipe(buf, lrpc2_msg_secure(msg));
     make_complete(msg, data, length);
     return 0;
 }
@@ -116,7 +116,7 @@ void lrpc2_msg_free(lrpc2_msg* msg) {
     if (msg == nullptr) {
         return;
     }
-    const int secure = (msg->flags & LRPC2_MSGF_SECURE) != 0;
+    const int secure = lrpc2_msg_secure(msg);
     if (msg->state == LRPC2_STATE_COMPLETE) {
         if (secure) {
             explicit_bzero(msg->u.done.data,

@@ -29,10 +29,6 @@ int32_t finish_get(lrpc2_msg* msg, const lrpc2_reader& r) {
     return 0;
 }
 
-bool secure(const lrpc2_msg* msg) {
-    return (msg->flags & LRPC2_MSGF_SECURE) != 0;
-}
-
 // A length-prefixed string: a zero-terminated copy, or null for the null string.
 int32_t read_string(lrpc2_reader* r, char** out) {
     uint32_t n = 0;
@@ -177,7 +173,7 @@ int32_t lrpc2_get_string_set(lrpc2_msg* msg, char*** texts) {
             rc = empty_text(&array[i]);
         }
         if (rc != 0) {
-            lrpc2_free_string_set(array, secure(msg));
+            lrpc2_free_string_set(array, lrpc2_msg_secure(msg));
             return rc;
         }
     }
@@ -210,7 +206,7 @@ int32_t lrpc2_get_kv_set(lrpc2_msg* msg, lrpc2_kv** pairs) {
         }
     }
     if (rc != 0) {
-        lrpc2_free_kv_set(array, secure(msg));
+        lrpc2_free_kv_set(array, lrpc2_msg_secure(msg));
         return rc;
     }
     *pairs = array;

@@ -69,6 +69,28 @@ struct lrpc2_reader {
     }
 };
 
+inline bool lrpc2_msg_secure(const lrpc2_msg* msg) {
+    return (msg->flags & LRPC2_MSGF_SECURE) != 0;
+}
+
+/* Wipes a message like a secure one whatever its id: for messages that carry secrets of the
+ * library's own (the proof contents). */
+inline void lrpc2_msg_set_secure(lrpc2_msg* msg) {
+    msg->flags |= LRPC2_MSGF_SECURE;
+}
+
+/* Appends n bytes (none for null data) to a message under construction. A secure message's
+ * buffer grows with its old block wiped; the append then finds the room reserved. */
+inline bool lrpc2_msg_append(lrpc2_msg* msg, uint32_t n, const void* data) {
+    lrpc2_bytebuf* buf = &msg->u.build.buf;
+    return data == nullptr ||
+           (bytebuf_reserve_wipe(buf, n, lrpc2_msg_secure(msg)) && bytebuf_append(buf, n, data));
+}
+
+inline bool lrpc2_msg_append_byte(lrpc2_msg* msg, uint8_t byte) {
+    return lrpc2_msg_append(msg, 1, &byte);
+}
+
 /* Status of a put-style operation before it touches the message: 0 when it may go on. */
 int32_t lrpc2_msg_check_building(const lrpc2_msg* msg);
 

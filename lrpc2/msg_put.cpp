@@ -5,22 +5,22 @@
 
 namespace {
 
-bool append_u32(lrpc2_bytebuf* buf, uint32_t v) {
-    return bytebuf_append(buf, 4, &v) != nullptr;
+bool append_u32(lrpc2_msg* msg, uint32_t v) {
+    return lrpc2_msg_append(msg, 4, &v);
 }
 
 // A length and the bytes, or the null length alone for a null text.
-bool append_text(lrpc2_bytebuf* buf, const char* text) {
+bool append_text(lrpc2_msg* msg, const char* text) {
     if (text == nullptr) {
-        return append_u32(buf, LRPC2_NULL_LEN);
+        return append_u32(msg, LRPC2_NULL_LEN);
     }
     const size_t n = strlen(text);
     // The null length cannot double as a real one.
     if (n >= LRPC2_NULL_LEN) {
         return false;
     }
-    return append_u32(buf, static_cast<uint32_t>(n)) &&
-           bytebuf_append(buf, static_cast<uint32_t>(n), text) != nullptr;
+    return append_u32(msg, static_cast<uint32_t>(n)) &&
+           lrpc2_msg_append(msg, static_cast<uint32_t>(n), text);
 }
 
 // Checks the message and closes an open set; 0 when the field may be appended.
@@ -37,8 +37,7 @@ int32_t put_fixed(lrpc2_msg* msg, uint8_t tag, const void* value, uint32_t n) {
     if (rc != 0) {
         return rc;
     }
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
-    if (bytebuf_append_byte(buf, tag) == nullptr || bytebuf_append(buf, n, value) == nullptr) {
+    if (!lrpc2_msg_append_byte(msg, tag) || !lrpc2_msg_append(msg, n, value)) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
     }
     return 0;
@@ -49,8 +48,7 @@ int32_t put_text(lrpc2_msg* msg, uint8_t tag, const char* text) {
     if (rc != 0) {
         return rc;
     }
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
-    if (bytebuf_append_byte(buf, tag) == nullptr || !append_text(buf, text)) {
+    if (!lrpc2_msg_append_byte(msg, tag) || !append_text(msg, text)) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
     }
     return 0;
@@ -61,14 +59,13 @@ int32_t begin_set(lrpc2_msg* msg, uint8_t tag, uint8_t kind) {
     if (rc != 0) {
         return rc;
     }
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
-    if (bytebuf_append_byte(buf, tag) == nullptr) {
+    if (!lrpc2_msg_append_byte(msg, tag)) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
     }
     msg->u.build.open_set = kind;
     msg->u.build.set_count = 0;
-    msg->u.build.count_pos = bytebuf_length(buf);
-    if (!append_u32(buf, 0)) {
+    msg->u.build.count_pos = bytebuf_length(&msg->u.build.buf);
+    if (!append_u32(msg, 0)) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
     }
     return 0;
@@ -76,9 +73,8 @@ int32_t begin_set(lrpc2_msg* msg, uint8_t tag, uint8_t kind) {
 
 // Whole-set puts count their members first; the count field is 32 bits wide.
 int32_t put_count(lrpc2_msg* msg, uint8_t tag, size_t count) {
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
-    if (count > UINT32_MAX || bytebuf_append_byte(buf, tag) == nullptr ||
-        !append_u32(buf, static_cast<uint32_t>(count))) {
+    if (count > UINT32_MAX || !lrpc2_msg_append_byte(msg, tag) ||
+        !append_u32(msg, static_cast<uint32_t>(count))) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
     }
     return 0;
@@ -135,11 +131,10 @@ int32_t lrpc2_put_blob(lrpc2_msg* msg, const void* data, uint32_t length) {
     if (rc != 0) {
         return rc;
     }
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
     // A null pointer is the null blob whatever the length says.
     const uint32_t n = data != nullptr ? length : LRPC2_NULL_LEN;
-    if (bytebuf_append_byte(buf, LRPC2_T_BLOB) == nullptr || !append_u32(buf, n) ||
-        bytebuf_append(buf, length, data) == nullptr) {
+    if (!lrpc2_msg_append_byte(msg, LRPC2_T_BLOB) || !append_u32(msg, n) ||
+        !lrpc2_msg_append(msg, length, data)) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
     }
     return 0;
@@ -160,7 +155,7 @@ int32_t lrpc2_put_string_set(lrpc2_msg* msg, const char* const* texts) {
     }
     rc = put_count(msg, LRPC2_T_STRINGSET, count);
     for (size_t i = 0; rc == 0 && i < count; ++i) {
-        if (!append_text(&msg->u.build.buf, texts[i])) {
+        if (!append_text(msg, texts[i])) {
             rc = lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
         }
     }
@@ -180,7 +175,7 @@ int32_t lrpc2_add_string(lrpc2_msg* msg, const char* text) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOSET);
     }
     ++msg->u.build.set_count;
-    if (!append_text(&msg->u.build.buf, text != nullptr ? text : "")) {
+    if (!append_text(msg, text != nullptr ? text : "")) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
     }
     return 0;
@@ -200,9 +195,8 @@ int32_t lrpc2_put_kv_set(lrpc2_msg* msg, const lrpc2_kv_in* pairs) {
         ++count;
     }
     rc = put_count(msg, LRPC2_T_KVSET, count);
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
     for (size_t i = 0; rc == 0 && i < count; ++i) {
-        if (!append_text(buf, pairs[i].key) || !append_text(buf, pairs[i].value)) {
+        if (!append_text(msg, pairs[i].key) || !append_text(msg, pairs[i].value)) {
             rc = lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
         }
     }
@@ -225,8 +219,7 @@ int32_t lrpc2_add_kv(lrpc2_msg* msg, const char* key, const char* value) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_BADTYPE);
     }
     ++msg->u.build.set_count;
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
-    if (!append_text(buf, key) || !append_text(buf, value)) {
+    if (!append_text(msg, key) || !append_text(msg, value)) {
         return lrpc2_msg_fail(msg, LRPC2_MSG_NOMEM);
     }
     return 0;

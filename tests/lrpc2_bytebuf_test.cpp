@@ -143,6 +143,8 @@ TEST(Lrpc2Bytebuf, NullBufferIsIgnored) {
     EXPECT_EQ(bytebuf_overwrite(nullptr, 0, 1, "x"), nullptr);
     EXPECT_EQ(bytebuf_length(nullptr), 0u);
     EXPECT_EQ(bytebuf_detach(nullptr), nullptr);
+    EXPECT_EQ(bytebuf_reserve_wipe(nullptr, 1, 1), 0);
+    EXPECT_EQ(bytebuf_detach_wipe(nullptr, 1), nullptr);
     EXPECT_EQ(bytebuf_data(nullptr), nullptr);
     bytebuf_init(nullptr, 0);
     bytebuf_release(nullptr, 1);
@@ -231,6 +233,59 @@ TEST(Lrpc2Bytebuf, ReleaseWipesTheWrittenBytesWhenAsked) {
         alloc_hooks::clear_pattern();
         EXPECT_EQ(seen, wipe ? 0u : 1u) << wipe;
     }
+}
+
+// Growing and detaching a buffer of secrets: the same sizes, but the bytes move to new blocks and
+// the old ones are zeroed before they are freed; realloc would free them as they are.
+TEST(Lrpc2Bytebuf, WipingGrowthAndDetachLeaveNoCopyBehind) {
+    for (int wipe : {0, 1}) {
+        SCOPED_TRACE(wipe);
+        const std::string secret = "bytebuf-grow-secret-" + std::to_string(wipe);
+        Buf buf;
+        ASSERT_NE(bytebuf_append_str(&buf.b, secret.c_str()), nullptr);
+        alloc_hooks::watch_pattern(secret.data(), secret.size());
+        ASSERT_NE(bytebuf_reserve_wipe(&buf.b, 600, wipe), 0);
+        EXPECT_EQ(buf.b.capacity, 1712u);
+        EXPECT_GT(buf.spare(), 600u);
+        EXPECT_EQ(buf.text(), secret);
+        uint8_t* block = bytebuf_detach_wipe(&buf.b, wipe);
+        const alloc_hooks::State seen = alloc_hooks::state();
+        alloc_hooks::clear_pattern();
+        EXPECT_EQ(seen.pattern_reallocs, wipe ? 0u : 2u);
+        EXPECT_EQ(seen.pattern_frees, 0u);
+        ASSERT_NE(block, nullptr);
+        EXPECT_LT(malloc_usable_size(block), 1712u);
+        EXPECT_EQ(memcmp(block, secret.data(), secret.size()), 0);
+        EXPECT_EQ(buf.b.start, nullptr);
+        EXPECT_EQ(buf.b.capacity, 1712u);
+        explicit_bzero(block, secret.size());
+        free(block);
+    }
+}
+
+TEST(Lrpc2Bytebuf, WipingGrowthAndDetachKeepTheBufferWhenMemoryIsRefused) {
+    Buf buf;
+    ASSERT_NE(bytebuf_append_str(&buf.b, "keep"), nullptr);
+    const lrpc2_bytebuf before = buf.b;
+    alloc_hooks::start(1);
+    const int ok = bytebuf_reserve_wipe(&buf.b, 600, 1);
+    alloc_hooks::stop();
+    EXPECT_TRUE(alloc_hooks::state().failed);
+    EXPECT_EQ(ok, 0);
+    EXPECT_EQ(buf.b.start, before.start);
+    EXPECT_EQ(buf.b.pos, before.pos);
+    EXPECT_EQ(buf.b.end, before.end);
+    EXPECT_EQ(buf.b.capacity, before.capacity);
+    EXPECT_EQ(buf.text(), "keep");
+
+    alloc_hooks::start(1);
+    uint8_t* block = bytebuf_detach_wipe(&buf.b, 1);
+    alloc_hooks::stop();
+    EXPECT_TRUE(alloc_hooks::state().failed);
+    EXPECT_EQ(block, before.start);
+    EXPECT_EQ(memcmp(block, "keep", 4), 0);
+    EXPECT_EQ(buf.b.start, nullptr);
+    free(block);
 }
 
 }  // namespace

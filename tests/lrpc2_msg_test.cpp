@@ -1016,6 +1016,35 @@ TEST(Lrpc2MsgMemory, SecureMessagesAreWipedBeforeFree) {
     }
 }
 
+// A message that outgrows its first 512 bytes moves to larger blocks; a secure one leaves no
+// copy of its bytes in a block given up on the way.
+TEST(Lrpc2MsgMemory, GrowingSecureMessageLeavesNoCopyBehind) {
+    const std::string filler(100, 'f');
+    for (uint32_t id : {kPing, kStop}) {
+        SCOPED_TRACE(id);
+        const std::string secret = fresh_secret();
+        alloc_hooks::watch_pattern(secret.data(), secret.size());
+        lrpc2_msg* m = create(id);
+        ASSERT_EQ(lrpc2_put_string(m, secret.c_str()), 0);
+        for (int i = 0; i < 40; ++i) {
+            ASSERT_EQ(lrpc2_put_string(m, filler.c_str()), 0);
+        }
+        ASSERT_EQ(lrpc2_msg_complete(m), 0);
+        const Bytes img = image(m);
+        lrpc2_msg_free(m);
+        const alloc_hooks::State seen = alloc_hooks::state();
+        alloc_hooks::clear_pattern();
+        EXPECT_EQ(img.size(), 8 + 2 + (5 + secret.size()) + 40 * (5 + filler.size()) + 1);
+        if (id == kStop) {
+            EXPECT_EQ(seen.pattern_reallocs, 0u);
+            EXPECT_EQ(seen.pattern_frees, 0u);
+        } else {
+            EXPECT_GT(seen.pattern_reallocs, 0u);
+            EXPECT_EQ(seen.pattern_frees, 1u);
+        }
+    }
+}
+
 TEST(Lrpc2MsgMemory, ReleaseOperationsWipeWhenAsked) {
     for (int wipe : {0, 1}) {
         SCOPED_TRACE(wipe);

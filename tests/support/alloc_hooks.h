@@ -32,6 +32,9 @@ struct State {
     const void* pattern = nullptr;
     size_t pattern_len = 0;
     unsigned pattern_frees = 0;  // freed blocks that still held the pattern
+    // Blocks holding the pattern handed to realloc, which frees a block that it moves (it
+    // always may) without wiping it.
+    unsigned pattern_reallocs = 0;
 };
 
 inline State& state() {
@@ -60,6 +63,7 @@ inline void watch_pattern(const void* bytes, size_t len) {
     state().pattern = bytes;
     state().pattern_len = len;
     state().pattern_frees = 0;
+    state().pattern_reallocs = 0;
 }
 
 inline void clear_pattern() {
@@ -80,6 +84,12 @@ inline bool refuse(size_t size) {
         return true;
     }
     return false;
+}
+
+inline bool holds_pattern(void* block) {
+    const State& s = state();
+    return block != nullptr && s.pattern != nullptr &&
+           memmem(block, malloc_usable_size(block), s.pattern, s.pattern_len) != nullptr;
 }
 
 inline void note_alloc(const void* block, long delta) {
@@ -114,6 +124,9 @@ void* __wrap_realloc(void* block, size_t size) {
     if (alloc_hooks::refuse(size)) {
         return nullptr;
     }
+    if (alloc_hooks::holds_pattern(block)) {
+        ++alloc_hooks::state().pattern_reallocs;
+    }
     void* moved = __real_realloc(block, size);
     if (block == nullptr) {
         alloc_hooks::note_alloc(moved, 1);
@@ -122,10 +135,8 @@ void* __wrap_realloc(void* block, size_t size) {
 }
 
 void __wrap_free(void* block) {
-    alloc_hooks::State& s = alloc_hooks::state();
-    if (block != nullptr && s.pattern != nullptr &&
-        memmem(block, malloc_usable_size(block), s.pattern, s.pattern_len) != nullptr) {
-        ++s.pattern_frees;
+    if (alloc_hooks::holds_pattern(block)) {
+        ++alloc_hooks::state().pattern_frees;
     }
     alloc_hooks::note_alloc(block, -1);
     __real_free(block);

@@ -35,6 +35,7 @@ int main(int argc, char** argv) {
 
     Lrpc2Client client;
 
+    bool refused = false;
     try {
         if (!client.connect(0)) {
             std::cerr << "Kavelo daemon does not appear to be running or reachable." << std::endl;
@@ -47,6 +48,10 @@ int main(int argc, char** argv) {
         if (logger->isEnabled(zfw::Logger::ERROR)) {
             logger->log(zfw::Logger::ERROR, "Unable to stop Kavelo daemon: %s", e.what());
         }
+        refused = true;
+    }
+    // Exits once the handler has released the exception, which would otherwise outlive exit.
+    if (refused) {
         std::exit(2);
     }
 
