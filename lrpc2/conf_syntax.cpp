@@ -69,23 +69,40 @@ int32_t openStatus(int err) {
     }
 }
 
-int32_t readFile(const char* path, lrpc2_bytebuf* out) {
+int openRegular(const char* path, int32_t* rc) {
     // Non-blocking, so that a FIFO cannot stall the open; only regular files are read.
     const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (fd < 0) {
-        return openStatus(errno);
+        *rc = openStatus(errno);
+        return -1;
     }
     struct stat st;
-    int32_t rc = 0;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        rc = CONF_ERR_OPEN;
+        close(fd);
+        *rc = CONF_ERR_OPEN;
+        return -1;
+    }
+    *rc = 0;
+    return fd;
+}
+
+long readSome(int fd, void* buf, size_t n) {
+    ssize_t got;
+    do {
+        got = read(fd, buf, n);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+int32_t readFile(const char* path, lrpc2_bytebuf* out) {
+    int32_t rc = 0;
+    const int fd = openRegular(path, &rc);
+    if (fd < 0) {
+        return rc;
     }
     char chunk[4096];
     while (rc == 0) {
-        const ssize_t n = read(fd, chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
+        const long n = readSome(fd, chunk, sizeof chunk);
         if (n < 0) {
             rc = CONF_ERR_OPEN;
         } else if (n == 0) {
