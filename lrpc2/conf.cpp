@@ -271,6 +271,20 @@ void freeEntry(conf_entry* e) {
     free(e);
 }
 
+// The entry of `key` with its value expanded. Null for a key that is missing or being
+// expanded (*rc 0), and for one whose expansion fails (*rc the status).
+conf_entry* expandedEntry(conf_file* file, const char* key, int32_t* rc) {
+    *rc = 0;
+    conf_entry* e = file != nullptr && key != nullptr ? findEntry(file, key) : nullptr;
+    if (e == nullptr || (e->flags & IN_PROGRESS)) {
+        return nullptr;
+    }
+    if (e->expanded == nullptr) {
+        *rc = expandEntry(file, e);
+    }
+    return *rc == 0 ? e : nullptr;
+}
+
 }  // namespace
 
 extern "C" {
@@ -308,41 +322,26 @@ conf_file* conf_open(const char* path, const char* const* prefixes, int32_t* sta
 }
 
 const char* conf_get_string(conf_file* file, const char* key, const char* def, int32_t* status) {
-    setStatus(status, 0);
-    if (file == nullptr || key == nullptr) {
-        return def;
+    int32_t rc = 0;
+    const conf_entry* e = expandedEntry(file, key, &rc);
+    setStatus(status, rc);
+    if (rc != 0) {
+        return nullptr;
     }
-    conf_entry* e = findEntry(file, key);
-    if (e == nullptr || (e->flags & IN_PROGRESS)) {
-        return def;
-    }
-    if (e->expanded == nullptr) {
-        const int32_t rc = expandEntry(file, e);
-        if (rc != 0) {
-            setStatus(status, rc);
-            return nullptr;
-        }
-    }
-    return e->expanded;
+    return e != nullptr ? e->expanded : def;
 }
 
 int32_t conf_get_int(conf_file* file, const char* key, int32_t def, int32_t* status) {
-    setStatus(status, 0);
-    if (file == nullptr || key == nullptr) {
-        return def;
+    int32_t rc = 0;
+    conf_entry* e = expandedEntry(file, key, &rc);
+    setStatus(status, rc);
+    if (rc != 0) {
+        return 0;
     }
-    conf_entry* e = findEntry(file, key);
-    if (e == nullptr || (e->flags & IN_PROGRESS)) {
+    if (e == nullptr) {
         return def;
     }
     if (!(e->flags & INT_PARSED)) {
-        if (e->expanded == nullptr) {
-            const int32_t rc = expandEntry(file, e);
-            if (rc != 0) {
-                setStatus(status, rc);
-                return 0;
-            }
-        }
         char* end = nullptr;
         errno = 0;
         const long value = strtol(e->expanded, &end, 0);

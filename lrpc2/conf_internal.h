@@ -38,6 +38,12 @@ class Text {
 // The status of a failed open(2).
 int32_t openStatus(int err);
 
+// Opens a regular file for reading: the descriptor, or -1 with *rc set to the status.
+int openRegular(const char* path, int32_t* rc);
+
+// One read(2), retried after interruptions: the bytes read, 0 at the end, -1 on an error.
+long readSome(int fd, void* buf, size_t n);
+
 // Reads a whole regular file into `out` (initialised by the caller); 0 or a status.
 int32_t readFile(const char* path, lrpc2_bytebuf* out);
 
@@ -60,6 +66,7 @@ class Cursor {
     Cursor(const uint8_t* begin, const uint8_t* end) : m_pos(begin), m_end(end) {}
     int peek() const { return m_pos < m_end ? *m_pos : kEnd; }
     void advance() { ++m_pos; }
+    const uint8_t* position() const { return m_pos; }
 
   private:
     const uint8_t* m_pos;

@@ -1,10 +1,7 @@
 // The configuration reader's built-in variables: the host's join parameters, read from the
 // first line of their host setting files.
-#include <errno.h>
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "conf_internal.h"
@@ -25,21 +22,14 @@ int32_t readFirstLine(const char* settingKey, char* line) {
     memcpy(path, kSettingPrefix, sizeof kSettingPrefix - 1);
     memcpy(path + sizeof kSettingPrefix - 1, settingKey, keyLength + 1);
 
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (fd < 0) {
-        return conf::openStatus(errno);
-    }
-    struct stat st;
     int32_t rc = 0;
-    size_t length = 0;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        rc = CONF_ERR_OPEN;
+    const int fd = conf::openRegular(path, &rc);
+    if (fd < 0) {
+        return rc;
     }
+    size_t length = 0;
     while (rc == 0 && length < kMaxLine && memchr(line, '\n', length) == nullptr) {
-        const ssize_t n = read(fd, line + length, kMaxLine - length);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
+        const long n = conf::readSome(fd, line + length, kMaxLine - length);
         if (n < 0) {
             rc = CONF_ERR_OPEN;
         } else if (n == 0) {

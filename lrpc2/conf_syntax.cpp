@@ -69,23 +69,40 @@ int32_t openStatus(int err) {
     }
 }
 
-int32_t readFile(const char* path, lrpc2_bytebuf* out) {
+int openRegular(const char* path, int32_t* rc) {
     // Non-blocking, so that a FIFO cannot stall the open; only regular files are read.
     const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (fd < 0) {
-        return openStatus(errno);
+        *rc = openStatus(errno);
+        return -1;
     }
     struct stat st;
-    int32_t rc = 0;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        rc = CONF_ERR_OPEN;
+        close(fd);
+        *rc = CONF_ERR_OPEN;
+        return -1;
+    }
+    *rc = 0;
+    return fd;
+}
+
+long readSome(int fd, void* buf, size_t n) {
+    ssize_t got;
+    do {
+        got = read(fd, buf, n);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+int32_t readFile(const char* path, lrpc2_bytebuf* out) {
+    int32_t rc = 0;
+    const int fd = openRegular(path, &rc);
+    if (fd < 0) {
+        return rc;
     }
     char chunk[4096];
     while (rc == 0) {
-        const ssize_t n = read(fd, chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
+        const long n = readSome(fd, chunk, sizeof chunk);
         if (n < 0) {
             rc = CONF_ERR_OPEN;
         } else if (n == 0) {
@@ -201,11 +218,16 @@ KeyResult readKey(Cursor& in, Text& key) {
 
 void readRawValue(Cursor& in, Text& value) {
     for (int c = in.peek(); c != kEnd && !isLineEnd(c); c = in.peek()) {
-        in.advance();
         if (c != '\\') {
-            value.add(static_cast<char>(c));
+            // The run of plain characters up to the next backslash or line end at once.
+            const uint8_t* run = in.position();
+            for (int r = c; r != kEnd && r != '\\' && !isLineEnd(r); r = in.peek()) {
+                in.advance();
+            }
+            value.add(reinterpret_cast<const char*>(run), static_cast<size_t>(in.position() - run));
             continue;
         }
+        in.advance();
         const int next = in.peek();
         if (next == kEnd) {
             break;

@@ -141,20 +141,6 @@ TEST_F(ExceptionTest, PercentInTheMessageIsReportedAsIs) {
     EXPECT_NE(r[0].find("zfw::AlreadyException 100%s done (reference"), std::string::npos) << r[0];
 }
 
-TEST_F(ExceptionTest, BufferFullIsAnOutOfRangeWithTheSameText) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    try {
-        ZFW_THROW(zfw::BufferFullException, -1, false, "runqueue full %ld", 256L);
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "runqueue full 256");
-    }
-    try {
-        ZFW_THROW(zfw::BufferFullException, -1, false, "runqueue full %ld", 256L);
-    } catch (const ZFWException& e) {
-        EXPECT_STREQ(e.what(), "runqueue full 256");
-    }
-}
-
 TEST_F(ExceptionTest, FrameworkThrowSitesNameTheirSource) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     EXPECT_STREQ(zfw::detail::sourceName("zfw/mutex.cpp"), "mutex.cpp");

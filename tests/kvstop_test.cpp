@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -62,8 +64,7 @@ std::vector<std::string> recordsFor(const std::string& out, const std::string& e
 struct StopCase {
     const char* name;
     std::string config;  // lines after the socket's; "" keeps the test's socket
-    bool daemon;         // start kvdsim on the test's socket
-    std::vector<std::string> kvdsimArgs;
+    const char* kvdsim;  // its arguments, separated by blanks; null: no daemon
     int status;
     std::string out;
     std::string err;
@@ -84,8 +85,10 @@ TEST_P(KvstopOutcome, OutputStatusLogAndFramesReceived) {
     ASSERT_TRUE(
         kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n" + c.config));
     std::unique_ptr<kvtest::Kvdsim> daemon;
-    if (c.daemon) {
-        daemon.reset(new kvtest::Kvdsim(dir, c.kvdsimArgs));
+    if (c.kvdsim != nullptr) {
+        std::istringstream words(c.kvdsim);
+        const std::vector<std::string> args{std::istream_iterator<std::string>(words), {}};
+        daemon.reset(new kvtest::Kvdsim(dir, args));
         ASSERT_TRUE(daemon->ready());
     }
 
@@ -100,90 +103,37 @@ TEST_P(KvstopOutcome, OutputStatusLogAndFramesReceived) {
     }
 }
 
+// What kvdsim receives: the stop request alone, or followed by the check whether the
+// daemon still answers (a second connection and its ping).
+const std::vector<std::string> kNothing;
+const std::vector<std::string> kHelloOnly = {on(1, kHello)};
+const std::vector<std::string> kStop = {on(1, kHello), on(1, kStopFrame)};
+const std::vector<std::string> kStopThenHello = {on(1, kHello), on(1, kStopFrame), on(2, kHello)};
+const std::vector<std::string> kStopThenPing = {on(1, kHello), on(1, kStopFrame), on(2, kHello),
+                                                on(2, kPingFrame)};
+const std::string kTimeout = "lrpc2.timeout=1\n";
+
 INSTANTIATE_TEST_SUITE_P(
     Cases, KvstopOutcome,
     ::testing::Values(
-        StopCase{"stopped",
-                 "",
-                 true,
-                 {"--exit-on-stop"},
-                 0,
-                 kStopped,
-                 "",
-                 {on(1, kHello), on(1, kStopFrame)}},
-        StopCase{"stop_reply_fields_ignored",
-                 "",
-                 true,
-                 {"--exit-on-stop", "--reply-fields", "20=0301000000"},
-                 0,
-                 kStopped,
-                 "",
-                 {on(1, kHello), on(1, kStopFrame)}},
-        StopCase{"no_socket", "", false, {}, 1, "", kUnreachable, {}},
-        StopCase{"handshake_refused",
-                 "",
-                 true,
-                 {"--handshake", "0"},
-                 1,
-                 "",
-                 kUnreachable,
-                 {on(1, kHello)}},
-        StopCase{"stop_closed",
-                 "",
-                 true,
-                 {"--fault", "close-request"},
-                 2,
-                 "",
-                 failed("404 (Socket closed)"),
-                 {on(1, kHello), on(1, kStopFrame)}},
-        StopCase{"stop_timed_out",
-                 "lrpc2.timeout=1\n",
-                 true,
-                 {"--fault", "silent-request"},
-                 2,
-                 "",
-                 failed("408 (Timeout during operation)"),
-                 {on(1, kHello), on(1, kStopFrame)}},
-        StopCase{"stop_bad_magic",
-                 "",
-                 true,
-                 {"--fault", "bad-magic"},
-                 2,
-                 "",
-                 failed("405 (Socket error)"),
-                 {on(1, kHello), on(1, kStopFrame)}},
-        StopCase{"still_answering",
-                 "",
-                 true,
-                 {},
-                 2,
-                 "",
-                 "",
-                 {on(1, kHello), on(1, kStopFrame), on(2, kHello), on(2, kPingFrame)}},
-        StopCase{"ping_closed",
-                 "",
-                 true,
-                 {"--fault", "close-request", "--fault-conn", "2"},
-                 0,
-                 kStopped,
-                 "",
-                 {on(1, kHello), on(1, kStopFrame), on(2, kHello), on(2, kPingFrame)}},
-        StopCase{"handshake_never_completed_after_stop",
-                 "lrpc2.timeout=1\n",
-                 true,
-                 {"--fault", "silent-hello", "--fault-conn", "2"},
-                 0,
-                 kStopped,
-                 "",
-                 {on(1, kHello), on(1, kStopFrame), on(2, kHello)}},
-        StopCase{"handshake_refused_after_stop",
-                 "",
-                 true,
-                 {"--fault", "close-hello", "--fault-conn", "2"},
-                 0,
-                 kStopped,
-                 "",
-                 {on(1, kHello), on(1, kStopFrame), on(2, kHello)}}),
+        StopCase{"stopped", "", "--exit-on-stop", 0, kStopped, "", kStop},
+        StopCase{"stop_reply_fields_ignored", "", "--exit-on-stop --reply-fields 20=0301000000", 0,
+                 kStopped, "", kStop},
+        StopCase{"no_socket", "", nullptr, 1, "", kUnreachable, kNothing},
+        StopCase{"handshake_refused", "", "--handshake 0", 1, "", kUnreachable, kHelloOnly},
+        StopCase{"stop_closed", "", "--fault close-request", 2, "", failed("404 (Socket closed)"),
+                 kStop},
+        StopCase{"stop_timed_out", kTimeout, "--fault silent-request", 2, "",
+                 failed("408 (Timeout during operation)"), kStop},
+        StopCase{"stop_bad_magic", "", "--fault bad-magic", 2, "", failed("405 (Socket error)"),
+                 kStop},
+        StopCase{"still_answering", "", "", 2, "", "", kStopThenPing},
+        StopCase{"ping_closed", "", "--fault close-request --fault-conn 2", 0, kStopped, "",
+                 kStopThenPing},
+        StopCase{"handshake_never_completed_after_stop", kTimeout,
+                 "--fault silent-hello --fault-conn 2", 0, kStopped, "", kStopThenHello},
+        StopCase{"handshake_refused_after_stop", "", "--fault close-hello --fault-conn 2", 0,
+                 kStopped, "", kStopThenHello}),
     [](const ::testing::TestParamInfo<StopCase>& info) { return std::string(info.param.name); });
 
 std::string hex(const std::string& bytes) {
@@ -247,8 +197,9 @@ TEST(KvstopConfiguration, DefaultSocketWithoutConfigurationFile) {
     // The first record loads the framework's properties to decide about openlog; the
     // missing file is reported before the record itself.
     std::vector<std::string> expected = recordsFor(r.out, r.err);
-    expected.insert(expected.begin(), "<35> kvstop: ERROR util.properties Unable to open config "
-                                      "file: /etc/zantorkv/zantorkv.conf");
+    expected.insert(expected.begin(),
+                    "<35> kvstop: ERROR util.properties Unable to open config "
+                    "file: /etc/zantorkv/zantorkv.conf");
     EXPECT_EQ(records(sink), expected);
     daemon.wait();
     EXPECT_EQ(daemon.log(), (std::vector<std::string>{on(1, kHello), on(1, kStopFrame)}));
@@ -272,51 +223,37 @@ TEST(KvstopConfiguration, RelativeDataDirectoryIsNotReachable) {
     EXPECT_EQ(daemon.log(), std::vector<std::string>{});
 }
 
-struct ArgumentsCase {
-    std::vector<std::string> argv;
-    std::string cwd;
-};
-
-// Refusals come before anything else: no connection is attempted.
-TEST(KvstopRefusals, NonRootSeesOnlyTheRefusal) {
+// Refusals come before anything else: no connection is attempted, nothing is logged.
+TEST(KvstopRefusals, NonRootOrArgumentsSeeOnlyTheRefusal) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
     kvtest::Kvdsim daemon(dir, {"--exit-on-stop"});
     ASSERT_TRUE(daemon.ready());
-    for (const std::vector<std::string>& argv :
-         {std::vector<std::string>{kKvstop}, {kKvstop, "now"}, {kKvstop, "-h", "x"}}) {
-        SCOPED_TRACE(argv.size());
-        const kvtest::ProgramResult r = kvtest::runProgram(argv, true);
-        EXPECT_EQ(r.status, 2);
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.err, kNotRoot);
-        EXPECT_EQ(records(sink), std::vector<std::string>{});
-    }
-    daemon.terminate();
-    EXPECT_EQ(daemon.log(), std::vector<std::string>{});
-}
-
-TEST(KvstopRefusals, RootWithArgumentsSeesTheUsage) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::SyslogSink sink;
-    kvtest::TempDir dir;
-    ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
-    kvtest::Kvdsim daemon(dir, {"--exit-on-stop"});
-    ASSERT_TRUE(daemon.ready());
-    const std::vector<ArgumentsCase> cases = {
-        {{kKvstop, "now"}, ""},
-        {{kKvstop, ""}, ""},
-        {{"./kvstop", "-h", "--help"}, kBinDir},
+    const auto usage = [](const std::string& name) {
+        return "Usage: " + name + "\n  - Note that you must be root to stop the Kavelo daemon\n";
     };
-    for (const ArgumentsCase& c : cases) {
-        SCOPED_TRACE(c.argv[0]);
-        const kvtest::ProgramResult r = kvtest::runProgram(c.argv, false, c.cwd);
+    const struct {
+        std::vector<std::string> argv;
+        bool unprivileged;
+        std::string cwd;
+        std::string err;
+    } cases[] = {
+        {{kKvstop}, true, "", kNotRoot},
+        {{kKvstop, "now"}, true, "", kNotRoot},
+        {{kKvstop, "-h", "x"}, true, "", kNotRoot},
+        {{kKvstop, "now"}, false, "", usage(kKvstop)},
+        {{kKvstop, ""}, false, "", usage(kKvstop)},
+        {{"./kvstop", "-h", "--help"}, false, kBinDir, usage("./kvstop")},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.argv[0] + " with " + std::to_string(c.argv.size() - 1) + " arguments" +
+                     (c.unprivileged ? ", not root" : ""));
+        const kvtest::ProgramResult r = kvtest::runProgram(c.argv, c.unprivileged, c.cwd);
         EXPECT_EQ(r.status, 2);
         EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.err, "Usage: " + c.argv[0] +
-                             "\n  - Note that you must be root to stop the Kavelo daemon\n");
+        EXPECT_EQ(r.err, c.err);
         EXPECT_EQ(records(sink), std::vector<std::string>{});
     }
     daemon.terminate();

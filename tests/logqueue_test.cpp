@@ -1,23 +1,13 @@
 // The log queue and its background thread, writing real syslog datagrams to a private
 // "/dev/log": starting and stopping, records formatted on the logging thread, overflow
 // while syslog blocks (records dropped, the warning in their place, no deadlock), and
-// stopQueue writing what is still queued. Every case runs in private namespaces.
+// stopQueue and shutdown writing what is still queued. Every case runs in private namespaces.
 #include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -34,82 +24,6 @@ namespace {
 const char kDropWarning[] =
     "ERROR log Warning: Zantor logger dropping messages:(runqueue full %u) Please insure syslog "
     "is running correctly or increase the value of logger.queue.size in zantormx.conf.";
-
-// "/dev/log" that nobody reads until release(): once ten datagrams wait in it (the system's
-// queue length for datagram sockets), syslog() blocks.
-class HeldSyslog {
-  public:
-    HeldSyslog() {
-        m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un addr = {};
-        addr.sun_family = AF_UNIX;
-        std::strcpy(addr.sun_path, "/dev/log");
-        unlink(addr.sun_path);
-        if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-            chmod(addr.sun_path, 0666) != 0 || pipe2(m_stop, O_CLOEXEC) != 0) {
-            ADD_FAILURE() << "cannot bind /dev/log: " << strerror(errno);
-        }
-    }
-    ~HeldSyslog() {
-        if (m_reader.joinable()) {
-            const char stop = 0;
-            EXPECT_EQ(write(m_stop[1], &stop, 1), 1);
-            m_reader.join();
-        }
-        close(m_stop[0]);
-        close(m_stop[1]);
-        close(m_fd);
-        unlink("/dev/log");
-    }
-    HeldSyslog(const HeldSyslog&) = delete;
-    HeldSyslog& operator=(const HeldSyslog&) = delete;
-
-    // From now on a thread reads every datagram, so blocked writers go on.
-    void release() {
-        m_reader = std::thread([this] {
-            for (;;) {
-                pollfd fds[2] = {{m_fd, POLLIN, 0}, {m_stop[0], POLLIN, 0}};
-                if (poll(fds, 2, -1) < 0 && errno != EINTR) {
-                    return;
-                }
-                if (fds[1].revents != 0) {
-                    return;
-                }
-                drain();
-            }
-        });
-    }
-
-    // The texts of every record received so far, oldest first (removed from the sink).
-    std::vector<std::string> texts() {
-        drain();
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<std::string> out;
-        for (const std::string& d : m_received) {
-            kvtest::SyslogRecord r;
-            EXPECT_TRUE(kvtest::parseSyslogRecord(d, r)) << d;
-            out.push_back(r.text);
-        }
-        m_received.clear();
-        return out;
-    }
-
-  private:
-    void drain() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        char buf[4096];
-        ssize_t n;
-        while ((n = recv(m_fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0) {
-            m_received.emplace_back(buf, static_cast<size_t>(n));
-        }
-    }
-
-    int m_fd = -1;
-    int m_stop[2] = {-1, -1};
-    std::thread m_reader;
-    std::mutex m_mutex;
-    std::vector<std::string> m_received;
-};
 
 std::vector<std::string> containing(const std::vector<std::string>& texts,
                                     const std::string& needle) {
@@ -224,7 +138,7 @@ TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.properties);
-        HeldSyslog held;
+        kvtest::SyslogSink held(false);
         kvtest::useProperties(c.properties);
         zfw::Logger::startQueue(m_reporter);
 
@@ -242,9 +156,9 @@ TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
         for (std::thread& t : writers) {
             t.join();
         }
-        held.release();
+        held.startReading();
         zfw::Logger::stopQueue(m_reporter);
-        const std::vector<std::string> texts = held.texts();
+        const std::vector<std::string> texts = held.takeTexts();
 
         char warning[512];
         snprintf(warning, sizeof warning, kDropWarning, c.capacity);
@@ -273,66 +187,47 @@ TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
     }
 }
 
-TEST_F(LogQueueTest, StopWritesEveryPendingRecord) {
+// Ten records fill the socket and one blocks the log thread; the last five wait in the queue.
+// Stopping interrupts the queue and waits for the blocked log thread; the reader starts
+// meanwhile, so the records still queued are written by the stop itself.
+TEST_F(LogQueueTest, StoppingWritesEveryPendingRecord) {
     KV_REQUIRE_HERMETIC_DEVLOG();
-    HeldSyslog held;
-    kvtest::useProperties("");
-    zfw::Logger::startQueue(m_reporter);
-    const auto logger = zfw::Logger::get("test.pending");
-    // Ten fill the socket and one blocks the log thread; the last five wait in the queue.
-    constexpr int kRecords = 16;
-    for (int i = 0; i < kRecords; ++i) {
-        logger->log(zfw::Logger::INFO, "pending %d", i);
-    }
-    // stopQueue interrupts the queue and waits for the blocked log thread; the reader starts
-    // meanwhile, so the records still queued are written by stopQueue itself.
-    std::thread releaser([&held] {
-        zfw::Thread::sleep(0, 100, 0, 0);
-        held.release();
-    });
-    zfw::Logger::stopQueue(m_reporter);
-    releaser.join();
-
-    std::vector<std::string> expected;
-    for (int i = 0; i < kRecords; ++i) {
-        expected.push_back("INFO  test.pending pending " + std::to_string(i));
-    }
-    EXPECT_EQ(containing(held.texts(), "test.pending"), expected);
-}
-
-TEST_F(LogQueueTest, ShutdownWritesQueuedRecordsAndEndsTheLogThread) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    HeldSyslog held;
-    kvtest::useProperties("");
-    const std::set<std::string> before = threadIds();
-    zfw::Logger::startQueue(m_reporter);
-    // The log thread, and any helper thread the runtime starts along with the first one.
-    std::set<std::string> started;
-    for (const std::string& id : threadIds()) {
-        if (before.count(id) == 0) {
-            started.insert(id);
+    for (const bool shutdown : {false, true}) {
+        SCOPED_TRACE(shutdown ? "Logger::shutdown" : "Logger::stopQueue");
+        kvtest::SyslogSink held(false);
+        kvtest::useProperties("");
+        const std::set<std::string> before = threadIds();
+        zfw::Logger::startQueue(m_reporter);
+        // The log thread, and any helper thread the runtime starts along with the first one.
+        std::set<std::string> started;
+        for (const std::string& id : threadIds()) {
+            if (before.count(id) == 0) {
+                started.insert(id);
+            }
         }
+        ASSERT_FALSE(started.empty());
+        const auto logger = zfw::Logger::get("test.pending");
+        std::vector<std::string> expected;
+        for (int i = 0; i < 16; ++i) {
+            logger->log(zfw::Logger::INFO, "pending %d", i);
+            expected.push_back("INFO  test.pending pending " + std::to_string(i));
+        }
+        std::thread releaser([&held] {
+            zfw::Thread::sleep(0, 100, 0, 0);
+            held.startReading();
+        });
+        if (shutdown) {
+            zfw::Logger::shutdown();
+        } else {
+            zfw::Logger::stopQueue(m_reporter);
+        }
+        releaser.join();
+        const std::set<std::string> after = threadIds();
+        EXPECT_TRUE(std::any_of(started.begin(), started.end(), [&after](const std::string& id) {
+            return after.count(id) == 0;
+        })) << "the log thread outlived the stop";
+        EXPECT_EQ(containing(held.takeTexts(), "test.pending"), expected);
     }
-    ASSERT_FALSE(started.empty());
-    const auto logger = zfw::Logger::get("test.shutdown");
-    constexpr int kRecords = 16;
-    for (int i = 0; i < kRecords; ++i) {
-        logger->log(zfw::Logger::INFO, "queued %d", i);
-    }
-    std::thread releaser([&held] {
-        zfw::Thread::sleep(0, 100, 0, 0);
-        held.release();
-    });
-    zfw::Logger::shutdown();
-    releaser.join();
-    const std::set<std::string> after = threadIds();
-    EXPECT_TRUE(std::any_of(started.begin(), started.end(), [&after](const std::string& id) {
-        return after.count(id) == 0;
-    })) << "the log thread outlived shutdown";
-
-    std::vector<std::string> texts = containing(held.texts(), "test.shutdown");
-    ASSERT_EQ(texts.size(), static_cast<size_t>(kRecords));
-    EXPECT_EQ(texts.back(), "INFO  test.shutdown queued " + std::to_string(kRecords - 1));
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -27,6 +26,7 @@ namespace {
 using kvtest::ChildProcess;
 using kvtest::Kvdsim;
 using kvtest::TempDir;
+using kvtest::writeFile;
 
 const lrpc2_msg_table* table() {
     return lrpc2_default_table();
@@ -60,10 +60,6 @@ uint32_t replyId(lrpc2_msg* reply) {
     uint32_t id = 0xFFFFFFFF;
     EXPECT_EQ(lrpc2_msg_id(reply, &id), 0);
     return id;
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
 }
 
 // Connects to `daemon` and exchanges one request of `id`; the status, and the reply's id

@@ -8,6 +8,7 @@
 
 #include "lrpc2/status.h"
 #include "lrpc2/table.h"
+#include "support/expect_throw.h"
 #include "support/hermetic.h"
 #include "support/kvdsim.h"
 #include "support/program.h"
@@ -34,18 +35,7 @@ class SessionTest : public ::testing::Test {
     kvtest::TempDir m_dir;
 };
 
-template <typename E>
-void expectThrow(const std::function<void()>& op, const std::string& text) {
-    try {
-        op();
-        ADD_FAILURE() << "no exception, expected: " << text;
-    } catch (const E& e) {
-        EXPECT_STREQ(e.what(), text.c_str());
-        EXPECT_EQ(e.rc(), 0);
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "wrong exception type for: " << e.what();
-    }
-}
+using kvtest::expectThrow;
 
 TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
     KV_REQUIRE_HERMETIC();

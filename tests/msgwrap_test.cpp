@@ -9,6 +9,7 @@
 #include "lrpc2/status.h"
 #include "lrpc2/table.h"
 #include "support/alloc_hooks.h"
+#include "support/expect_throw.h"
 #include "zfw/exception.h"
 #include "zkvfw/msgwrap.h"
 
@@ -30,19 +31,7 @@ std::vector<uint8_t> fields(Lrpc2Message& msg) {
     return std::vector<uint8_t>(data + LRPC2_HEADER_LEN + 2, data + length);
 }
 
-// Runs `op` and checks that it throws exactly `E` with `text` and result code `rc`.
-template <typename E>
-void expectThrow(const std::function<void()>& op, const std::string& text, int32_t rc) {
-    try {
-        op();
-        ADD_FAILURE() << "no exception, expected: " << text;
-    } catch (const E& e) {
-        EXPECT_STREQ(e.what(), text.c_str());
-        EXPECT_EQ(e.rc(), rc) << text;
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "wrong exception type for: " << e.what();
-    }
-}
+using kvtest::expectThrow;
 
 TEST(Lrpc2MessageCreate, UnknownIdOrNoTableThrows) {
     expectThrow<zfw::SystemException>([] { Lrpc2Message m(32, table()); },
@@ -147,42 +136,30 @@ const std::vector<ReaderCase>& readerCases() {
     return cases;
 }
 
-TEST(Lrpc2MessageReaders, EndOfDataThrowsEndOfFileWithCodeZero) {
+// Every reader: at the end of the data, before a field of another type, in a message still
+// under construction, and in a wrapper that holds no message.
+TEST(Lrpc2MessageReaders, RefusedReadsThrowWithCodeZero) {
     for (const ReaderCase& c : readerCases()) {
         SCOPED_TRACE(c.name);
-        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-        msg.complete();
-        expectThrow<zfw::EndOfFileException>([&] { c.read(msg); }, c.endText, 0);
-    }
-}
+        Lrpc2Message atEnd(LRPC2_ID_KV_PING, table());
+        atEnd.complete();
+        expectThrow<zfw::EndOfFileException>([&] { c.read(atEnd); }, c.endText, 0);
 
-TEST(Lrpc2MessageReaders, WrongTypeThrowsSystemExceptionWithCodeZero) {
-    for (const ReaderCase& c : readerCases()) {
-        SCOPED_TRACE(c.name);
-        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
+        Lrpc2Message wrongType(LRPC2_ID_KV_PING, table());
         // A key-value set is read by none of the readers.
-        msg.writeKeyValueSet({{"k", "v"}});
-        msg.complete();
-        expectThrow<zfw::SystemException>([&] { c.read(msg); }, c.errorText, 0);
+        wrongType.writeKeyValueSet({{"k", "v"}});
+        wrongType.complete();
+        expectThrow<zfw::SystemException>([&] { c.read(wrongType); }, c.errorText, 0);
         // The refused read left the position: the set is still there.
         lrpc2_kv* pairs = nullptr;
-        EXPECT_EQ(lrpc2_get_kv_set(msg.handle(), &pairs), 0);
+        EXPECT_EQ(lrpc2_get_kv_set(wrongType.handle(), &pairs), 0);
         lrpc2_free_kv_set(pairs, 0);
-    }
-}
 
-TEST(Lrpc2MessageReaders, MessageUnderConstructionCannotBeRead) {
-    for (const ReaderCase& c : readerCases()) {
-        SCOPED_TRACE(c.name);
-        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-        expectThrow<zfw::SystemException>([&] { c.read(msg); }, c.errorText, 0);
+        Lrpc2Message building(LRPC2_ID_KV_PING, table());
+        expectThrow<zfw::SystemException>([&] { c.read(building); }, c.errorText, 0);
+        Lrpc2Message empty;
+        expectThrow<zfw::SystemException>([&] { c.read(empty); }, c.errorText, 0);
     }
-}
-
-TEST(Lrpc2MessageReaders, EmptyWrapperCannotBeRead) {
-    Lrpc2Message msg;
-    expectThrow<zfw::SystemException>([&] { msg.readInt32(); },
-                                      "Error reading int32 from request message", 0);
 }
 
 struct WriterCase {
@@ -207,23 +184,19 @@ const std::vector<WriterCase>& writerCases() {
     return cases;
 }
 
-TEST(Lrpc2MessageWriters, CompletedMessageRefusesWritesWithTheStatus) {
+// Every writer refuses a completed message, and a message the library failed (adding with
+// no open set fails it), which cannot be completed either.
+TEST(Lrpc2MessageWriters, CompletedOrFailedMessageRefusesWritesWithTheStatus) {
     for (const WriterCase& c : writerCases()) {
         SCOPED_TRACE(c.text);
-        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-        msg.complete();
-        expectThrow<zfw::SystemException>([&] { c.write(msg); }, c.text, LRPC2_MSG_NODATA);
-    }
-}
+        Lrpc2Message completed(LRPC2_ID_KV_PING, table());
+        completed.complete();
+        expectThrow<zfw::SystemException>([&] { c.write(completed); }, c.text, LRPC2_MSG_NODATA);
 
-TEST(Lrpc2MessageWriters, FailedMessageRefusesWritesAndCompletion) {
-    for (const WriterCase& c : writerCases()) {
-        SCOPED_TRACE(c.text);
-        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-        // Adding with no open set fails the message in the library.
-        ASSERT_EQ(lrpc2_add_string(msg.handle(), "x"), LRPC2_MSG_NOSET);
-        expectThrow<zfw::SystemException>([&] { c.write(msg); }, c.text, LRPC2_MSG_INVALID);
-        expectThrow<zfw::SystemException>([&] { msg.complete(); },
+        Lrpc2Message failed(LRPC2_ID_KV_PING, table());
+        ASSERT_EQ(lrpc2_add_string(failed.handle(), "x"), LRPC2_MSG_NOSET);
+        expectThrow<zfw::SystemException>([&] { c.write(failed); }, c.text, LRPC2_MSG_INVALID);
+        expectThrow<zfw::SystemException>([&] { failed.complete(); },
                                           "Unable to complete reply message", LRPC2_MSG_INVALID);
     }
 }

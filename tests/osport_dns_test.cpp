@@ -1,16 +1,13 @@
 // DNS state and host lookups. Every case reruns itself inside private namespaces
-// (tests/support/hermetic.sh --devlog), where it writes its own /etc/hosts, /etc/resolv.conf
-// and /etc/nsswitch.conf, answers DNS queries with a small server on a loopback address,
-// and reads the "dns.state" records as syslog datagrams on its own /dev/log.
+// (KV_REQUIRE_HERMETIC_DEVLOG), where it writes its own /etc/hosts, /etc/resolv.conf and
+// /etc/nsswitch.conf, answers DNS queries with a small server on a loopback address, and
+// reads the "dns.state" records as syslog datagrams on its own /dev/log.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -28,11 +25,11 @@
 #include <thread>
 #include <vector>
 
+#include "support/hermetic.h"
+#include "support/syslog_sink.h"
 #include "zfw/osport.h"
 
 namespace {
-
-const char* const kInsideVar = "KV_OSPORT_DNS_INSIDE";
 
 // ---- a DNS server on a loopback address ----------------------------------------------
 
@@ -200,51 +197,6 @@ class DnsServer {
     std::atomic<int> m_queries{0};
 };
 
-// ---- syslog datagrams ----------------------------------------------------------------
-
-class SyslogListener {
-  public:
-    bool bindDevLog() {
-        m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        struct sockaddr_un sun = {};
-        sun.sun_family = AF_UNIX;
-        strcpy(sun.sun_path, "/dev/log");
-        unlink(sun.sun_path);
-        return m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&sun), sizeof sun) == 0 &&
-               chmod(sun.sun_path, 0666) == 0;
-    }
-    ~SyslogListener() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    // The "dns.state" records that arrived since the last call (syslog sends before it
-    // returns, so they are all queued).
-    std::vector<std::string> take() {
-        std::vector<std::string> records;
-        char buf[2048];
-        ssize_t n;
-        while ((n = recv(m_fd, buf, sizeof buf, MSG_DONTWAIT)) > 0) {
-            std::string record(buf, static_cast<size_t>(n));
-            if (record.find(" dns.state ") != std::string::npos) {
-                records.push_back(record);
-            }
-        }
-        return records;
-    }
-    // How many of those records contain text.
-    int count(const std::string& text) {
-        int found = 0;
-        for (const std::string& r : take()) {
-            found += r.find(text) != std::string::npos ? 1 : 0;
-        }
-        return found;
-    }
-
-  private:
-    int m_fd = -1;
-};
-
 // Runs functions on one thread of its own, one at a time, for the caller.
 class Worker {
   public:
@@ -297,14 +249,9 @@ std::vector<std::string> numbered(const std::string& prefix, int from, int to) {
 
 class OsportDns : public ::testing::Test {
   protected:
-    // In the outer run: reruns this case in private namespaces, checks it passed and
-    // returns false. In the rerun: prepares the files, the server and /dev/log.
-    bool inside() {
-        if (getenv(kInsideVar) == nullptr) {
-            rerunInside();
-            return false;
-        }
-        EXPECT_TRUE(m_syslog.bindDevLog());
+    // Inside the private namespaces: the files, the server and /dev/log.
+    bool prepare() {
+        m_syslog.reset(new kvtest::SyslogSink());
         EXPECT_TRUE(m_dns.start());
         std::ofstream("/etc/hosts") << "127.0.0.1 localhost\n"
                                        "10.0.0.1 official.test nick.test\n"
@@ -313,6 +260,17 @@ class OsportDns : public ::testing::Test {
             << "nameserver " << m_dns.address() << "\noptions timeout:11 attempts:1\n";
         std::ofstream("/etc/nsswitch.conf") << "hosts: files dns\n";
         return !HasFailure();
+    }
+
+    // The "dns.state" records that arrived since the last call.
+    std::vector<std::string> records() { return m_syslog->takeTexts(" dns.state "); }
+    // How many of those records contain text.
+    int count(const std::string& text) {
+        int found = 0;
+        for (const std::string& r : records()) {
+            found += r.find(text) != std::string::npos ? 1 : 0;
+        }
+        return found;
     }
 
     static std::string hostsLines() {
@@ -339,25 +297,7 @@ class OsportDns : public ::testing::Test {
         return z;
     }
 
-    void rerunInside() {
-        const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        std::string filter =
-            std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name();
-        char self[4096];
-        ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-        ASSERT_GT(n, 0);
-        self[n] = '\0';
-        std::string script = KV_SOURCE_DIR "/tests/support/hermetic.sh";
-        std::string devlog = "--devlog";
-        char* argv[] = {&script[0], &devlog[0], self, &filter[0], nullptr};
-        setenv(kInsideVar, "1", 1);
-        int status = zfw::spawn(zfw::SPAWN_WAIT, 0, nullptr, script.c_str(), argv);
-        unsetenv(kInsideVar);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-            << "the case failed in private namespaces, status " << status;
-    }
-
-    SyslogListener m_syslog;
+    std::unique_ptr<kvtest::SyslogSink> m_syslog;
     DnsServer m_dns{zone()};
 };
 
@@ -370,42 +310,37 @@ void nextSecond() {
 }
 
 TEST_F(OsportDns, StateChangesAreLoggedAndStaleDownStatesForgotten) {
-    if (!inside()) {
-        return;
-    }
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    ASSERT_TRUE(prepare());
     EXPECT_TRUE(zfw::isDnsUp());
     zfw::setDnsState(true);
-    EXPECT_EQ(m_syslog.take().size(), 0u);
+    EXPECT_EQ(records().size(), 0u);
 
     zfw::setDnsState(false);
-    EXPECT_EQ(m_syslog.count(kDown), 1);
+    EXPECT_EQ(count(kDown), 1);
     zfw::setDnsState(false);
     EXPECT_FALSE(zfw::isDnsUp());
     EXPECT_FALSE(zfw::isDnsUp());
-    EXPECT_EQ(m_syslog.take().size(), 0u);
+    EXPECT_EQ(records().size(), 0u);
 
     // A stale time of 0: the down state is forgotten as soon as the second has passed.
     zfw::setDnsStaleTimes(0, 60);
     nextSecond();
     EXPECT_TRUE(zfw::isDnsUp());
     EXPECT_TRUE(zfw::isDnsUp());
-    EXPECT_EQ(m_syslog.count(kStale), 1);
+    EXPECT_EQ(count(kStale), 1);
 
     zfw::setDnsStaleTimes(300, 60);
     zfw::setDnsState(false);
     nextSecond();
     EXPECT_FALSE(zfw::isDnsUp());
     zfw::setDnsState(true);
-    std::vector<std::string> records = m_syslog.take();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_NE(records[0].find(kDown), std::string::npos) << records[0];
-    EXPECT_NE(records[1].find(kUp), std::string::npos) << records[1];
+    EXPECT_EQ(records(), (std::vector<std::string>{kDown, kUp}));
 }
 
 TEST_F(OsportDns, OverrideThreadHasItsOwnLimit) {
-    if (!inside()) {
-        return;
-    }
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    ASSERT_TRUE(prepare());
     Worker overrideThread;
     bool up = true;
     overrideThread.run([] { zfw::setDnsOverrideThread(); });
@@ -420,8 +355,8 @@ TEST_F(OsportDns, OverrideThreadHasItsOwnLimit) {
     EXPECT_TRUE(up);
     // Only the override thread sees it up: the cached state stays down, silently.
     EXPECT_FALSE(zfw::isDnsUp());
-    EXPECT_EQ(m_syslog.count(kDown), 1);
-    EXPECT_EQ(m_syslog.take().size(), 0u);
+    EXPECT_EQ(count(kDown), 1);
+    EXPECT_EQ(records().size(), 0u);
 
     // A lookup by the override thread that fails quickly marks DNS up for everybody.
     int hostError = 0;
@@ -433,13 +368,12 @@ TEST_F(OsportDns, OverrideThreadHasItsOwnLimit) {
     });
     EXPECT_EQ(hostError, HOST_NOT_FOUND);
     EXPECT_TRUE(zfw::isDnsUp());
-    EXPECT_EQ(m_syslog.count(kUp), 1);
+    EXPECT_EQ(count(kUp), 1);
 }
 
 TEST_F(OsportDns, LookupWhileDownAsksNobody) {
-    if (!inside()) {
-        return;
-    }
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    ASSERT_TRUE(prepare());
     zfw::setDnsState(false);
     int before = m_dns.queries();
     struct hostent he;
@@ -454,9 +388,8 @@ TEST_F(OsportDns, LookupWhileDownAsksNobody) {
 }
 
 TEST_F(OsportDns, SlowFailureMarksDnsDown) {
-    if (!inside()) {
-        return;
-    }
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    ASSERT_TRUE(prepare());
     struct hostent he;
     char buffer[512];
     int hostError = 0;
@@ -464,13 +397,12 @@ TEST_F(OsportDns, SlowFailureMarksDnsDown) {
     EXPECT_EQ(hostError, TRY_AGAIN);
     EXPECT_GE(m_dns.queries(), 1);
     EXPECT_FALSE(zfw::isDnsUp());
-    EXPECT_EQ(m_syslog.count(kDown), 1);
+    EXPECT_EQ(count(kDown), 1);
 }
 
 TEST_F(OsportDns, ResolverErrorsBecomeHostErrors) {
-    if (!inside()) {
-        return;
-    }
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    ASSERT_TRUE(prepare());
     struct Case {
         const char* name;
         int hostError;
@@ -491,7 +423,7 @@ TEST_F(OsportDns, ResolverErrorsBecomeHostErrors) {
         // Quick failures leave DNS up.
         EXPECT_TRUE(zfw::isDnsUp()) << c.name;
     }
-    EXPECT_EQ(m_syslog.take().size(), 0u);
+    EXPECT_EQ(records().size(), 0u);
 }
 
 // ---- filling the caller's record -----------------------------------------------------
@@ -546,9 +478,8 @@ void checkRecord(const struct hostent* he, const Expected& e, const char* buffer
 }
 
 TEST_F(OsportDns, FillsTheCallersRecord) {
-    if (!inside()) {
-        return;
-    }
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    ASSERT_TRUE(prepare());
     for (const Expected& e : lookups()) {
         struct hostent he;
         alignas(8) char buffer[2048];
@@ -562,9 +493,8 @@ TEST_F(OsportDns, FillsTheCallersRecord) {
 }
 
 TEST_F(OsportDns, NeverWritesOutsideTheBuffer) {
-    if (!inside()) {
-        return;
-    }
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    ASSERT_TRUE(prepare());
     const unsigned char kFill = 0xa5;
     const size_t kGuard = 64;
     for (const Expected& e : lookups()) {
@@ -612,9 +542,8 @@ TEST_F(OsportDns, NeverWritesOutsideTheBuffer) {
 }
 
 TEST_F(OsportDns, RejectsMissingArguments) {
-    if (!inside()) {
-        return;
-    }
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    ASSERT_TRUE(prepare());
     struct hostent he;
     char buffer[64];
     int hostError = 0;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/files.h"
 #include "zfw/osport.h"
 
 namespace {
@@ -166,27 +167,7 @@ TEST(OsportRandom, ConcurrentCallersShareOneSequence) {
 
 // ---- helpers for files and processes --------------------------------------------------
 
-class TempDir {
-  public:
-    TempDir() {
-        char pattern[] = "/tmp/osport_test.XXXXXX";
-        const char* made = mkdtemp(pattern);
-        if (made != nullptr) {
-            m_path = made;
-        }
-    }
-    ~TempDir() {
-        if (!m_path.empty()) {
-            std::string cmd = "rm -rf '" + m_path + "'";
-            (void)system(cmd.c_str());
-        }
-    }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-    const std::string& path() const { return m_path; }
-
-  private:
-    std::string m_path;
-};
+using kvtest::TempDir;
 
 struct Pipe {
     int readEnd = -1;
@@ -520,11 +501,7 @@ TEST(OsportSpawn, ExecReplacesTheCallingProcess) {
 
 TEST(OsportSpawn, ProgramThatCannotRunEndsWithNegatedErrno) {
     TempDir dir;
-    std::string path = dir.file("not-a-program");
-    {
-        std::ofstream f(path);
-        f << "neither a binary nor a script\n";
-    }
+    const std::string path = dir.write("not-a-program", "neither a binary nor a script\n");
     ASSERT_EQ(chmod(path.c_str(), 0755), 0);
     char name[] = "not-a-program";
     char* argv[] = {name, nullptr};
@@ -535,8 +512,7 @@ TEST(OsportSpawn, ProgramThatCannotRunEndsWithNegatedErrno) {
 
 TEST(OsportSpawn, BadRequestsFailWithoutStartingAnything) {
     TempDir dir;
-    std::string plainFile = dir.file("plain");
-    { std::ofstream f(plainFile); }
+    const std::string plainFile = dir.write("plain", "");
     char sh[] = "sh";
     char* argv[] = {sh, nullptr};
     int open1[1] = {0};

@@ -1,6 +1,5 @@
 // Paths, directory iteration and file utilities, on real files in a temporary directory.
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,8 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/expect_throw.h"
+#include "support/files.h"
 #include "zfw/exception.h"
 #include "zfw/file_util.h"
 #include "zfw/path.h"
@@ -29,54 +30,20 @@ std::vector<std::string> dirsOf(const path& p) {
     return std::vector<std::string>(p.dirs().begin(), p.dirs().end());
 }
 
-// In a forked child: become uid/gid 65534 without supplementary groups.
-bool dropToNobody() {
-    return setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
-           setresuid(65534, 65534, 65534) == 0;
-}
+using kvtest::present;
+using kvtest::thrownText;
 
-class TempDir : public ::testing::Test {
+// A fresh temporary directory for each case.
+class PathFiles : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char templ[] = "/tmp/kvpathtest.XXXXXX";
-        ASSERT_NE(mkdtemp(templ), nullptr) << strerror(errno);
-        m_dir = templ;
-    }
-    void TearDown() override {
-        if (!m_dir.empty()) {
-            const std::string cmd = "rm -rf '" + m_dir + "'";
-            ASSERT_EQ(system(cmd.c_str()), 0);
-        }
-    }
-    std::string at(const std::string& rest) const { return m_dir + "/" + rest; }
+    std::string at(const std::string& rest) const { return m_tmp.file(rest); }
     static void touch(const std::string& name, const std::string& content = "") {
-        std::ofstream out(name);
-        out << content;
-        ASSERT_TRUE(out.good()) << name;
-    }
-    static bool present(const std::string& name) {
-        struct stat st;
-        return lstat(name.c_str(), &st) == 0;
-    }
-    static mode_t modeOf(const std::string& name) {
-        struct stat st;
-        EXPECT_EQ(stat(name.c_str(), &st), 0) << name;
-        return st.st_mode & 07777;
+        kvtest::writeFile(name, content);
     }
 
-    std::string m_dir;
+    kvtest::TempDir m_tmp;
+    const std::string m_dir = m_tmp.path();
 };
-
-// Runs f and returns the text of the zfw exception of type E it throws ("" if none).
-template <typename E, typename F>
-std::string thrownText(F f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "";
-}
 
 struct ParseCase {
     const char* text;
@@ -169,7 +136,7 @@ TEST(PathOrder, ComparesSystemForms) {
     EXPECT_EQ(forms, (std::vector<std::string>{"a", "a/z", "b"}));
 }
 
-TEST_F(TempDir, ExistsAndIsDirectory) {
+TEST_F(PathFiles, ExistsAndIsDirectory) {
     touch(at("f"));
     EXPECT_TRUE(path("/").exists());
     EXPECT_TRUE(path("/").isDirectory());
@@ -189,18 +156,18 @@ TEST_F(TempDir, ExistsAndIsDirectory) {
     EXPECT_FALSE(path(at("with_space")).exists());
 }
 
-TEST_F(TempDir, CreateDirectories) {
+TEST_F(PathFiles, CreateDirectories) {
     const std::string deep = at("a/b/c");
     path(deep).createDirectories(0750);
     for (const char* d : {"a", "a/b", "a/b/c"}) {
         EXPECT_TRUE(path(at(d)).isDirectory()) << d;
-        EXPECT_EQ(modeOf(at(d)), 0750u) << d;
+        EXPECT_EQ(kvtest::modeOf(at(d)), 0750u) << d;
     }
     // The umask does not narrow the mode.
     const mode_t old = umask(077);
     path(at("wide/")).createDirectories(0755);
     umask(old);
-    EXPECT_EQ(modeOf(at("wide")), 0755u);
+    EXPECT_EQ(kvtest::modeOf(at("wide")), 0755u);
     // Spaces become '_' in what is created.
     path(at("my dir/sub")).createDirectories(0700);
     EXPECT_TRUE(path(at("my_dir/sub")).isDirectory());
@@ -217,7 +184,7 @@ TEST_F(TempDir, CreateDirectories) {
               "can't change permissions of " + at("file/x") + " to 1ed: " + strerror(ENOTDIR));
 }
 
-TEST_F(TempDir, Remove) {
+TEST_F(PathFiles, Remove) {
     path(at("missing")).remove(false);
     path(at("missing")).remove(true);
     touch(at("f"));
@@ -238,7 +205,7 @@ TEST_F(TempDir, Remove) {
     EXPECT_EQ(thrownText<zfw::BadDataException>([] { path().remove(true); }), "Empty path");
 }
 
-TEST_F(TempDir, RemoveTakesNamesWhole) {
+TEST_F(PathFiles, RemoveTakesNamesWhole) {
     // Entry names with a backslash or a link to elsewhere: only the entries themselves go.
     path(at("victim")).createDirectories(0755);
     touch(at("victim/keep"));
@@ -250,14 +217,14 @@ TEST_F(TempDir, RemoveTakesNamesWhole) {
     EXPECT_TRUE(present(at("victim/keep")));
 }
 
-TEST_F(TempDir, RemoveReportsFailures) {
+TEST_F(PathFiles, RemoveReportsFailures) {
     // The existence test keeps spaces, the removal uses the system form ('_').
     touch(at("a b"));
     EXPECT_EQ(thrownText<zfw::IOException>([&] { path(at("a b")).remove(false); }),
               "Cannot remove file " + at("a_b") + ": " + strerror(ENOENT));
 }
 
-TEST_F(TempDir, Rename) {
+TEST_F(PathFiles, Rename) {
     touch(at("from"), "data");
     path(at("from")).rename(path(at("to")));
     EXPECT_FALSE(present(at("from")));
@@ -270,10 +237,10 @@ TEST_F(TempDir, Rename) {
               "Empty path");
 }
 
-TEST_F(TempDir, ChmodAndChown) {
+TEST_F(PathFiles, ChmodAndChown) {
     touch(at("f"));
     path(at("f")).chmod(0640);
-    EXPECT_EQ(modeOf(at("f")), 0640u);
+    EXPECT_EQ(kvtest::modeOf(at("f")), 0640u);
     path(at("f")).chown(65534, 65534);
     struct stat st;
     ASSERT_EQ(stat(at("f").c_str(), &st), 0);
@@ -296,7 +263,7 @@ TEST(PathTemp, UniqueTempName) {
     }
 }
 
-TEST_F(TempDir, DirectoryIterator) {
+TEST_F(PathFiles, DirectoryIterator) {
     touch(at("one"));
     touch(at("two"));
     path(at("sub")).createDirectories(0755);
@@ -316,16 +283,11 @@ TEST_F(TempDir, DirectoryIterator) {
     EXPECT_EQ(thrownText<zfw::NotFoundException>(
                   [&] { zfw::directory_iterator it{path(at("missing"))}; }),
               at("missing") + ": No such directory");
-    try {
-        zfw::directory_iterator it{path(at("one"))};
-        ADD_FAILURE() << "a file opened as a directory";
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(std::string(e.what()), at("one") + ": Failed to open");
-        EXPECT_EQ(e.rc(), ENOTDIR);
-    }
+    kvtest::expectThrow<zfw::SystemException>([&] { zfw::directory_iterator it{path(at("one"))}; },
+                                              at("one") + ": Failed to open", ENOTDIR);
 }
 
-TEST_F(TempDir, MakeTempFile) {
+TEST_F(PathFiles, MakeTempFile) {
     std::string templ = at("tmpXXXXXX");
     const int fd = zfw::makeTempFile(templ);
     ASSERT_GE(fd, 0);
@@ -347,31 +309,24 @@ TEST_F(TempDir, MakeTempFile) {
     // gone again.
     ASSERT_EQ(chmod(m_dir.c_str(), 0777), 0);
     const std::string dir = m_dir;
-    kvtest::ChildProcess child([&dir] {
-        if (!dropToNobody()) {
-            return 10;
-        }
-        std::string bad = dir + "/badXXXXXX";
-        if (zfw::makeTempFile(bad, 0640, 0, 0) != -1) {
-            return 11;
-        }
-        return bad != dir + "/badXXXXXX" && !present(bad) ? 0 : 12;
-    });
-    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(kvtest::runAsNobody([&dir] {
+                  std::string bad = dir + "/badXXXXXX";
+                  if (zfw::makeTempFile(bad, 0640, 0, 0) != -1) {
+                      return 11;
+                  }
+                  return bad != dir + "/badXXXXXX" && !present(bad) ? 0 : 12;
+              }),
+              0);
 
     std::string missing = at("nodir/tmpXXXXXX");
-    try {
-        zfw::makeTempFile(missing);
-        ADD_FAILURE() << "no exception";
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(std::string(e.what()), std::string("OS call failed: ") + strerror(ENOENT));
-        EXPECT_EQ(e.rc(), -1);
-    }
+    kvtest::expectThrow<zfw::SystemException>([&] { zfw::makeTempFile(missing); },
+                                              std::string("OS call failed: ") + strerror(ENOENT),
+                                              -1);
     std::string noXs = at("plain");
     EXPECT_THROW(zfw::makeTempFile(noXs), zfw::SystemException);
 }
 
-TEST_F(TempDir, OpenTempFile) {
+TEST_F(PathFiles, OpenTempFile) {
     std::string templ = at("streamXXXXXX");
     std::ofstream out;
     zfw::openTempFile(&templ[0], 0604, out);
@@ -393,26 +348,24 @@ TEST_F(TempDir, OpenTempFile) {
 
     ASSERT_EQ(chmod(m_dir.c_str(), 0777), 0);
     const std::string dir = m_dir;
-    kvtest::ChildProcess child([&dir] {
-        if (!dropToNobody()) {
-            return 10;
-        }
-        std::string bad = dir + "/badXXXXXX";
-        std::ofstream out3;
-        try {
-            zfw::openTempFile(&bad[0], 0600, 0, 0, out3);
-            return 11;
-        } catch (const zfw::SystemException& e) {
-            if (std::string(e.what()) != std::string("OS call failed: ") + strerror(EPERM)) {
-                return 12;
+    EXPECT_EQ(
+        kvtest::runAsNobody([&dir] {
+            std::string bad = dir + "/badXXXXXX";
+            std::ofstream out3;
+            try {
+                zfw::openTempFile(&bad[0], 0600, 0, 0, out3);
+                return 11;
+            } catch (const zfw::SystemException& e) {
+                if (std::string(e.what()) != std::string("OS call failed: ") + strerror(EPERM)) {
+                    return 12;
+                }
             }
-        }
-        return !out3.is_open() && !present(bad) ? 0 : 13;
-    });
-    EXPECT_EQ(child.wait(), 0);
+            return !out3.is_open() && !present(bad) ? 0 : 13;
+        }),
+        0);
 }
 
-TEST_F(TempDir, FileModeAndSize) {
+TEST_F(PathFiles, FileModeAndSize) {
     touch(at("f"), "12345678");
     ASSERT_EQ(chmod(at("f").c_str(), 04751), 0);
     EXPECT_EQ(zfw::fileMode(at("f")), 0751u);
@@ -423,7 +376,7 @@ TEST_F(TempDir, FileModeAndSize) {
     EXPECT_THROW(zfw::fileSize(at("missing")), zfw::SystemException);
 }
 
-TEST_F(TempDir, OpenDirectory) {
+TEST_F(PathFiles, OpenDirectory) {
     touch(at("x"));
     std::set<std::string> names;
     {
@@ -433,13 +386,8 @@ TEST_F(TempDir, OpenDirectory) {
         }
     }
     EXPECT_EQ(names, (std::set<std::string>{".", "..", "x"}));
-    try {
-        zfw::OpenDirectory dir(at("missing"));
-        ADD_FAILURE() << "no exception";
-    } catch (const zfw::NotFoundException& e) {
-        EXPECT_EQ(std::string(e.what()), "cannot open dir");
-        EXPECT_EQ(e.rc(), ENOENT);
-    }
+    kvtest::expectThrow<zfw::NotFoundException>([&] { zfw::OpenDirectory dir(at("missing")); },
+                                                "cannot open dir", ENOENT);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // in a private temporary directory, read back by the store's own parser, and real
 // processes competing for the lock.
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/files.h"
 #include "zfw/file_util.h"
 #include "zfw/properties.h"
 
@@ -23,45 +23,10 @@ namespace {
 using zfw::Properties;
 using zfw::StringList;
 
-class TempDir {
-  public:
-    TempDir() {
-        char templ[] = "/tmp/kvsaveXXXXXX";
-        const char* made = mkdtemp(templ);
-        m_path = made != nullptr ? made : "";
-        // Readable by the unprivileged user of the unwritable-directory case.
-        chmod(m_path.c_str(), 0755);
-    }
-    ~TempDir() {
-        if (!m_path.empty()) {
-            const std::string command = "rm -rf '" + m_path + "'";
-            EXPECT_EQ(system(command.c_str()), 0);
-        }
-    }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-    const std::string& path() const { return m_path; }
-
-  private:
-    std::string m_path;
-};
-
-void writeFile(const std::string& name, const std::string& content) {
-    std::ofstream out(name, std::ios::binary | std::ios::trunc);
-    out << content;
-    out.close();
-    ASSERT_TRUE(out.good()) << name;
-}
-
-std::string readFile(const std::string& name) {
-    std::string content;
-    EXPECT_TRUE(zfw::readRegularFile(name, content)) << name;
-    return content;
-}
-
-bool present(const std::string& name) {
-    struct stat st;
-    return lstat(name.c_str(), &st) == 0;
-}
+using kvtest::present;
+using kvtest::readFile;
+using kvtest::TempDir;
+using kvtest::writeFile;
 
 // A store holding exactly what the text says, read by the real parser.
 std::unique_ptr<Properties> storeOf(const std::string& text, bool expand = true) {
@@ -239,9 +204,7 @@ TEST(PropertiesSave, UnchangedStoreKeepsTheFile) {
               "d: 4\n");
     EXPECT_FALSE(present(path + ".lock"));
     EXPECT_FALSE(present(path + ".new"));
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0644u);
+    EXPECT_EQ(kvtest::modeOf(path), 0644u);
 
     writeFile(path, "a=1\nb=2\n");
     Properties again(true, false);
@@ -301,14 +264,8 @@ TEST(PropertiesSave, UnwritableDirectoryFailsAsAnotherUser) {
     const std::string path = dir.file("p.conf");
     writeFile(path, "a=1\n");
     ASSERT_EQ(chmod(path.c_str(), 0644), 0);
-    kvtest::ChildProcess child([&path]() {
-        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
-            return 90;
-        }
-        std::unique_ptr<Properties> props = storeOf("a=2\n");
-        return props->save(path) == -1 ? 0 : 1;
-    });
-    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(kvtest::runAsNobody([&path] { return storeOf("a=2\n")->save(path) == -1 ? 0 : 1; }),
+              0);
     EXPECT_EQ(readFile(path), "a=1\n");
     EXPECT_FALSE(present(path + ".lock"));
     EXPECT_FALSE(present(path + ".new"));

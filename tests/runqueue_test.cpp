@@ -18,6 +18,7 @@
 
 #include "support/hermetic.h"
 #include "support/syslog_sink.h"
+#include "support/wait.h"
 #include "support/zfw_config.h"
 #include "zfw/exception.h"
 #include "zfw/runqueue.h"
@@ -25,15 +26,7 @@
 
 namespace {
 
-bool eventually(const std::function<bool()>& cond) {
-    for (int i = 0; i < 20000000; ++i) {
-        if (cond()) {
-            return true;
-        }
-        sched_yield();
-    }
-    return cond();
-}
+using kvtest::eventually;
 
 // Appends its name to a shared journal when run; optionally unique under its key.
 class Step : public zfw::QueueAble {
@@ -71,6 +64,21 @@ class Call : public zfw::QueueAble {
 
 zfw::RunQueue::Item call(std::function<void()> body) {
     return boost::make_shared<Call>(std::move(body));
+}
+
+// Threads that run the queue until they are interrupted; `left` counts those that left.
+std::vector<std::thread> startConsumers(zfw::RunQueue& queue, int count, std::atomic<int>& left) {
+    std::vector<std::thread> consumers;
+    for (int i = 0; i < count; ++i) {
+        consumers.emplace_back([&queue, &left] {
+            try {
+                queue.run(0);
+            } catch (const zfw::QueueInterrupted&) {
+                ++left;
+            }
+        });
+    }
+    return consumers;
 }
 
 class RunQueueTest : public ::testing::Test {
@@ -202,16 +210,7 @@ TEST_F(RunQueueTest, EachInterruptStopsOneOfSeveralConsumers) {
     zfw::RunQueue queue(0, true);
     constexpr int kConsumers = 3;
     std::atomic<int> left{0};
-    std::vector<std::thread> consumers;
-    for (int i = 0; i < kConsumers; ++i) {
-        consumers.emplace_back([&] {
-            try {
-                queue.run(0);
-            } catch (const zfw::QueueInterrupted&) {
-                ++left;
-            }
-        });
-    }
+    std::vector<std::thread> consumers = startConsumers(queue, kConsumers, left);
     for (int round = 1; round <= kConsumers; ++round) {
         queue.interrupt();
         ASSERT_TRUE(eventually([&] { return left.load() >= round; }));
@@ -271,17 +270,7 @@ TEST_F(RunQueueTest, ProducersAndConsumersUnderContention) {
     zfw::RunQueue queue(16, true);
     std::vector<std::atomic<int>> runs(kProducers * kItems);
     std::atomic<int> left{0};
-
-    std::vector<std::thread> consumers;
-    for (int i = 0; i < kConsumers; ++i) {
-        consumers.emplace_back([&] {
-            try {
-                queue.run(0);
-            } catch (const zfw::QueueInterrupted&) {
-                ++left;
-            }
-        });
-    }
+    std::vector<std::thread> consumers = startConsumers(queue, kConsumers, left);
     std::vector<std::thread> producers;
     for (int p = 0; p < kProducers; ++p) {
         producers.emplace_back([&, p] {

@@ -15,6 +15,7 @@
 
 #include "support/hermetic.h"
 #include "support/syslog_sink.h"
+#include "support/wait.h"
 #include "support/zfw_config.h"
 #include "zfw/exception.h"
 #include "zfw/mutex.h"
@@ -22,16 +23,7 @@
 
 namespace {
 
-// Spins (yielding) until cond holds; the bound only keeps a broken build from hanging.
-bool eventually(const std::function<bool()>& cond) {
-    for (int i = 0; i < 20000000; ++i) {
-        if (cond()) {
-            return true;
-        }
-        sched_yield();
-    }
-    return cond();
-}
+using kvtest::eventually;
 
 // Entry functions take a std::function so that each case can say what runs on the thread.
 void* runFunction(void* arg) {

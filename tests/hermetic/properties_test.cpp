@@ -25,7 +25,7 @@
 
 namespace {
 
-using propstest::writeFile;
+using kvtest::writeFile;
 using zfw::Properties;
 using zfw::StringList;
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "hermetic/props_support.h"
+#include "support/expect_throw.h"
 #include "zfw/exception.h"
 #include "zfw/mutex.h"
 #include "zfw/path.h"
@@ -18,11 +19,11 @@
 
 namespace {
 
-using propstest::modeOf;
-using propstest::present;
-using propstest::readFile;
-using propstest::thrownText;
-using propstest::writeFile;
+using kvtest::modeOf;
+using kvtest::present;
+using kvtest::readFile;
+using kvtest::thrownText;
+using kvtest::writeFile;
 
 const std::string kDir = "/var/zantormx/";
 
@@ -94,31 +95,15 @@ TEST_F(SettingTest, ReadKsetFileErrors) {
          {std::string("a\nb"), std::string("a\r"), std::string("a\tb"), std::string("a\n\n"),
           std::string("\x7f"), std::string("a\0b", 3)}) {
         writeFile(file, content);
-        try {
-            zfw::readKsetFile("k");
-            ADD_FAILURE() << "no exception for " << content;
-        } catch (const zfw::BadDataException& e) {
-            EXPECT_EQ(std::string(e.what()), control);
-            EXPECT_EQ(e.rc(), -1);
-        }
+        kvtest::expectThrow<zfw::BadDataException>([] { zfw::readKsetFile("k"); }, control, -1);
     }
     writeFile(file, std::string(1025, 'v'));
-    try {
-        zfw::readKsetFile("k");
-        ADD_FAILURE() << "no exception for 1025 bytes";
-    } catch (const zfw::IOException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "Size of kset file(" + file + ") exceeded max size(1024 bytes)");
-        EXPECT_EQ(e.rc(), -1);
-    }
-    try {
-        zfw::readKsetFile("missing");
-        ADD_FAILURE() << "no exception for a missing file";
-    } catch (const zfw::IOException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "Cannot open file " + kDir + "kset.missing: " + strerror(ENOENT));
-        EXPECT_EQ(e.rc(), ENOENT);
-    }
+    kvtest::expectThrow<zfw::IOException>(
+        [] { zfw::readKsetFile("k"); },
+        "Size of kset file(" + file + ") exceeded max size(1024 bytes)", -1);
+    kvtest::expectThrow<zfw::IOException>(
+        [] { zfw::readKsetFile("missing"); },
+        "Cannot open file " + kDir + "kset.missing: " + strerror(ENOENT), ENOENT);
     // A directory under the name cannot be read; a FIFO reads as empty without blocking.
     ASSERT_EQ(mkdir((kDir + "kset.dir").c_str(), 0755), 0);
     EXPECT_THROW(zfw::readKsetFile("dir"), zfw::IOException);
@@ -159,14 +144,9 @@ TEST_F(SettingTest, WriteKsetFileFailures) {
     // A directory in the way of the rename: the error names the file, the temporary goes.
     ASSERT_EQ(mkdir((kDir + "kset.blocked").c_str(), 0755), 0);
     writeFile(kDir + "kset.blocked/inside", "x");
-    try {
-        zfw::writeKsetFile("blocked", "v", 0);
-        ADD_FAILURE() << "no exception";
-    } catch (const zfw::IOException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "Cannot rename file to " + kDir + "kset.blocked: " + strerror(EISDIR));
-        EXPECT_EQ(e.rc(), EISDIR);
-    }
+    kvtest::expectThrow<zfw::IOException>(
+        [] { zfw::writeKsetFile("blocked", "v", 0); },
+        "Cannot rename file to " + kDir + "kset.blocked: " + strerror(EISDIR), EISDIR);
     int entries = 0;
     for (zfw::directory_iterator it{zfw::path(kDir)}; it != zfw::directory_iterator::end(); ++it) {
         ++entries;
@@ -223,13 +203,8 @@ TEST_F(SettingTest, ChangeDataDirOnlyBeforeFirstRead) {
     zfw::changeDataDir(kDir);
     writeFile(kDir + "kset.host", "h");
     EXPECT_EQ(zfw::getSetting("host"), "h");
-    try {
-        zfw::changeDataDir("/var/zantormx/other/");
-        ADD_FAILURE() << "no exception";
-    } catch (const zfw::AlreadyException& e) {
-        EXPECT_EQ(std::string(e.what()), "change data dir");
-        EXPECT_EQ(e.rc(), -1);
-    }
+    kvtest::expectThrow<zfw::AlreadyException>([] { zfw::changeDataDir("/var/zantormx/other/"); },
+                                               "change data dir", -1);
     EXPECT_EQ(zfw::getDataDir(), kDir);
 }
 
@@ -281,13 +256,8 @@ TEST_F(SettingTest, StaleTemporaryFilesAreRemoved) {
 
     ASSERT_EQ(rmdir((kDir + "dir.KSET.TEMP").c_str()), 0);
     ASSERT_EQ(system("umount /var/zantormx && rmdir /var/zantormx"), 0);
-    try {
-        zfw::removeStaleTempFiles();
-        ADD_FAILURE() << "no exception";
-    } catch (const zfw::NotFoundException& e) {
-        EXPECT_EQ(std::string(e.what()), "cannot open dir");
-        EXPECT_EQ(e.rc(), ENOENT);
-    }
+    kvtest::expectThrow<zfw::NotFoundException>([] { zfw::removeStaleTempFiles(); },
+                                                "cannot open dir", ENOENT);
     ASSERT_EQ(system("mkdir /var/zantormx && mount -t tmpfs kvhermetic /var/zantormx"), 0);
 }
 

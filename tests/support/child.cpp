@@ -1,6 +1,7 @@
 #include "support/child.h"
 
 #include <errno.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -28,26 +29,40 @@ ChildProcess::~ChildProcess() {
 }
 
 int ChildProcess::wait() {
-    if (m_pid <= 0) {
-        return -1;
+    if (m_pid > 0 && m_status < 0) {
+        m_status = waitExit(m_pid);
     }
-    if (m_status >= 0) {
-        return m_status;
-    }
+    return m_pid > 0 ? m_status : -1;
+}
+
+int runAsNobody(const std::function<int()>& body) {
+    ChildProcess child([&body] {
+        if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+            setresuid(65534, 65534, 65534) != 0) {
+            return 99;
+        }
+        return body();
+    });
+    return child.wait();
+}
+
+int waitExit(pid_t pid) {
     int raw = 0;
-    while (waitpid(m_pid, &raw, 0) < 0) {
+    while (waitpid(pid, &raw, 0) < 0) {
         if (errno != EINTR) {
             return -1;
         }
     }
-    m_status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-    return m_status;
+    return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
 }
 
-bool writeFully(int fd, const void* data, size_t n) {
-    const auto* p = static_cast<const uint8_t*>(data);
+namespace {
+
+// Moves `n` bytes with `op` (read or write), retrying after interruptions and short counts.
+template <typename Byte, typename Op>
+bool transferFully(int fd, Byte* p, size_t n, Op op) {
     while (n > 0) {
-        const ssize_t r = write(fd, p, n);
+        const ssize_t r = op(fd, p, n);
         if (r < 0 && errno == EINTR) {
             continue;
         }
@@ -58,22 +73,16 @@ bool writeFully(int fd, const void* data, size_t n) {
         n -= static_cast<size_t>(r);
     }
     return true;
+}
+
+}  // namespace
+
+bool writeFully(int fd, const void* data, size_t n) {
+    return transferFully(fd, static_cast<const uint8_t*>(data), n, ::write);
 }
 
 bool readFully(int fd, void* data, size_t n) {
-    auto* p = static_cast<uint8_t*>(data);
-    while (n > 0) {
-        const ssize_t r = read(fd, p, n);
-        if (r < 0 && errno == EINTR) {
-            continue;
-        }
-        if (r <= 0) {
-            return false;
-        }
-        p += r;
-        n -= static_cast<size_t>(r);
-    }
-    return true;
+    return transferFully(fd, static_cast<uint8_t*>(data), n, ::read);
 }
 
 void sleepMs(int ms) {

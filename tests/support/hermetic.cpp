@@ -1,6 +1,7 @@
 #include "support/hermetic.h"
 
-#include <sys/wait.h>
+#include "support/child.h"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -73,13 +74,7 @@ int rerunInHermetic(bool devlog) {
     if (pid < 0) {
         return -1;
     }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) {
-            return -1;
-        }
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return waitExit(pid);
 }
 
 }  // namespace kvtest

@@ -1,34 +1,20 @@
 #include "support/kvdsim.h"
 
+#include "support/child.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 
 namespace kvtest {
 
-std::string kvdsimPath() { return KVDSIM_PATH; }
-
-TempDir::TempDir() {
-    char name[] = "/tmp/kvtest.XXXXXX";
-    if (mkdtemp(name) != nullptr) {
-        m_path = name;
-        chmod(name, 0755);
-    }
-}
-
-TempDir::~TempDir() {
-    if (!m_path.empty()) {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
+std::string kvdsimPath() {
+    return KVDSIM_PATH;
 }
 
 Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
@@ -89,16 +75,9 @@ std::vector<std::string> Kvdsim::log() const {
 }
 
 int Kvdsim::wait() {
-    if (m_pid <= 0 || m_status >= 0) {
-        return m_status;
+    if (m_pid > 0 && m_status < 0) {
+        m_status = waitExit(m_pid);
     }
-    int raw = 0;
-    while (waitpid(m_pid, &raw, 0) < 0) {
-        if (errno != EINTR) {
-            return -1;
-        }
-    }
-    m_status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
     return m_status;
 }
 

@@ -7,24 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "support/files.h"
+
 namespace kvtest {
 
 // Path of the built kvdsim executable.
 std::string kvdsimPath();
-
-// A private directory under /tmp (mode 0755), removed with everything in it.
-class TempDir {
-  public:
-    TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir();
-    const std::string& path() const { return m_path; }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-
-  private:
-    std::string m_path;
-};
 
 class Kvdsim {
   public:

@@ -2,13 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
 
+#include "support/child.h"
 #include "support/hermetic.h"
 
 namespace kvtest {
@@ -73,15 +73,8 @@ ProgramResult runProgram(const std::vector<std::string>& argv, bool unprivileged
         execv(args[0], args.data());
         _exit(127);
     }
-    int raw = 0;
-    pid_t waited = -1;
-    if (pid > 0) {
-        do {
-            waited = waitpid(pid, &raw, 0);
-        } while (waited < 0 && errno == EINTR);
-    }
-    if (waited == pid) {
-        result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+    result.status = pid > 0 ? waitExit(pid) : -1;
+    if (result.status >= 0) {
         result.out = readAll(out);
         result.err = readAll(err);
     }

@@ -79,7 +79,7 @@ bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out) {
     return true;
 }
 
-SyslogSink::SyslogSink() {
+SyslogSink::SyslogSink(bool reading) {
     if (!insideHermeticDevLog()) {
         ADD_FAILURE() << "refusing to bind /dev/log outside hermetic.sh --devlog";
         return;
@@ -94,14 +94,24 @@ SyslogSink::SyslogSink() {
         ADD_FAILURE() << "cannot bind /dev/log: " << strerror(errno);
         return;
     }
-    pthread_create(&m_reader, nullptr, readerMain, this);
+    if (reading) {
+        startReading();
+    }
+}
+
+void SyslogSink::startReading() {
+    if (m_stopPipe[0] >= 0 && !m_reading) {
+        m_reading = pthread_create(&m_reader, nullptr, readerMain, this) == 0;
+    }
 }
 
 SyslogSink::~SyslogSink() {
-    if (m_stopPipe[1] >= 0) {
+    if (m_reading) {
         const char stop = 0;
         (void)!write(m_stopPipe[1], &stop, 1);
         pthread_join(m_reader, nullptr);
+    }
+    if (m_stopPipe[1] >= 0) {
         close(m_stopPipe[0]);
         close(m_stopPipe[1]);
     }

@@ -28,12 +28,16 @@ class SyslogSink {
   public:
     // Binds "/dev/log" (mode 0666) and starts reading it on a thread of its own, so that
     // writers never block on a full socket queue. Outside a private /dev it fails the
-    // current test and binds nothing.
-    SyslogSink();
+    // current test and binds nothing. A sink that is not `reading` reads nothing until
+    // startReading(): once ten datagrams wait (the system's queue length for datagram
+    // sockets), syslog() blocks.
+    explicit SyslogSink(bool reading = true);
     ~SyslogSink();
     SyslogSink(const SyslogSink&) = delete;
     SyslogSink& operator=(const SyslogSink&) = delete;
 
+    // Starts the reading thread of a sink made without it.
+    void startReading();
     // Every datagram received so far, oldest first; they are removed from the sink.
     // syslog() has queued its datagram before it returns, so a record logged before this
     // call is always included.
@@ -50,6 +54,7 @@ class SyslogSink {
     int m_fd = -1;
     int m_stopPipe[2] = {-1, -1};
     pthread_t m_reader{};
+    bool m_reading = false;
     pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
     std::vector<std::string> m_received;
 };
