@@ -66,6 +66,7 @@ class Cursor {
     Cursor(const uint8_t* begin, const uint8_t* end) : m_pos(begin), m_end(end) {}
     int peek() const { return m_pos < m_end ? *m_pos : kEnd; }
     void advance() { ++m_pos; }
+    const uint8_t* position() const { return m_pos; }
 
   private:
     const uint8_t* m_pos;

@@ -218,11 +218,16 @@ KeyResult readKey(Cursor& in, Text& key) {
 
 void readRawValue(Cursor& in, Text& value) {
     for (int c = in.peek(); c != kEnd && !isLineEnd(c); c = in.peek()) {
-        in.advance();
         if (c != '\\') {
-            value.add(static_cast<char>(c));
+            // The run of plain characters up to the next backslash or line end at once.
+            const uint8_t* run = in.position();
+            for (int r = c; r != kEnd && r != '\\' && !isLineEnd(r); r = in.peek()) {
+                in.advance();
+            }
+            value.add(reinterpret_cast<const char*>(run), static_cast<size_t>(in.position() - run));
             continue;
         }
+        in.advance();
         const int next = in.peek();
         if (next == kEnd) {
             break;

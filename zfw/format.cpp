@@ -132,6 +132,7 @@ char signFor(bool negative, unsigned flags) {
 // constant so that the division compiles to a multiplication.
 template <unsigned Base>
 int integerDigits(uint64_t magnitude, const char* digitSet, char* digits) {
+    // One past the end of the caller's array, which is written backwards.
     char* p = digits + kMaxIntegerDigits;
     do {
         *--p = digitSet[magnitude % Base];

@@ -73,7 +73,7 @@ std::string processName() {
     if (program_invocation_short_name == nullptr || program_invocation_short_name[0] == '\0') {
         ensureProgramName();
     }
-    return program_invocation_short_name;
+    return program_invocation_short_name != nullptr ? program_invocation_short_name : "";
 }
 
 int32_t levelPriority(int32_t level) {

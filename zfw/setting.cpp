@@ -101,7 +101,7 @@ class TempFileRemover {
 std::string getSetting(const std::string& key, bool noOverride) {
     if (!noOverride) {
         // The properties lock is taken and released before the settings lock.
-        const std::string override = Properties::getProperties(false)->get("kset." + key);
+        std::string override = Properties::getProperties(false)->get("kset." + key);
         if (!override.empty()) {
             return override;
         }

@@ -36,11 +36,14 @@ class Base_Exception : public ZFWException {
     std::string m_message;
 };
 
+// A class name cannot be parenthesised.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define ZFW_DECLARE_EXCEPTION(Name)           \
     class Name : public Base_Exception {      \
       public:                                 \
         using Base_Exception::Base_Exception; \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 ZFW_DECLARE_EXCEPTION(SystemException);
 ZFW_DECLARE_EXCEPTION(IOException);

@@ -17,10 +17,10 @@
 namespace zfw {
 
 // Start routine handed to pthread_create; its argument is the zfw::Thread.
-void* ThreadStart(void* thread);
+void* ThreadStart(void* arg);
 // Destructor of the thread key: runs when a thread ends (cancelled or by pthread_exit)
 // inside its entry function.
-void ThreadCancelCleanup(void* thread);
+void ThreadCancelCleanup(void* arg);
 
 class Thread {
   public:
@@ -79,8 +79,8 @@ class Thread {
     pthread_t id() const { return m_id.load(std::memory_order_acquire); }
 
   private:
-    friend void* ThreadStart(void* thread);
-    friend void ThreadCancelCleanup(void* thread);
+    friend void* ThreadStart(void* arg);
+    friend void ThreadCancelCleanup(void* arg);
 
     // The flags are read by other threads without a lock, hence atomic.
     std::string m_name;
