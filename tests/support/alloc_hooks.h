@@ -107,6 +107,11 @@ void* __wrap_malloc(size_t size) {
         return nullptr;
     }
     void* block = __real_malloc(size);
+    // A reused block may still hold what a test's own (unwatched) code freed into it: start
+    // every block clean, so that a pattern found later was written by the code under test.
+    if (block != nullptr) {
+        memset(block, 0, malloc_usable_size(block));
+    }
     alloc_hooks::note_alloc(block, 1);
     return block;
 }
@@ -127,7 +132,12 @@ void* __wrap_realloc(void* block, size_t size) {
     if (alloc_hooks::holds_pattern(block)) {
         ++alloc_hooks::state().pattern_reallocs;
     }
+    const size_t before = block != nullptr ? malloc_usable_size(block) : 0;
     void* moved = __real_realloc(block, size);
+    if (moved != nullptr && malloc_usable_size(moved) > before) {
+        // As for malloc: only the bytes carried over from the old block are the caller's.
+        memset(static_cast<char*>(moved) + before, 0, malloc_usable_size(moved) - before);
+    }
     if (block == nullptr) {
         alloc_hooks::note_alloc(moved, 1);
     }
