@@ -89,19 +89,23 @@ TEST(Lrpc2Bytebuf, SizesThatDoNotFitThirtyTwoBitsAreRefused) {
 }
 
 TEST(Lrpc2Bytebuf, RefusedMemoryLeavesTheBufferAsItWas) {
-    Buf buf;
-    ASSERT_NE(bytebuf_append_str(&buf.b, "keep"), nullptr);
-    const lrpc2_bytebuf before = buf.b;
-    alloc_hooks::start(1);
-    const int ok = bytebuf_reserve(&buf.b, 600);
-    alloc_hooks::stop();
-    EXPECT_TRUE(alloc_hooks::state().failed);
-    EXPECT_EQ(ok, 0);
-    EXPECT_EQ(buf.b.start, before.start);
-    EXPECT_EQ(buf.b.pos, before.pos);
-    EXPECT_EQ(buf.b.end, before.end);
-    EXPECT_EQ(buf.b.capacity, before.capacity);
-    EXPECT_EQ(buf.text(), "keep");
+    // Plain and wiping growth alike.
+    for (const bool wipe : {false, true}) {
+        SCOPED_TRACE(wipe ? "bytebuf_reserve_wipe" : "bytebuf_reserve");
+        Buf buf;
+        ASSERT_NE(bytebuf_append_str(&buf.b, "keep"), nullptr);
+        const lrpc2_bytebuf before = buf.b;
+        alloc_hooks::start(1);
+        const int ok = wipe ? bytebuf_reserve_wipe(&buf.b, 600, 1) : bytebuf_reserve(&buf.b, 600);
+        alloc_hooks::stop();
+        EXPECT_TRUE(alloc_hooks::state().failed);
+        EXPECT_EQ(ok, 0);
+        EXPECT_EQ(buf.b.start, before.start);
+        EXPECT_EQ(buf.b.pos, before.pos);
+        EXPECT_EQ(buf.b.end, before.end);
+        EXPECT_EQ(buf.b.capacity, before.capacity);
+        EXPECT_EQ(buf.text(), "keep");
+    }
 
     Buf fresh;
     alloc_hooks::start(1);
@@ -263,21 +267,10 @@ TEST(Lrpc2Bytebuf, WipingGrowthAndDetachLeaveNoCopyBehind) {
     }
 }
 
-TEST(Lrpc2Bytebuf, WipingGrowthAndDetachKeepTheBufferWhenMemoryIsRefused) {
+TEST(Lrpc2Bytebuf, WipingDetachKeepsTheBlockWhenMemoryIsRefused) {
     Buf buf;
     ASSERT_NE(bytebuf_append_str(&buf.b, "keep"), nullptr);
     const lrpc2_bytebuf before = buf.b;
-    alloc_hooks::start(1);
-    const int ok = bytebuf_reserve_wipe(&buf.b, 600, 1);
-    alloc_hooks::stop();
-    EXPECT_TRUE(alloc_hooks::state().failed);
-    EXPECT_EQ(ok, 0);
-    EXPECT_EQ(buf.b.start, before.start);
-    EXPECT_EQ(buf.b.pos, before.pos);
-    EXPECT_EQ(buf.b.end, before.end);
-    EXPECT_EQ(buf.b.capacity, before.capacity);
-    EXPECT_EQ(buf.text(), "keep");
-
     alloc_hooks::start(1);
     uint8_t* block = bytebuf_detach_wipe(&buf.b, 1);
     alloc_hooks::stop();
