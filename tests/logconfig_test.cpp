@@ -2,6 +2,7 @@
 // checked on the records that reach a private "/dev/log".
 #include <dirent.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -179,19 +180,47 @@ TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
 // The first record of the process decides about openlog from "logger.openlog.<program>";
 // turning it off or leaving it on is checked end to end with kvstop (kvstop_log_test.cpp),
 // these cases are about which record decides.
-TEST_F(LogConfigTest, AComplaintDoesNotDecideAboutOpenlog) {
+struct OpenlogCase {
+    const char* name;
+    std::string configFile;
+    bool privateStore;  // the complaint comes from a store of its own, after the load
+    int expectPid;      // 1: every record carries "[pid]"; 0: none does
+};
+
+TEST_F(LogConfigTest, ComplaintsUnderTheLoadDecideAboutOpenlog) {
     KV_REQUIRE_HERMETIC_DEVLOG();
-    loadEmptyConfigFile();
-    // The first record is a complaint, delivered under the registry lock: syslog's defaults.
-    configureFrom("log=loud\n");
-    Logger::get("next")->log(Logger::INFO, "decides");
-    const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].text,
-              complaint("Illegal value for property 'log': 'loud'. Using 'INFO'."));
-    EXPECT_EQ(records[0].pid, -1);
-    EXPECT_EQ(records[1].text, "INFO  next decides");
-    EXPECT_EQ(records[1].pid, getpid());
+    const std::string off = "logger.openlog." + zfw::processName() + "=no\n";
+    const OpenlogCase cases[] = {
+        {"first load complains", "log.x=loud\n", false, 1},
+        {"first load complains, openlog off", "log.x=loud\n" + off, false, 0},
+        {"private store complains", "", true, 1},
+    };
+    for (const OpenlogCase& c : cases) {
+        // Each case needs a process of its own: the decision is made once.
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            kvtest::writeFile(zfw::Properties::gConfigPath, c.configFile);
+            zfw::Properties::getProperties(false);
+            if (c.privateStore) {
+                configureFrom("log.x=loud\n");
+            }
+            Logger::get("next")->log(Logger::ERROR, "after");
+            _exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_EQ(status, 0) << c.name;
+        const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
+        ASSERT_EQ(records.size(), 2u) << c.name;
+        EXPECT_EQ(records[0].text, complaint("Illegal log level. Property: 'log.x', value: 'loud'"))
+            << c.name;
+        EXPECT_EQ(records[0].identity, zfw::processName()) << c.name;
+        EXPECT_EQ(records[1].text, "ERROR next after") << c.name;
+        for (const kvtest::SyslogRecord& r : records) {
+            EXPECT_EQ(r.pid, c.expectPid != 0 ? child : -1) << c.name << ": " << r.raw;
+        }
+    }
 }
 
 TEST_F(LogConfigTest, ARecordUnderALockDoesNotDecideAboutOpenlog) {

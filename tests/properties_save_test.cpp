@@ -360,6 +360,12 @@ TEST(PropertiesLock, CreateAndRemove) {
     EXPECT_TRUE(present(lockPath));
     EXPECT_EQ(Properties::removeLockFile(lockPath, fd), 0);
     EXPECT_FALSE(present(lockPath));
+    // A descriptor that cannot be closed may not be ours: its lock file stays.
+    const int other = Properties::createLockFile(lockPath);
+    ASSERT_GE(other, 0);
+    EXPECT_EQ(Properties::removeLockFile(lockPath, -1), -1);
+    EXPECT_TRUE(present(lockPath));
+    EXPECT_EQ(Properties::removeLockFile(lockPath, other), 0);
     EXPECT_EQ(Properties::createLockFile(dir.file("no/such/dir.lock")), -1);
     // Something that is no lock file and cannot be judged is not waited for.
     ASSERT_EQ(mkfifo(lockPath.c_str(), 0600), 0);
