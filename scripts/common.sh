@@ -136,7 +136,7 @@ kv_configure() {
 
 # kv_build [TARGET...]: builds the targets (all by default), counting Ninja's steps.
 kv_build() {
-  local line steps="nothing to do" t0=$SECONDS
+  local line steps= t0=$SECONDS
   kv_show "building"
   if ! cmake --build "$kv_dir" -j "$(nproc)" ${1:+--target "$@"} 2>&1 |
       while IFS= read -r line; do
@@ -144,6 +144,8 @@ kv_build() {
         if [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]]; then
           steps="${BASH_REMATCH[1]}/${BASH_REMATCH[2]}"
           kv_show "building ${1:+$* }$steps"
+        elif [ "$line" = "ninja: no work to do." ]; then
+          steps="up to date"
         fi
       done; then
     kv_fail "building failed"

@@ -87,17 +87,20 @@ fi
 unit_links() { find /etc/systemd/system -type l 2>/dev/null | sort; }
 before=$(unit_links)
 
+# What is installed, in a few words: the names, or how many there are.
+what=${missing[*]}
+[ ${#missing[@]} -le 5 ] || what="${#missing[@]} packages"
 if [ ${#missing[@]} -gt 0 ]; then
-  say "${missing[*]}"
+  say "$what"
   apt-get install "${apt_opts[@]}" "${missing[@]}"
 fi
 
-# Packages enable their units on a first install (deb-systemd-helper); turn those off again
-# the way an administrator would, so that upgrades keep them off too.
+# Packages enable their units on a first install (deb-systemd-helper links them into
+# /etc/systemd/system); remove those links as `systemctl disable` would. Upgrades then find the
+# unit disabled by the administrator and leave it so.
 for link in $(comm -13 <(echo "$before") <(unit_links)); do
-  unit=$(basename "$(readlink "$link")")
-  echo "setup: disabling $unit, which the install enabled"
-  deb-systemd-helper disable "$unit"
+  echo "setup: disabling $(basename "$(readlink "$link")"), which the install enabled ($link)"
+  rm -f "$link"
 done
 
 if [ ${#rsyslog_deb[@]} -gt 0 ]; then
@@ -111,8 +114,6 @@ if [ ${#rsyslog_deb[@]} -gt 0 ]; then
     >"$rsyslog_dir/bin/rsyslogd"
   chmod 755 "$rsyslog_dir/bin/rsyslogd"
 fi
-# The last word for scripts/common.sh: what was installed.
-what=${missing[*]}
-[ ${#missing[@]} -le 5 ] || what="${#missing[@]} packages"
+# The last word for scripts/common.sh.
 [ ${#rsyslog_deb[@]} -eq 0 ] || what="${what:+$what, }rsyslog unpacked"
 say "$what"
