@@ -31,8 +31,8 @@ fi
 # ctest's result lines ("  3/317 Test   #3: NAME .....***Failed    0.02 sec") count the cases;
 # with --output-on-failure a failed case's output follows its line, up to an empty line or the
 # next case.
-result='^ *([0-9]+)/([0-9]+) +Test +#[0-9]+: +([^ ]+) \.* *(\*\*\*)?([A-Za-z][A-Za-z :]*[a-z]) +[0-9.]+ sec$'
-passed=0 failed=0 skipped=0 total=0 current= note=
+result='^ *([0-9]+)/([0-9]+) +Test +#[0-9]+: (.+) \.*( +|\*\*\*)([A-Za-z][A-Za-z :]*[A-Za-z]) +[0-9.]+ sec$'
+passed=0 failed=0 skipped=0 total=0 current= status= note=
 failures=()
 declare -A first=() lines=()
 t0=$SECONDS
@@ -43,14 +43,16 @@ ctest --output-on-failure -j "$(nproc)" 2>&1 |
   while IFS= read -r line; do
     printf '%s\n' "$line" >>"$kv_log"
     if [[ $line =~ $result ]]; then
-      total=${BASH_REMATCH[2]} current=
-      case "${BASH_REMATCH[5]}" in
-        Passed) passed=$((passed + 1)) ;;
-        Skipped) skipped=$((skipped + 1)) ;;
+      total=${BASH_REMATCH[2]} current=${BASH_REMATCH[3]} status=${BASH_REMATCH[5]}
+      case "$status" in
+        Passed) passed=$((passed + 1)) current= ;;
+        Skipped) skipped=$((skipped + 1)) current= ;;
         *)
-          failed=$((failed + 1)) current=${BASH_REMATCH[3]}
-          failures+=("$current (${BASH_REMATCH[5]})")
-          first[$current]= lines[$current]=0 note=" ($failed failed)"
+          # The name without ctest's dots and GoogleTest's "  # GetParam() = ...".
+          current=${current%%  # *} failed=$((failed + 1))
+          [[ $current =~ ^(.*[^\ .])[\ .]*$ ]] && current=${BASH_REMATCH[1]}
+          failures+=("$current ($status)")
+          first[$current]= lines[$current]=0 note=", $failed failed"
           ;;
       esac
       kv_show "testing $((passed + failed + skipped))/$total$note"
