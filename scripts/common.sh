@@ -12,8 +12,10 @@ kv_flavour() {
     asan)    kv_dir=$top/build-asan;    kv_args=(-DKV_SANITIZE=address) ;;
     tsan)    kv_dir=$top/build-tsan;    kv_args=(-DKV_SANITIZE=thread) ;;
     release) kv_dir=$top/build-release; kv_args=(-DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=OFF -DKV_BUILD_BENCH=ON) ;;
-    # Only the two programs: no test framework to install or compile.
-    demo)    kv_dir=$top/build-demo;    kv_args=(-DKV_BUILD_TESTS=OFF) ;;
+    # Only the two programs, no test framework; lightly optimised and without debug information,
+    # which compiles in half the time of the default -O2 -g.
+    demo)    kv_dir=$top/build-demo;    kv_args=(-DKV_BUILD_TESTS=OFF -DCMAKE_BUILD_TYPE=Release
+                                                 "-DCMAKE_CXX_FLAGS_RELEASE=-O1 -DNDEBUG") ;;
     *) echo "$kv_name: unknown flavour '$1' (plain, asan, tsan, release or demo)" >&2; exit 2 ;;
   esac
 }
