@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2154
 # Sourced by the scripts in scripts/: build flavours, root through sudo, the namespace check,
 # and quiet phases that show one progress line each and keep their whole output in a log file.
 # Callers set `top` (the source tree) and `kv_name` (the word that starts every line) first.
@@ -138,7 +139,7 @@ kv_configure() {
 
 # kv_build [TARGET...]: builds the targets (all by default), counting Ninja's steps.
 kv_build() {
-  local line steps= t0=$SECONDS
+  local line steps='' t0=$SECONDS
   kv_show "building"
   if ! cmake --build "$kv_dir" -j "$(nproc)" ${1:+--target "$@"} 2>&1 |
       while IFS= read -r line; do

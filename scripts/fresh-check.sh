@@ -19,7 +19,7 @@ exec > >(tee "$root.log") 2>&1
 if ! command -v debootstrap >/dev/null 2>&1; then
   apt-get -q update && apt-get -q -y install debootstrap
 fi
-if grep -qs " $root[ /]" /proc/mounts; then
+if grep -qs " ${root}[ /]" /proc/mounts; then
   echo "fresh-check.sh: something is still mounted under $root; unmount it first" >&2
   exit 1
 fi

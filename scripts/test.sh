@@ -5,7 +5,7 @@
 # when not root.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-kv_name=test
+kv_name='test'
 # shellcheck source=scripts/common.sh
 source "$top/scripts/common.sh"
 flavour=${1:-plain}
@@ -32,7 +32,7 @@ fi
 # with --output-on-failure a failed case's output follows its line, up to an empty line or the
 # next case.
 result='^ *([0-9]+)/([0-9]+) +Test +#[0-9]+: (.+) \.*( +|\*\*\*)([A-Za-z][A-Za-z :]*[A-Za-z]) +[0-9.]+ sec$'
-passed=0 failed=0 skipped=0 total=0 current= status= note=
+passed=0 failed=0 skipped=0 total=0 current='' status='' note=''
 failures=()
 declare -A first=() lines=()
 t0=$SECONDS
@@ -52,7 +52,7 @@ ctest --output-on-failure -j "$(nproc)" 2>&1 |
           current=${current%%  # *} failed=$((failed + 1))
           [[ $current =~ ^(.*[^\ .])[\ .]*$ ]] && current=${BASH_REMATCH[1]}
           failures+=("$current ($status)")
-          first[$current]= lines[$current]=0 note=", $failed failed"
+          first[$current]='' lines[$current]=0 note=", $failed failed"
           ;;
       esac
       kv_show "testing $((passed + failed + skipped))/$total$note"
