@@ -5,7 +5,7 @@
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 reps=${1:-5}
-"$top/scripts/setup.sh" --bench
+"$top/scripts/setup.sh" bench
 dir=$("$top/scripts/build.sh" release)
 out=$(mktemp -d /tmp/kvbench-results.XXXXXX)
 for bench in "$dir"/bench/*_bench; do

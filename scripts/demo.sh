@@ -1,10 +1,22 @@
 #!/usr/bin/env bash
-# The main job: set up, build, and run kvstop against the bundled simulated daemon,
-# inside private namespaces so the host's /etc/zantorkv and /var/zantorkv stay untouched.
+# The main job: installs what building kvstop and kvdsim needs, builds those two, and runs
+# kvstop against the simulated daemon inside private namespaces, so the host's /etc/zantorkv
+# and /var/zantorkv stay untouched. One line a phase; the whole output of the set-up is in
+# build-demo/demo.log. Ends with kvstop's own result and exit status. Re-runs itself through
+# sudo when not root.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-"$top/scripts/setup.sh"
-dir=$("$top/scripts/build.sh" plain)
+kv_name=demo
+# shellcheck source=scripts/common.sh
+source "$top/scripts/common.sh"
+kv_as_root "$0" "$@"
+kv_check_namespaces
+kv_flavour demo
+kv_start_log "$kv_dir/demo.log"
+kv_install demo
+kv_configure
+kv_build kvstop kvdsim
+kv_done "running kvstop against kvdsim in private namespaces"
 exec "$top/tests/support/hermetic.sh" bash -c '
   set -u
   bin=$1
@@ -26,4 +38,4 @@ exec "$top/tests/support/hermetic.sh" bash -c '
   kill "$daemon" 2>/dev/null || true
   wait "$daemon" 2>/dev/null || true
   exit "$rc"
-' demo "$dir"
+' demo "$kv_dir"

@@ -10,7 +10,7 @@ case "$seconds" in
   '' | *[!0-9]*) echo "fuzz.sh: seconds must be a whole number, not '$seconds'" >&2; exit 2 ;;
 esac
 command -v clang++ >/dev/null 2>&1 || { echo "fuzz.sh: clang++ (libFuzzer) is not installed" >&2; exit 2; }
-"$top/scripts/setup.sh"
+"$top/scripts/setup.sh" fuzz
 
 shopt -s nullglob
 targets=()

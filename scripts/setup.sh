@@ -1,25 +1,119 @@
 #!/usr/bin/env bash
-# Installs what the build and the tests need; safe to run any number of times.
-# Usage: scripts/setup.sh [--bench]   (--bench: also what only scripts/bench.sh needs)
+# Usage: scripts/setup.sh [demo|test|bench|fuzz]: installs what that needs (default: test);
+# safe to run any number of times.
+#   demo   building kvstop and kvdsim only (scripts/demo.sh)
+#   test   building and running the test suite (scripts/test.sh)
+#   bench  building and running the benchmarks (scripts/bench.sh)
+#   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
+# The install starts, enables and reconfigures no service of the host: policy-rc.d refuses
+# every start while it runs, units that the install enabled are disabled again, and the
+# system logger that one test runs in a private namespace is only unpacked into .deps/rsyslog
+# (scripts/test.sh puts it on the PATH), never installed.
+# With KV_SETUP_STATUS_FD set, says what it does on that descriptor ("kv:" lines) and has
+# apt-get report its progress there.
 set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
 
-packages=(cmake ninja-build g++ clang libclang-rt-14-dev libboost-dev libgtest-dev
-          libgmock-dev libbenchmark-dev util-linux valgrind
-          dpkg-dev file pkgconf groff-base man-db rsyslog)
-if [ "${1:-}" = --bench ]; then
+say() {
+  echo "setup: $*"
+  if [ -n "${KV_SETUP_STATUS_FD:-}" ]; then echo "kv:$*" >&"$KV_SETUP_STATUS_FD"; fi
+}
+
+build=(cmake ninja-build g++ libboost-dev)
+profile=${1:-test}
+case "$profile" in
+  demo) packages=("${build[@]}") ;;
+  test) packages=("${build[@]}" libgtest-dev libgmock-dev util-linux valgrind dpkg-dev file
+                  pkgconf groff-base man-db) ;;
   # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table.
-  packages+=(libprotobuf-dev protobuf-compiler python3)
+  bench) packages=("${build[@]}" libbenchmark-dev libprotobuf-dev protobuf-compiler python3) ;;
+  fuzz) packages=("${build[@]}" clang libclang-rt-14-dev) ;;
+  *) echo "setup: unknown profile '$profile' (demo, test, bench or fuzz)" >&2; exit 2 ;;
+esac
+
+installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
+
+# rsyslogd for tests/install/rsyslog_test.sh, unless the host has its own: the package's files
+# under .deps/rsyslog, its libraries from apt (libraries carry no service).
+rsyslog_dir=$top/.deps/rsyslog
+rsyslog_deb=()
+if [ "$profile" = test ] && ! installed rsyslog && [ ! -x "$rsyslog_dir/bin/rsyslogd" ]; then
+  rsyslog_deb=(rsyslog)
 fi
+
 missing=()
 for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+  installed "$p" || missing+=("$p")
 done
-if [ ${#missing[@]} -gt 0 ]; then
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "setup: missing packages (${missing[*]}); run as root to install them" >&2
-    exit 1
-  fi
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update
-  apt-get install -y --no-install-recommends "${missing[@]}"
+[ ${#missing[@]} -gt 0 ] || [ ${#rsyslog_deb[@]} -gt 0 ] || exit 0
+if [ "$(id -u)" -ne 0 ]; then
+  echo "setup: missing packages (${missing[*]} ${rsyslog_deb[*]}); run as root to install them" >&2
+  exit 1
 fi
+
+export DEBIAN_FRONTEND=noninteractive
+apt_opts=(-q -y --no-install-recommends)
+if [ -n "${KV_SETUP_STATUS_FD:-}" ]; then apt_opts+=(-o "APT::Status-Fd=$KV_SETUP_STATUS_FD"); fi
+
+say "updating the package lists"
+apt-get -q update
+
+# No package may start a service while this runs (invoke-rc.d and deb-systemd-invoke ask
+# policy-rc.d; 101: action forbidden). A policy the host already had is put back afterwards;
+# one left by an interrupted run of this script is not.
+policy=/usr/sbin/policy-rc.d
+refuse=$'#!/bin/sh\nexit 101'
+work=$(mktemp -d /tmp/kvsetup.XXXXXX)
+cleanup() {
+  rm -f "$policy"
+  if [ -e "$work/policy-rc.d" ]; then mv "$work/policy-rc.d" "$policy"; fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+if [ -e "$policy" ] && [ "$(cat "$policy")" != "$refuse" ]; then cp -p "$policy" "$work/policy-rc.d"; fi
+printf '%s\n' "$refuse" >"$policy"
+chmod 755 "$policy"
+
+if [ ${#rsyslog_deb[@]} -gt 0 ]; then
+  say "downloading rsyslog to unpack it"
+  (cd "$work" && apt-get -q -o APT::Sandbox::User=root download rsyslog)
+  deb=$(ls "$work"/rsyslog_*.deb)
+  # Its libraries: the first choice of each dependency, without versions.
+  for dep in $(dpkg-deb -f "$deb" Depends | tr ',' '\n' | sed -E 's/\|.*//; s/\(.*\)//; s/ //g'); do
+    installed "$dep" || missing+=("$dep")
+  done
+fi
+
+unit_links() { find /etc/systemd/system -type l 2>/dev/null | sort; }
+before=$(unit_links)
+
+# What is installed, in a few words: the names, or how many there are.
+what=${missing[*]}
+[ ${#missing[@]} -le 5 ] || what="${#missing[@]} packages"
+if [ ${#missing[@]} -gt 0 ]; then
+  say "$what"
+  apt-get install "${apt_opts[@]}" "${missing[@]}"
+fi
+
+# Packages enable their units on a first install (deb-systemd-helper links them into
+# /etc/systemd/system); remove those links as `systemctl disable` would. Upgrades then find the
+# unit disabled by the administrator and leave it so.
+for link in $(comm -13 <(echo "$before") <(unit_links)); do
+  echo "setup: disabling $(basename "$(readlink "$link")"), which the install enabled ($link)"
+  rm -f "$link"
+done
+
+if [ ${#rsyslog_deb[@]} -gt 0 ]; then
+  say "unpacking rsyslog into .deps/rsyslog"
+  rm -rf "$rsyslog_dir"
+  mkdir -p "$rsyslog_dir/bin"
+  dpkg-deb -x "$deb" "$rsyslog_dir/root"
+  # Loads its modules from where they were unpacked, not from /usr/lib.
+  moddir=$(dirname "$(find "$rsyslog_dir/root" -name imuxsock.so)")
+  printf '#!/bin/sh\nexec %s -M %s "$@"\n' "$rsyslog_dir/root/usr/sbin/rsyslogd" "$moddir" \
+    >"$rsyslog_dir/bin/rsyslogd"
+  chmod 755 "$rsyslog_dir/bin/rsyslogd"
+fi
+# The last word for scripts/common.sh.
+[ ${#rsyslog_deb[@]} -eq 0 ] || what="${what:+$what, }rsyslog unpacked"
+say "$what"
