@@ -19,6 +19,8 @@ exec "$top/tests/support/hermetic.sh" bash -c '
   done
   [ -e "$ready" ] || { echo "kvdsim did not start" >&2; exit 1; }
   echo "kvdsim listening on /var/zantorkv/audit (pid $daemon)"
+  echo "$ kvctl status"
+  "$bin/tools/kvctl/kvctl" status || { echo "kvctl status failed" >&2; exit 1; }
   echo "$ kvstop"
   rc=0
   "$bin/tools/kvstop/kvstop" || rc=$?

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libboost-dev libgtest-dev
-          libgmock-dev libbenchmark-dev util-linux valgrind
+          libgmock-dev libbenchmark-dev nlohmann-json3-dev util-linux valgrind
           dpkg-dev file pkgconf groff-base man-db rsyslog)
 if [ "${1:-}" = --bench ]; then
   # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table.
