@@ -19,7 +19,8 @@ const std::string kKvstop = std::string(KV_BIN_DIR) + "/tools/kvstop/kvstop";
 const char kStopped[] = "Zantor Kavelo daemon stopped successfully.";
 // The success record: the first record of the run. It passes its level check and gets its
 // facility before the properties are loaded (that happens while it is delivered), so it
-// always goes out at INFO with the facility "auth", and openlog is decided before it is sent.
+// always goes out at INFO with the facility "auth". Records logged during that load (the
+// listing, complaints) already follow "logger.openlog.kvstop".
 const std::string kSuccess = std::string("<38> kvstop[pid]: INFO  zkv.cli.kvstop ") + kStopped;
 const std::string kNoOpen = std::string("<38> kvstop: INFO  zkv.cli.kvstop ") + kStopped;
 
@@ -96,46 +97,46 @@ INSTANTIATE_TEST_SUITE_P(
         LogCase{"listing_at_trace",
                 kTrace,
                 {},
-                with({"<39> kvstop: TRACE util.properties property: kvd.data.dir=@DIR@",
-                      "<39> kvstop: TRACE util.properties property: kvd.socket=sock",
-                      "<39> kvstop: TRACE util.properties property: log.util.properties=TRACE"},
+                with({"<39> kvstop[pid]: TRACE util.properties property: kvd.data.dir=@DIR@",
+                      "<39> kvstop[pid]: TRACE util.properties property: kvd.socket=sock",
+                      "<39> kvstop[pid]: TRACE util.properties property: log.util.properties=TRACE"},
                      kSuccess)},
         // The listing needs TRACE on its own logger; DEBUG there is not enough.
         LogCase{"no_listing_at_debug", "log=TRACE\nlog.util.properties=DEBUG\n", {}, {kSuccess}},
         LogCase{"listing_through_parent_level",
                 "log=ERROR\nlog.util=TRACE\n",
                 {},
-                with({"<39> kvstop: TRACE util.properties property: kvd.data.dir=@DIR@",
-                      "<39> kvstop: TRACE util.properties property: kvd.socket=sock",
-                      "<39> kvstop: TRACE util.properties property: log=ERROR",
-                      "<39> kvstop: TRACE util.properties property: log.util=TRACE"},
+                with({"<39> kvstop[pid]: TRACE util.properties property: kvd.data.dir=@DIR@",
+                      "<39> kvstop[pid]: TRACE util.properties property: kvd.socket=sock",
+                      "<39> kvstop[pid]: TRACE util.properties property: log=ERROR",
+                      "<39> kvstop[pid]: TRACE util.properties property: log.util=TRACE"},
                      kSuccess)},
         LogCase{"facility_for_every_process",
                 "logger.facility.*=daemon\n" + kTrace,
                 {},
-                with({"<31> kvstop: TRACE util.properties property: kvd.data.dir=@DIR@",
-                      "<31> kvstop: TRACE util.properties property: kvd.socket=sock",
-                      "<31> kvstop: TRACE util.properties property: log.util.properties=TRACE",
-                      "<31> kvstop: TRACE util.properties property: logger.facility.*=daemon"},
+                with({"<31> kvstop[pid]: TRACE util.properties property: kvd.data.dir=@DIR@",
+                      "<31> kvstop[pid]: TRACE util.properties property: kvd.socket=sock",
+                      "<31> kvstop[pid]: TRACE util.properties property: log.util.properties=TRACE",
+                      "<31> kvstop[pid]: TRACE util.properties property: logger.facility.*=daemon"},
                      kSuccess)},
         LogCase{"facilities_for_kvstop_and_one_logger",
                 "logger.facility.*=daemon\nlogger.facility.kvstop=local1\n"
                 "logger.facility.kvstop.util=local3\n" +
                     kTrace,
                 {},
-                with({"<159> kvstop: TRACE util.properties property: kvd.data.dir=@DIR@",
-                      "<159> kvstop: TRACE util.properties property: kvd.socket=sock",
-                      "<159> kvstop: TRACE util.properties property: log.util.properties=TRACE",
-                      "<159> kvstop: TRACE util.properties property: logger.facility.*=daemon",
-                      "<159> kvstop: TRACE util.properties property: "
+                with({"<159> kvstop[pid]: TRACE util.properties property: kvd.data.dir=@DIR@",
+                      "<159> kvstop[pid]: TRACE util.properties property: kvd.socket=sock",
+                      "<159> kvstop[pid]: TRACE util.properties property: log.util.properties=TRACE",
+                      "<159> kvstop[pid]: TRACE util.properties property: logger.facility.*=daemon",
+                      "<159> kvstop[pid]: TRACE util.properties property: "
                       "logger.facility.kvstop=local1",
-                      "<159> kvstop: TRACE util.properties property: "
+                      "<159> kvstop[pid]: TRACE util.properties property: "
                       "logger.facility.kvstop.util=local3"},
                      kSuccess)},
         LogCase{"bad_facility_is_reported",
                 "logger.facility.*=bogus\n",
                 {},
-                {"<36> kvstop: WARN  com.zantor.logger Illegal value facility name: 'bogus' for "
+                {"<36> kvstop[pid]: WARN  com.zantor.logger Illegal value facility name: 'bogus' for "
                  "'logger.facility.*'. Using 'auth'.",
                  kSuccess}},
         // Join parameters come from the host settings; the first load resolves them before
@@ -147,25 +148,25 @@ INSTANTIATE_TEST_SUITE_P(
                  {"site", "  site1 "},
                  {"domain", "TRACE"},
                  {"zonename", "CN=zone1,CN=Zones,DC=example"}},
-                with({"<39> kvstop: TRACE util.properties property: kset.domain=override",
-                      "<39> kvstop: TRACE util.properties property: kvd.data.dir=@DIR@",
-                      "<39> kvstop: TRACE util.properties property: kvd.socket=sock",
-                      "<39> kvstop: TRACE util.properties property: log.util.properties=TRACE",
-                      "<39> kvstop: TRACE util.properties property: where=host1@site1/zone1"},
+                with({"<39> kvstop[pid]: TRACE util.properties property: kset.domain=override",
+                      "<39> kvstop[pid]: TRACE util.properties property: kvd.data.dir=@DIR@",
+                      "<39> kvstop[pid]: TRACE util.properties property: kvd.socket=sock",
+                      "<39> kvstop[pid]: TRACE util.properties property: log.util.properties=TRACE",
+                      "<39> kvstop[pid]: TRACE util.properties property: where=host1@site1/zone1"},
                      kSuccess)},
         LogCase{"unreadable_setting_is_unknown",
                 "log.util.properties=$DOMAIN\n",
                 {{"domain", "bad\rvalue"}},
-                {"<36> kvstop: WARN  com.zantor.logger Illegal log level. Property: "
+                {"<36> kvstop[pid]: WARN  com.zantor.logger Illegal log level. Property: "
                  "'log.util.properties', value: '<unknown>'",
                  kSuccess}},
         LogCase{"quoted_and_escaped_values",
                 "log = \"warn\"\nlog.util\\.properties=\\\n 'trace'\n",
                 {},
-                with({"<39> kvstop: TRACE util.properties property: kvd.data.dir=@DIR@",
-                      "<39> kvstop: TRACE util.properties property: kvd.socket=sock",
-                      "<39> kvstop: TRACE util.properties property: log=warn",
-                      "<39> kvstop: TRACE util.properties property: log.util.properties=trace"},
+                with({"<39> kvstop[pid]: TRACE util.properties property: kvd.data.dir=@DIR@",
+                      "<39> kvstop[pid]: TRACE util.properties property: kvd.socket=sock",
+                      "<39> kvstop[pid]: TRACE util.properties property: log=warn",
+                      "<39> kvstop[pid]: TRACE util.properties property: log.util.properties=trace"},
                      kSuccess)}),
     [](const ::testing::TestParamInfo<LogCase>& info) { return std::string(info.param.name); });
 
