@@ -6,7 +6,8 @@ set(CPACK_PACKAGE_CONTACT "kvstop developers <root@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "stop the local Kavelo audit daemon")
 string(CONCAT CPACK_PACKAGE_DESCRIPTION
   "kvstop asks the Kavelo audit daemon on the local host to stop over its control socket\n"
-  "and confirms that it is gone. The package also holds kvdsim, a simulated daemon for\n"
+  "and confirms that it is gone; kvctl also queries its status, pings and reloads it. The\n"
+  "package also holds kvdsim, a simulated daemon for\n"
   "testing, and the static client libraries lrpc2, zkvfw and zfw with their headers.")
 set(CPACK_PACKAGE_INSTALL_DIRECTORY kvstop)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# The main job: installs what building kvstop and kvdsim needs, builds those two, and runs
-# kvstop against the simulated daemon inside private namespaces, so the host's /etc/zantorkv
-# and /var/zantorkv stay untouched. One line a phase; the whole output of the set-up is in
-# build-demo/demo.log. Ends with kvstop's own result and exit status. Re-runs itself through
-# sudo when not root.
+# The main job: installs what building kvstop, kvctl and kvdsim needs, builds those three,
+# and runs kvctl status and kvstop against the simulated daemon inside private namespaces, so
+# the host's /etc/zantorkv and /var/zantorkv stay untouched. One line a phase; the whole
+# output of the set-up is in build-demo/demo.log. Ends with kvstop's own result and exit
+# status. Re-runs itself through sudo when not root.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 kv_name=demo
@@ -15,8 +15,8 @@ kv_flavour demo
 kv_start_log "$kv_dir/demo.log"
 kv_install demo
 kv_configure
-kv_build kvstop kvdsim
-kv_done "running kvstop against kvdsim in private namespaces"
+kv_build kvstop kvctl kvdsim
+kv_done "running kvctl status and kvstop against kvdsim in private namespaces"
 exec "$top/tests/support/hermetic.sh" bash -c '
   set -u
   bin=$1
@@ -31,6 +31,8 @@ exec "$top/tests/support/hermetic.sh" bash -c '
   done
   [ -e "$ready" ] || { echo "kvdsim did not start" >&2; exit 1; }
   echo "kvdsim listening on /var/zantorkv/audit (pid $daemon)"
+  echo "$ kvctl status"
+  "$bin/tools/kvctl/kvctl" status || { echo "kvctl status failed" >&2; exit 1; }
   echo "$ kvstop"
   rc=0
   "$bin/tools/kvstop/kvstop" || rc=$?

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Usage: scripts/setup.sh [demo|test|bench|fuzz]: installs what that needs (default: test);
 # safe to run any number of times.
-#   demo   building kvstop and kvdsim only (scripts/demo.sh)
+#   demo   building kvstop, kvctl and kvdsim only (scripts/demo.sh)
 #   test   building and running the test suite (scripts/test.sh)
 #   bench  building and running the benchmarks (scripts/bench.sh)
 #   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
@@ -19,7 +19,7 @@ say() {
   if [ -n "${KV_SETUP_STATUS_FD:-}" ]; then echo "kv:$*" >&"$KV_SETUP_STATUS_FD"; fi
 }
 
-build=(cmake ninja-build g++ libboost-dev)
+build=(cmake ninja-build g++ libboost-dev nlohmann-json3-dev)
 profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;

@@ -13,6 +13,21 @@ const char kDefaultSocket[] = "audit";
 // What the daemon's reload answer is replaced by when the exchange fails.
 const int32_t kReloadFailed = 501;
 
+// The socket that the configuration file names; false when a value cannot be expanded.
+bool configuredSocketPath(std::string& path) {
+    conf_file* conf = conf_open(kConfigFile, nullptr, nullptr);
+    const char* dir = conf_get_string(conf, "kvd.data.dir", kDefaultDataDir, nullptr);
+    const std::string dataDir = dir != nullptr ? dir : "";
+    const char* name = conf_get_string(conf, "kvd.socket", kDefaultSocket, nullptr);
+    const std::string socketName = name != nullptr ? name : "";
+    conf_free(conf);
+    if (dir == nullptr || name == nullptr) {
+        return false;
+    }
+    path = dataDir + "/" + socketName;
+    return true;
+}
+
 }  // namespace
 
 Lrpc2Client::Lrpc2Client()
@@ -28,17 +43,19 @@ Lrpc2Client::~Lrpc2Client() {
     disconnect();
 }
 
+void Lrpc2Client::setSocketPath(const std::string& path) {
+    m_socketPath = path;
+}
+
+void Lrpc2Client::setDefaultTimeout(int32_t seconds) {
+    m_timeout = seconds;
+}
+
 bool Lrpc2Client::connect(int32_t timeout) {
-    conf_file* conf = conf_open(kConfigFile, nullptr, nullptr);
-    const char* dir = conf_get_string(conf, "kvd.data.dir", kDefaultDataDir, nullptr);
-    const std::string dataDir = dir != nullptr ? dir : "";
-    const char* name = conf_get_string(conf, "kvd.socket", kDefaultSocket, nullptr);
-    const std::string socketName = name != nullptr ? name : "";
-    conf_free(conf);
-    if (dir == nullptr || name == nullptr) {
+    std::string path = m_socketPath;
+    if (path.empty() && !configuredSocketPath(path)) {
         return false;
     }
-    const std::string path = dataDir + "/" + socketName;
 
     int32_t status = 0;
     m_connection = lrpc2_connect_timeout(path.c_str(), m_messageTable,

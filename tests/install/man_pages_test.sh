@@ -5,6 +5,7 @@ set -euo pipefail
 dir=${1:?usage: man_pages_test.sh MANDIR}
 fail=0
 declare -A heading=([kvstop.8]="kvstop - stop the local Kavelo audit daemon"
+                    [kvctl.8]="kvctl - query, reload or stop the local Kavelo audit daemon"
                     [kvdsim.1]="kvdsim - simulated Kavelo audit daemon")
 for page in "${!heading[@]}"; do
   src=$dir/$page

@@ -2,8 +2,8 @@
 # Usage: package_test.sh BUILD_DIR [CFLAGS...] (as root, under tests/support/hermetic.sh)
 # Makes the Debian package of BUILD_DIR with CPack and installs it with dpkg into this
 # namespace only: /etc and /var are hermetic.sh's overlays and /usr gets one here, so the
-# host's files and package database never change. Checks that kvstop is on root's PATH,
-# that man finds both pages, that the installed kvstop stops the installed kvdsim, that the
+# host's files and package database never change. Checks that kvstop and kvctl are on
+# root's PATH, that man finds every page, that kvctl's completion is installed, that the installed kvstop stops the installed kvdsim, that the
 # installed client library builds a C program through pkg-config, and that purging the
 # package leaves exactly the files that were there before.
 set -euo pipefail
@@ -57,13 +57,16 @@ check "dpkg reports the package installed" \
   bash -c '[ "$(dpkg-query -W -f="\${Status}" kvstop)" = "install ok installed" ]'
 check "kvstop is /usr/sbin/kvstop on root's PATH" as_root '[ "$(command -v kvstop)" = /usr/sbin/kvstop ]'
 check "kvdsim is on the PATH" as_root '[ "$(command -v kvdsim)" = /usr/bin/kvdsim ]'
+check "kvctl is /usr/sbin/kvctl on root's PATH" as_root '[ "$(command -v kvctl)" = /usr/sbin/kvctl ]'
 for f in include/lrpc2/lrpc2.h include/zkvfw/lrpc2client.h include/zfw/logger.h \
-         share/man/man8/kvstop.8.gz share/man/man1/kvdsim.1.gz; do
+         share/man/man8/kvstop.8.gz share/man/man8/kvctl.8.gz share/man/man1/kvdsim.1.gz \
+         share/bash-completion/completions/kvctl; do
   check "/usr/$f belongs to the package" \
     bash -c '[ "$(dpkg -S "$1")" = "kvstop: $1" ]' _ "/usr/$f"
 done
 
 for page in "8 kvstop:kvstop - stop the local Kavelo audit daemon" \
+            "8 kvctl:kvctl - query, reload or stop the local Kavelo audit daemon" \
             "1 kvdsim:kvdsim - simulated Kavelo audit daemon"; do
   out=$(MANPAGER=cat MANWIDTH=80 man --warnings=w ${page%%:*} 2>"$T/man.err") || true
   check "man ${page%%:*} shows the page" grep -qF "${page#*:}" <<<"$out"
@@ -78,6 +81,10 @@ ready=/var/zantorkv/.kvdsim-ready
 daemon=$!
 for _ in $(seq 100); do [ -e "$ready" ] || ! kill -0 "$daemon" 2>/dev/null && break; sleep 0.05; done
 check "kvdsim listens" test -e "$ready"
+check "the installed kvctl reads the daemon's status" as_root 'kvctl status | grep -q "^online: *yes$"'
+check "bash completes kvctl's commands" bash -c \
+  '. /usr/share/bash-completion/completions/kvctl 2>/dev/null; _init_completion() { cur=${COMP_WORDS[COMP_CWORD]}; prev=${COMP_WORDS[COMP_CWORD-1]}; words=("${COMP_WORDS[@]}"); cword=$COMP_CWORD; }
+   COMP_WORDS=(kvctl st); COMP_CWORD=1; _kvctl; [ "${COMPREPLY[*]}" = "status stop" ]'
 rc=0
 out=$(as_root kvstop 2>&1) || rc=$?
 check "kvstop exits 0 (status $rc)" test "$rc" = 0

@@ -179,7 +179,7 @@ std::vector<uint8_t> Connection::answer(lrpc2_msg* request, uint32_t id, uint32_
     const auto fields = m_options.replyFields.find(id);
     std::vector<uint8_t> reply = fields != m_options.replyFields.end()
                                      ? replyWithFields(id, fields->second)
-                                     : replyFor(id);
+                                     : replyFor(id, m_options.answers);
     if (reply.empty()) {
         complain(m_number, "request id not in the table");
     }

@@ -19,9 +19,10 @@ const char kUsage[] =
     "daemon's side of the lrpc2 protocol (handshake, framed requests and replies, process\n"
     "authentication), misbehaving on request so that clients can be tested.\n"
     "Every request is answered with a reply of the same id; the queries get plausible\n"
-    "fields (80: bool 1; 90, 100, 110: a string; 91: int32, string, string, bool, string,\n"
-    "string; 120: int32 0). It serves any number of connections, one after another or at\n"
-    "once, until SIGTERM or SIGINT, and then removes its socket and exits with 0.\n"
+    "fields, which the options below can set (80: bool; 90, 100, 110: a string; 91: int32,\n"
+    "string, string, bool, string, string; 120: int32). It serves any number of\n"
+    "connections, one after another or at once, until SIGTERM or SIGINT, and then removes\n"
+    "its socket and exits with 0.\n"
     "\n"
     "  --socket PATH        listen on PATH (default /var/zantorkv/audit); a stale socket\n"
     "                       there is replaced, any other file is an error\n"
@@ -78,6 +79,15 @@ const char kUsage[] =
     "                       answer request ID with exactly these fields instead of its\n"
     "                       usual ones: the tagged field bytes in hex, without the end\n"
     "                       tag (empty: no fields); repeatable, one per id\n"
+    "  --online yes|no      answer to is-daemon-online (80; default yes)\n"
+    "  --collector-status TEXT\n"
+    "                       answer to the collector status (90; default running)\n"
+    "  --collector-detail N,TEXT,TEXT,yes|no,TEXT,TEXT\n"
+    "                       the six values of the detailed collector status (91; default\n"
+    "                       1,running,kvdsim,yes,local,); the texts hold no commas\n"
+    "  --db-size TEXT       answer to the database size (100; default 1048576)\n"
+    "  --despool-rate TEXT  answer to the despool rate (110; default 0)\n"
+    "  --reload-result N    answer to reload-properties (120; default 0)\n"
     "  --help               print this text and exit\n";
 
 struct Named {
@@ -118,6 +128,47 @@ bool lookup(const Named (&names)[N], const char* text, int& value) {
     return false;
 }
 
+bool parseYesNo(const std::string& text, bool& value) {
+    if (text == "yes" || text == "no") {
+        value = text == "yes";
+        return true;
+    }
+    return false;
+}
+
+bool parseSigned(const std::string& text, int32_t& value) {
+    if (text.empty()) {
+        return false;
+    }
+    char* end = nullptr;
+    errno = 0;
+    const long long n = strtoll(text.c_str(), &end, 10);
+    if (errno != 0 || *end != '\0' || n < INT32_MIN || n > INT32_MAX) {
+        return false;
+    }
+    value = static_cast<int32_t>(n);
+    return true;
+}
+
+// "N,TEXT,TEXT,yes|no,TEXT,TEXT": the detailed collector status.
+bool parseDetail(const std::string& arg, Answers& a) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (size_t comma; (comma = arg.find(',', start)) != std::string::npos; start = comma + 1) {
+        parts.push_back(arg.substr(start, comma - start));
+    }
+    parts.push_back(arg.substr(start));
+    if (parts.size() != 6 || !parseSigned(parts[0], a.detailCode) ||
+        !parseYesNo(parts[3], a.detailFlag)) {
+        return false;
+    }
+    a.detailState = parts[1];
+    a.detailName = parts[2];
+    a.detailSource = parts[4];
+    a.detailNote = parts[5];
+    return true;
+}
+
 bool parseNumber(const char* text, uint32_t& value) {
     if (text[0] < '0' || text[0] > '9') {
         return false;
@@ -150,6 +201,12 @@ enum LongOnly {
     kPiece,
     kPieceDelay,
     kReplyFields,
+    kOnline,
+    kCollectorStatus,
+    kCollectorDetail,
+    kDbSize,
+    kDespoolRate,
+    kReloadResult,
     kHelp,
 };
 
@@ -171,6 +228,12 @@ const option kLongOptions[] = {
     {"piece", required_argument, nullptr, kPiece},
     {"piece-delay", required_argument, nullptr, kPieceDelay},
     {"reply-fields", required_argument, nullptr, kReplyFields},
+    {"online", required_argument, nullptr, kOnline},
+    {"collector-status", required_argument, nullptr, kCollectorStatus},
+    {"collector-detail", required_argument, nullptr, kCollectorDetail},
+    {"db-size", required_argument, nullptr, kDbSize},
+    {"despool-rate", required_argument, nullptr, kDespoolRate},
+    {"reload-result", required_argument, nullptr, kReloadResult},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
 };
@@ -249,6 +312,21 @@ bool apply(int opt, const char* arg, Options& o) {
             return parseNumber(arg, o.pieceDelayMs);
         case kReplyFields:
             return parseReplyFields(arg, o);
+        case kOnline:
+            return parseYesNo(arg, o.answers.online);
+        case kCollectorStatus:
+            o.answers.collectorStatus = arg;
+            return true;
+        case kCollectorDetail:
+            return parseDetail(arg, o.answers);
+        case kDbSize:
+            o.answers.dbSize = arg;
+            return true;
+        case kDespoolRate:
+            o.answers.despoolRate = arg;
+            return true;
+        case kReloadResult:
+            return parseSigned(arg, o.answers.reloadResult);
         default:
             return false;
     }

@@ -34,6 +34,22 @@ enum class AuthAnswer {
     Nested,    // a further challenge instead of the paths
 };
 
+// What the queries answer.
+struct Answers {
+    bool online = true;
+    std::string collectorStatus = "running";
+    // The detailed collector status: int32, string, string, bool, string, string.
+    int32_t detailCode = 1;
+    std::string detailState = "running";
+    std::string detailName = "kvdsim";
+    bool detailFlag = true;
+    std::string detailSource = "local";
+    std::string detailNote;
+    std::string dbSize = "1048576";
+    std::string despoolRate = "0";
+    int32_t reloadResult = 0;
+};
+
 struct Options {
     std::string socket = "/var/zantorkv/audit";
     std::string readyFile;
@@ -53,6 +69,7 @@ struct Options {
     uint32_t pieceDelayMs = 5;
     // Request id -> the raw fields (end tag excluded) that replace its reply's fields.
     std::map<uint32_t, std::vector<uint8_t>> replyFields;
+    Answers answers;
 };
 
 // The usage text of --help.

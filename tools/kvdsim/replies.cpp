@@ -14,22 +14,25 @@ void setU32(std::vector<uint8_t>& frame, size_t offset, uint32_t value) {
 }
 
 // Fills in the fields that the reply to query `id` carries.
-bool putQueryFields(lrpc2_msg* msg, uint32_t id) {
+bool putQueryFields(lrpc2_msg* msg, uint32_t id, const Answers& a) {
     switch (id) {
         case LRPC2_ID_KV_QUERY_IS_DAEMON_ONLINE:
-            return lrpc2_put_bool(msg, 1) == 0;
+            return lrpc2_put_bool(msg, a.online ? 1 : 0) == 0;
         case LRPC2_ID_KV_QUERY_COLLECTOR_STATUS:
-            return lrpc2_put_string(msg, "running") == 0;
+            return lrpc2_put_string(msg, a.collectorStatus.c_str()) == 0;
         case LRPC2_ID_KV_QUERY_COLLECTOR_STATUS2:
-            return lrpc2_put_int32(msg, 1) == 0 && lrpc2_put_string(msg, "running") == 0 &&
-                   lrpc2_put_string(msg, "kvdsim") == 0 && lrpc2_put_bool(msg, 1) == 0 &&
-                   lrpc2_put_string(msg, "local") == 0 && lrpc2_put_string(msg, "") == 0;
+            return lrpc2_put_int32(msg, a.detailCode) == 0 &&
+                   lrpc2_put_string(msg, a.detailState.c_str()) == 0 &&
+                   lrpc2_put_string(msg, a.detailName.c_str()) == 0 &&
+                   lrpc2_put_bool(msg, a.detailFlag ? 1 : 0) == 0 &&
+                   lrpc2_put_string(msg, a.detailSource.c_str()) == 0 &&
+                   lrpc2_put_string(msg, a.detailNote.c_str()) == 0;
         case LRPC2_ID_KV_QUERY_DB_SIZE:
-            return lrpc2_put_string(msg, "1048576") == 0;
+            return lrpc2_put_string(msg, a.dbSize.c_str()) == 0;
         case LRPC2_ID_KV_QUERY_DESPOOL_RATE:
-            return lrpc2_put_string(msg, "0") == 0;
+            return lrpc2_put_string(msg, a.despoolRate.c_str()) == 0;
         case LRPC2_ID_KV_RELOAD_PROPS:
-            return lrpc2_put_int32(msg, 0) == 0;
+            return lrpc2_put_int32(msg, a.reloadResult) == 0;
         default:
             return true;
     }
@@ -55,9 +58,9 @@ std::vector<uint8_t> frameOf(lrpc2_msg* msg) {
     return frame;
 }
 
-std::vector<uint8_t> replyFor(uint32_t id) {
+std::vector<uint8_t> replyFor(uint32_t id, const Answers& answers) {
     lrpc2_msg* msg = newMessage(id);
-    if (msg == nullptr || !putQueryFields(msg, id)) {
+    if (msg == nullptr || !putQueryFields(msg, id, answers)) {
         lrpc2_msg_free(msg);
         return {};
     }

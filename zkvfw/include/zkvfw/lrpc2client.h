@@ -34,6 +34,11 @@ class Lrpc2Client {
     Lrpc2Client(const Lrpc2Client&) = delete;
     Lrpc2Client& operator=(const Lrpc2Client&) = delete;
 
+    // For this session only: connect to `path` instead of the configured socket.
+    void setSocketPath(const std::string& path);
+    // For this session only: `seconds` replaces the configured default time-out (0: no limit).
+    void setDefaultTimeout(int32_t seconds);
+
     // Connects with `timeout` seconds (0: the default). True when connected. Call it only
     // while not connected: an existing connection is overwritten, not closed.
     bool connect(int32_t timeout = 0);
@@ -61,6 +66,7 @@ class Lrpc2Client {
     const lrpc2_msg_table* m_messageTable;
     lrpc2_conn* m_connection;
     int32_t m_timeout;
+    std::string m_socketPath;  // empty: from the configuration file
 };
 
 #endif
