@@ -1,22 +1,32 @@
 // Loggers: the registry, levels and their cache, thread tags, and the records that reach a
 // private "/dev/log" as syslog datagrams.
+#include <dirent.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
-
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/files.h"
 #include "support/hermetic.h"
 #include "support/syslog_sink.h"
+#include "support/zfw_config.h"
 #include "zfw/logdelivery.h"
 #include "zfw/logger.h"
+#include "zfw/mutex.h"
 #include "zfw/properties.h"
+#include "zfw/thread.h"
 
 namespace {
 
@@ -40,26 +50,6 @@ protected:
     }
 };
 
-TEST_F(LoggerTest, GetCreatesAncestorsOnce) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> c = Logger::get("tree.b.c");
-    ASSERT_TRUE(c);
-    EXPECT_EQ(c->name(), "tree.b.c");
-    ASSERT_TRUE(c->parent());
-    EXPECT_EQ(c->parent()->name(), "tree.b");
-    ASSERT_TRUE(c->parent()->parent());
-    EXPECT_EQ(c->parent()->parent()->name(), "tree");
-    const boost::shared_ptr<Logger> root = c->parent()->parent()->parent();
-    ASSERT_TRUE(root);
-    EXPECT_EQ(root, Logger::get(""));
-    EXPECT_EQ(root->name(), "");
-    EXPECT_FALSE(root->parent());
-    EXPECT_EQ(c, Logger::get("tree.b.c"));
-    EXPECT_EQ(c->parent(), Logger::get("tree.b"));
-    EXPECT_EQ(c->level(), Logger::UNSET);
-    EXPECT_EQ(c->facility(), Logger::UNSET);
-}
-
 TEST_F(LoggerTest, EffectiveLevelIsInheritedAndCached) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     const boost::shared_ptr<Logger> parent = Logger::get("cache");
@@ -75,29 +65,6 @@ TEST_F(LoggerTest, EffectiveLevelIsInheritedAndCached) {
     EXPECT_TRUE(sink().takeTexts("not written").empty());
     child->setLevel(Logger::UNSET);
     EXPECT_TRUE(child->isEnabled(Logger::DEBUG));
-}
-
-TEST_F(LoggerTest, LevelNamesAndParsing) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const char* names[] = {"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL", "DISABLED"};
-    for (int32_t level = 0; level < 7; ++level) {
-        EXPECT_STREQ(Logger::levelName(level), names[level]);
-        EXPECT_EQ(Logger::parseLevel(names[level]), level);
-    }
-    EXPECT_STREQ(Logger::levelName(-1), "");
-    EXPECT_STREQ(Logger::levelName(7), "");
-    const struct {
-        const char* text;
-        int32_t level;
-    } cases[] = {{"", Logger::INFO},     {"warn", Logger::WARN},
-                 {"Warn", Logger::WARN}, {"debug", Logger::DEBUG},
-                 {"disabled", 6},        {"verbose", -1},
-                 {"WARN ", -1},          {"WAR", -1},
-                 {"INFO\n", -1}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(Logger::parseLevel(c.text), c.level) << c.text;
-    }
-    EXPECT_EQ(Logger::parseLevel(std::string("WARN\0x", 6)), -1);
 }
 
 TEST_F(LoggerTest, RecordLayoutAndPriority) {
@@ -138,34 +105,6 @@ TEST_F(LoggerTest, RecordLayoutAndPriority) {
     }
 }
 
-TEST_F(LoggerTest, FacilityIsInheritedUncached) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> parent = Logger::get("fac");
-    const boost::shared_ptr<Logger> child = Logger::get("fac.child");
-    EXPECT_EQ(child->effectiveFacility(), zfw::kFacilityAuth);
-    parent->setFacility(LOG_LOCAL1);
-    EXPECT_EQ(child->effectiveFacility(), LOG_LOCAL1);
-    child->log(Logger::WARN, "x");
-    const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].priority, LOG_LOCAL1 | LOG_WARNING);
-    EXPECT_EQ(child->facility(), Logger::UNSET);
-}
-
-TEST_F(LoggerTest, DisabledLevelsWriteNothing) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> logger = Logger::get("quiet");
-    logger->setLevel(Logger::DISABLED);
-    for (int32_t level = Logger::TRACE; level <= Logger::FATAL; ++level) {
-        EXPECT_FALSE(logger->isEnabled(level));
-        logger->log(level, "hidden");
-        logger->logErrno(level, EIO, "hidden");
-        logger->logDump(level, "hidden", "abc", 3);
-    }
-    EXPECT_TRUE(logger->isEnabled(Logger::DISABLED));
-    EXPECT_TRUE(sink().take().empty());
-}
-
 TEST_F(LoggerTest, ThreadTagsArePerThread) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     const boost::shared_ptr<Logger> logger = Logger::get("tagged");
@@ -186,13 +125,6 @@ TEST_F(LoggerTest, ThreadTagsArePerThread) {
     EXPECT_EQ(sink().takeTexts(),
               (std::vector<std::string>{"INFO  <worker> tagged one", "INFO  <other> tagged two",
                                         "INFO  tagged three"}));
-}
-
-TEST_F(LoggerTest, LogErrnoAppendsTheSystemText) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    Logger::get("util.x")->logErrno(Logger::ERROR, ENOENT, "open %s", "x");
-    EXPECT_EQ(sink().takeTexts(),
-              std::vector<std::string>{std::string("ERROR util.x open x: ") + strerror(ENOENT)});
 }
 
 TEST_F(LoggerTest, LogDumpWritesHexAndCharacters) {
@@ -225,30 +157,281 @@ TEST_F(LoggerTest, RecordIsCutAt511Characters) {
                                         "INFO  long " + format}));
 }
 
-TEST_F(LoggerTest, ConcurrentLoggersDeliverEveryRecord) {
+
+// ---- Configuration from properties, facilities and the one-time openlog decision ----
+
+// Loads text into a store of its own; every parse configures the loggers.
+void configureFrom(const std::string& text) {
+    zfw::Properties props(true, false);
+    std::istringstream in(text);
+    props.parse(in, true);
+}
+
+// The process-wide store loaded from an empty file, before the first record would load it
+// (a missing file is reported at ERROR).
+void loadEmptyConfigFile() {
+    std::ofstream(zfw::Properties::gConfigPath).close();
+    zfw::Properties::getProperties(false);
+}
+
+std::vector<std::string> complaints() {
+    return sink().takeTexts("com.zantor.logger");
+}
+
+std::string complaint(const std::string& text) {
+    return "WARN  com.zantor.logger " + text;
+}
+
+class LogConfigTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!kvtest::insideHermeticDevLog()) {
+            return;  // the test body runs itself again inside
+        }
+        sink();
+    }
+};
+
+TEST_F(LogConfigTest, LevelsFollowTheProperties) {
     KV_REQUIRE_HERMETIC_DEVLOG();
-    constexpr int kThreads = 4;
-    constexpr int kRecords = 50;
-    std::vector<std::thread> threads;
-    std::vector<boost::shared_ptr<Logger>> seen(kThreads);
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &seen] {
+    loadEmptyConfigFile();
+    configureFrom("log=debug\nlog.a=ERROR\n");
+    EXPECT_EQ(Logger::get("")->level(), Logger::DEBUG);
+    EXPECT_EQ(Logger::get("a")->effectiveLevel(), Logger::ERROR);
+    EXPECT_EQ(Logger::get("a.b")->effectiveLevel(), Logger::ERROR);
+    EXPECT_EQ(Logger::get("zkv.cli.kvstop")->effectiveLevel(), Logger::DEBUG);
+    sink().take();
+    Logger::get("a.b")->log(Logger::WARN, "hidden");
+    Logger::get("a.b")->log(Logger::ERROR, "shown");
+    Logger::get("zkv.cli.kvstop")->log(Logger::DEBUG, "debug shown");
+    EXPECT_EQ(sink().takeTexts(),
+              (std::vector<std::string>{"ERROR a.b shown", "DEBUG zkv.cli.kvstop debug shown"}));
+    EXPECT_TRUE(complaints().empty());
+}
+
+TEST_F(LogConfigTest, BadLevelsAreReportedAndSkipped) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    configureFrom("log=verbose\nlog.=DEBUG\nlog.x=loud\nlog.ok=Warn\n");
+    EXPECT_EQ(complaints(),
+              (std::vector<std::string>{
+                  complaint("Illegal value for property 'log': 'verbose'. Using 'INFO'."),
+                  complaint("Illegal log name: 'log.'"),
+                  complaint("Illegal log level. Property: 'log.x', value: 'loud'")}));
+    EXPECT_EQ(Logger::get("")->level(), Logger::INFO);
+    EXPECT_EQ(Logger::get("ok")->level(), Logger::WARN);
+}
+
+TEST_F(LogConfigTest, FacilityNames) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    const struct {
+        const char* name;
+        int32_t code;
+    } cases[] = {{"auth", 32},    {"authpriv", 80}, {"cron", 72},    {"daemon", 24},
+                 {"ftp", 88},     {"kern", 0},      {"lpr", 48},     {"mail", 16},
+                 {"news", 56},    {"syslog", 40},   {"user", 8},     {"uucp", 64},
+                 {"local0", 128}, {"local1", 136},  {"local2", 144}, {"local3", 152},
+                 {"local4", 160}, {"local5", 168},  {"local6", 176}, {"local7", 184},
+                 {"LOCAL3", 152}, {"Auth", 32},     {"", -1},        {"local8", -1},
+                 {"auth ", -1},   {"bogus", -1}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(zfw::parseFacility(c.name), c.code) << c.name;
+    }
+}
+
+TEST_F(LogConfigTest, ProgramFacilityOverridesTheWildcard) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    const std::string self = zfw::processName();
+    configureFrom("logger.facility.*=daemon\nlogger.facility." + self + "=local1\n");
+    EXPECT_EQ(Logger::get("")->facility(), LOG_LOCAL1);
+    configureFrom("logger.facility.*=daemon\nlogger.facility.otherprog=local1\n");
+    EXPECT_EQ(Logger::get("")->facility(), LOG_DAEMON);
+    Logger::get("fac.any")->log(Logger::INFO, "x");
+    const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
+    ASSERT_FALSE(records.empty());
+    EXPECT_EQ(records.back().priority, LOG_DAEMON | LOG_INFO);
+    EXPECT_TRUE(complaints().empty());
+}
+
+TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    loadEmptyConfigFile();
+    configureFrom(
+        "logger.facility.*=bogus\n"
+        "logger.facility.*.=local2\n"
+        "logger.facility.*.net.x=local3\n"
+        "logger.facility.*.net.y=nope\n");
+    EXPECT_EQ(complaints(),
+              (std::vector<std::string>{
+                  complaint("Illegal value facility name: 'bogus' for 'logger.facility.*'. "
+                            "Using 'auth'."),
+                  complaint("Illegal facility name: 'logger.facility.*.'"),
+                  complaint("Illegal log facility. Property: 'logger.facility.*.net.y', value: "
+                            "'nope'")}));
+    EXPECT_EQ(Logger::get("")->facility(), LOG_AUTH);
+    EXPECT_EQ(Logger::get("net.y")->facility(), Logger::UNSET);
+    Logger::get("net.x.sub")->log(Logger::WARN, "w");
+    Logger::get("net.y")->log(Logger::INFO, "i");
+    std::vector<int> priorities;
+    for (const kvtest::SyslogRecord& r : sink().takeRecords()) {
+        priorities.push_back(r.priority);
+    }
+    EXPECT_EQ(priorities, (std::vector<int>{156, 38}));
+}
+
+TEST_F(LogConfigTest, FirstRecordLoadsTheProperties) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::writeFile(zfw::Properties::gConfigPath, "log=warn\nlogger.facility.*=local0\n");
+    // The load happens inside the first record's delivery and configures the loggers.
+    Logger::get("early")->log(Logger::ERROR, "first");
+    Logger::get("early")->setLevel(Logger::UNSET);
+    Logger::get("early")->log(Logger::INFO, "hidden");
+    Logger::get("early")->log(Logger::WARN, "second");
+    const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].text, "ERROR early first");
+    EXPECT_EQ(records[1].text, "WARN  early second");
+    EXPECT_EQ(records[1].priority, LOG_LOCAL0 | LOG_WARNING);
+}
+
+}  // namespace
+
+// The log queue and its background thread, writing real syslog datagrams to a private
+// "/dev/log": starting and stopping, records formatted on the logging thread, overflow
+// while syslog blocks (records dropped, the warning in their place, no deadlock), and
+// stopQueue and shutdown writing what is still queued. Every case runs in private namespaces.
+namespace {
+
+const char kDropWarning[] =
+    "ERROR log Warning: Zantor logger dropping messages:(runqueue full %u) Please insure syslog "
+    "is running correctly or increase the value of logger.queue.size in zantormx.conf.";
+
+std::vector<std::string> containing(const std::vector<std::string>& texts,
+                                    const std::string& needle) {
+    std::vector<std::string> out;
+    for (const std::string& t : texts) {
+        if (t.find(needle) != std::string::npos) {
+            out.push_back(t);
+        }
+    }
+    return out;
+}
+
+class LogQueueTest : public ::testing::Test {
+  protected:
+    boost::shared_ptr<zfw::Logger> m_reporter = zfw::Logger::get("test.reporter");
+};
+
+TEST_F(LogQueueTest, QueuedRecordsReachSyslogAndStopDrains) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
+    kvtest::useProperties("log.test.reporter=DEBUG\n");
+    const int32_t threads = zfw::Thread::m_threadsActive;
+    zfw::Logger::startQueue(m_reporter);
+    zfw::Logger::startQueue(m_reporter);
+    EXPECT_EQ(zfw::Thread::m_threadsActive, threads + 1) << "one log thread, started once";
+
+    constexpr int kWriters = 3;
+    constexpr int kRecords = 60;
+    std::vector<std::thread> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        writers.emplace_back([w] {
+            const auto logger = zfw::Logger::get("test.writer" + std::to_string(w));
             for (int i = 0; i < kRecords; ++i) {
-                seen[t] = Logger::get("busy.same.name");
-                if (seen[t]->isEnabled(Logger::INFO)) {
-                    seen[t]->log(Logger::INFO, "thread %d record %d", t, i);
-                }
-                Logger::get("busy.own." + std::to_string(t))->log(Logger::INFO, "own");
+                logger->log(zfw::Logger::INFO, "record %d of %s, 100%%", i, "writer");
             }
         });
     }
-    for (std::thread& t : threads) {
+    for (std::thread& t : writers) {
         t.join();
     }
-    for (int t = 1; t < kThreads; ++t) {
-        EXPECT_EQ(seen[t], seen[0]);
+    // Formatted into the queue's 512 bytes: longer records are cut there.
+    const std::string longText(600, 'x');
+    zfw::Logger::get("test.long")->log(zfw::Logger::INFO, "%s", longText.c_str());
+    zfw::Logger::stopQueue(m_reporter);
+    EXPECT_EQ(zfw::Thread::m_threadsActive, threads);
+
+    const std::vector<std::string> texts = sink.takeTexts();
+    EXPECT_EQ(containing(texts, "test.reporter"),
+              (std::vector<std::string>{"DEBUG test.reporter starting background log thread",
+                                        "DEBUG test.reporter stopped background log thread"}));
+    for (int w = 0; w < kWriters; ++w) {
+        const std::string name = "test.writer" + std::to_string(w);
+        std::vector<std::string> expected;
+        for (int i = 0; i < kRecords; ++i) {
+            expected.push_back("INFO  " + name + " record " + std::to_string(i) +
+                               " of writer, 100%");
+        }
+        EXPECT_EQ(containing(texts, name + " "), expected);
     }
-    EXPECT_EQ(sink().takeTexts("busy.same.name").size(), size_t(kThreads * kRecords));
+    const std::vector<std::string> cut = containing(texts, "test.long");
+    ASSERT_EQ(cut.size(), 1u);
+    EXPECT_EQ(cut[0], ("INFO  test.long " + longText).substr(0, 511));
+
+    // Direct again: a record longer than the queue's text is not cut at 511.
+    zfw::Logger::get("test.long")->log(zfw::Logger::INFO, "%s", longText.c_str());
+    EXPECT_EQ(sink.takeTexts("test.long"), std::vector<std::string>{"INFO  test.long " + longText});
+}
+
+TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    struct Case {
+        const char* properties;
+        unsigned capacity;
+    };
+    const Case cases[] = {
+        {"logger.queue.size=4\n", 4},
+        // The logger "log" at DEBUG makes the queue four times larger.
+        {"logger.queue.size=10\nlog.log=DEBUG\n", 40},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.properties);
+        kvtest::SyslogSink held(false);
+        kvtest::useProperties(c.properties);
+        zfw::Logger::startQueue(m_reporter);
+
+        // Two writers, both far beyond what the socket and the queue can hold.
+        const int records = static_cast<int>(c.capacity) + 40;
+        std::vector<std::thread> writers;
+        for (int w = 0; w < 2; ++w) {
+            writers.emplace_back([w, records] {
+                const auto logger = zfw::Logger::get("test.flood" + std::to_string(w));
+                for (int i = 0; i < records; ++i) {
+                    logger->log(zfw::Logger::WARN, "flood %d", i);
+                }
+            });
+        }
+        for (std::thread& t : writers) {
+            t.join();
+        }
+        held.startReading();
+        zfw::Logger::stopQueue(m_reporter);
+        const std::vector<std::string> texts = held.takeTexts();
+
+        char warning[512];
+        snprintf(warning, sizeof warning, kDropWarning, c.capacity);
+        const std::vector<std::string> warnings = containing(texts, "dropping messages");
+        ASSERT_FALSE(warnings.empty());
+        for (const std::string& w : warnings) {
+            EXPECT_EQ(w, warning);
+        }
+        // The queue ended full and blocked: its newest record was the last warning.
+        EXPECT_EQ(texts.back(), warning);
+
+        size_t delivered = 0;
+        for (int w = 0; w < 2; ++w) {
+            const std::string prefix = "WARN  test.flood" + std::to_string(w) + " flood ";
+            int last = -1;
+            for (const std::string& t : containing(texts, prefix)) {
+                const int index = std::stoi(t.substr(prefix.size()));
+                EXPECT_GT(index, last) << "records keep their order";
+                last = index;
+                ++delivered;
+            }
+            EXPECT_LT(last, records - 1) << "the newest records were dropped";
+        }
+        EXPECT_LT(delivered, 2u * records);
+        EXPECT_EQ(delivered + warnings.size(), texts.size()) << "nothing else was written";
+    }
 }
 
 }  // namespace

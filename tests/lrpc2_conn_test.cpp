@@ -135,26 +135,6 @@ TEST(Lrpc2Connect, HandshakeOutcomes) {
     }
 }
 
-TEST(Lrpc2Connect, NoLimitWaitsForASlowDaemon) {
-    TempDir dir;
-    const std::string path = dir.file("sock");
-    const int listener = listenAt(path);
-    ASSERT_GE(listener, 0);
-    ChildProcess daemon([&] {
-        return daemonSide(listener, [](int fd) {
-            kvtest::sleepMs(1500);
-            return answer(fd, 1);
-        });
-    });
-    close(listener);
-    int32_t status = -1;
-    lrpc2_conn* conn = lrpc2_connect(path.c_str(), table(), &status);
-    ASSERT_EQ(status, 0);
-    EXPECT_TRUE(isNonBlocking(conn->read_fd));
-    lrpc2_close(conn);
-    EXPECT_EQ(daemon.wait(), 0);
-}
-
 TEST(Lrpc2Connect, UnusablePaths) {
     TempDir dir;
     const std::string stale = dir.file("stale");
@@ -180,59 +160,6 @@ TEST(Lrpc2Connect, UnusablePaths) {
         EXPECT_EQ(status, c.status);
     }
     EXPECT_EQ(lrpc2_connect(nullptr, table(), nullptr), nullptr);
-}
-
-// Refused paths never get as far as creating a socket: with no descriptor left to the
-// process, the path checks still answer 400, and only a usable path reaches socket().
-TEST(Lrpc2Connect, RefusedPathCreatesNoSocket) {
-    ChildProcess child([] {
-        const int next = dup(0);
-        close(next);
-        const rlimit none = {static_cast<rlim_t>(next), static_cast<rlim_t>(next)};
-        if (setrlimit(RLIMIT_NOFILE, &none) != 0) {
-            return 20;
-        }
-        int32_t status = -1;
-        const std::string too_long = "/" + std::string(LRPC2_MAX_SOCKET_PATH, 'y');
-        if (lrpc2_connect_timeout(too_long.c_str(), table(), 1, &status) != nullptr ||
-            status != LRPC2_ERR_NOPATH) {
-            return 21;
-        }
-        if (lrpc2_connect_timeout("rel", table(), 1, &status) != nullptr ||
-            status != LRPC2_ERR_NOPATH) {
-            return 22;
-        }
-        if (lrpc2_connect_timeout("/tmp/x", table(), 1, &status) != nullptr ||
-            status != LRPC2_ERR_OPEN) {
-            return 23;
-        }
-        return 0;
-    });
-    EXPECT_EQ(child.wait(), 0);
-}
-
-TEST(Lrpc2Transfer, ZeroCountReturnsAtOnce) {
-    char byte = 0;
-    for (int32_t is_socket : {0, 1}) {
-        EXPECT_EQ(lrpc2_write_all(-1, &byte, 0, 1, is_socket), 0);
-        EXPECT_EQ(lrpc2_read_all(-1, &byte, 0, 1, is_socket), 0);
-        EXPECT_EQ(lrpc2_read_all(-1, nullptr, 0, 1, is_socket), 0);
-    }
-}
-
-TEST(Lrpc2Transfer, BadArguments) {
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    char buf[4] = {};
-    EXPECT_EQ(lrpc2_write_all(sv[0], nullptr, 4, 1, 1), LRPC2_ERR_SOCKET);
-    EXPECT_EQ(lrpc2_read_all(sv[0], nullptr, 4, 1, 1), LRPC2_ERR_SOCKET);
-    EXPECT_EQ(lrpc2_write_all(-1, buf, 4, 1, 1), LRPC2_ERR_SOCKET);
-    EXPECT_EQ(lrpc2_read_all(-1, buf, 4, 0, 0), LRPC2_ERR_SOCKET);
-    // A negative time-out cannot bound a wait: the wait fails.
-    fcntl(sv[0], F_SETFL, O_NONBLOCK);
-    EXPECT_EQ(lrpc2_read_all(sv[0], buf, 4, -1, 1), LRPC2_ERR_SOCKET);
-    close(sv[0]);
-    close(sv[1]);
 }
 
 // A frame of `n` bytes delivered by a child in pieces of `piece` bytes.
@@ -332,43 +259,6 @@ TEST(Lrpc2Transfer, WriteToClosedPeer) {
             close(writer);
         }
     }
-}
-
-TEST(Lrpc2Transfer, LargeTransferBothWays) {
-    const auto data = pattern(3u << 20);
-    for (int32_t timeout : {0, 2}) {
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        ChildProcess echo([&] {
-            close(sv[0]);
-            std::vector<uint8_t> buf(data.size());
-            return kvtest::readFully(sv[1], buf.data(), buf.size()) &&
-                           kvtest::writeFully(sv[1], buf.data(), buf.size())
-                       ? 0
-                       : 1;
-        });
-        close(sv[1]);
-        fcntl(sv[0], F_SETFL, O_NONBLOCK);
-        const auto n = static_cast<uint32_t>(data.size());
-        EXPECT_EQ(lrpc2_write_all(sv[0], data.data(), n, timeout, 1), 0);
-        std::vector<uint8_t> back(data.size());
-        EXPECT_EQ(lrpc2_read_all(sv[0], back.data(), n, timeout, 1), 0);
-        EXPECT_TRUE(back == data);
-        EXPECT_EQ(echo.wait(), 0);
-        close(sv[0]);
-    }
-}
-
-TEST(Lrpc2Transfer, BlockingDescriptorStaysBlocking) {
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    EXPECT_EQ(lrpc2_write_all(sv[0], "xy", 2, 0, 1), 0);
-    char buf[2];
-    EXPECT_EQ(lrpc2_read_all(sv[1], buf, 2, 0, 1), 0);
-    EXPECT_FALSE(isNonBlocking(sv[0]));
-    EXPECT_FALSE(isNonBlocking(sv[1]));
-    close(sv[0]);
-    close(sv[1]);
 }
 
 // Descriptors above the 1024 of a select() set wait like any other.
@@ -494,21 +384,6 @@ TEST(Lrpc2Attach, SocketOutcomes) {
             close(sv[0]);
         }
     }
-}
-
-TEST(Lrpc2Attach, DescriptorThatCannotBeExamined) {
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    int32_t status = -1;
-    EXPECT_EQ(lrpc2_attach(-1, sv[0], table(), 1, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_ERR_NOPATH);
-    EXPECT_EQ(lrpc2_attach(sv[0], 999, table(), 1, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_ERR_NOPATH);
-    EXPECT_TRUE(isOpen(sv[0]));
-    EXPECT_FALSE(isNonBlocking(sv[0]));
-    close(sv[0]);
-    close(sv[1]);
-    lrpc2_close(nullptr);
 }
 
 }  // namespace

@@ -77,45 +77,6 @@ TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
                             }));
 }
 
-TEST_F(SessionTest, SendAndSendDiscardReply) {
-    KV_REQUIRE_HERMETIC();
-    configure();
-    kvtest::Kvdsim daemon(m_dir, {});
-    ASSERT_TRUE(daemon.ready());
-    Lrpc2Client client;
-    ASSERT_TRUE(client.connect(5));
-    Lrpc2Message request(LRPC2_ID_KV_QUERY_DB_SIZE, lrpc2_default_table());
-    request.complete();
-    Lrpc2Message reply;
-    client.send(request, reply);
-    EXPECT_EQ(reply.readString(), "1048576");
-    client.sendDiscardReply(request, 5);  // the same request again, re-stamped
-    EXPECT_EQ(daemon.log().size(), 3u);
-    EXPECT_EQ(daemon.log()[2], daemon.log()[1]);
-}
-
-TEST_F(SessionTest, ProcessAuthenticationIsAnsweredOnTheWay) {
-    KV_REQUIRE_HERMETIC();
-    configure();
-    kvtest::Kvdsim daemon(m_dir, {"--auth"});
-    ASSERT_TRUE(daemon.ready());
-    Lrpc2Client client;
-    ASSERT_TRUE(client.connect());
-    EXPECT_EQ(client.queryDespoolRate(), "0");
-    const std::vector<std::string> log = daemon.log();
-    ASSERT_EQ(log.size(), 4u);
-    EXPECT_EQ(log[1], "1 " + emptyRequest("6e"));
-    // The identity (id 1, uid 0 and gid 0 as uint32), then the proof (id 2, two blobs).
-    EXPECT_EQ(log[2],
-              "1 frame 1280cdab15000000"
-              "0100"
-              "0300000000"
-              "0300000000"
-              "00");
-    EXPECT_EQ(log[3].rfind("1 frame ", 0), 0u);
-    EXPECT_EQ(log[3].substr(24, 6), "020006");
-}
-
 TEST_F(SessionTest, SendWhileNotConnectedThrows) {
     KV_REQUIRE_HERMETIC();
     configure();
@@ -139,86 +100,6 @@ struct ReplyFieldCase {
     const char* missingText;
     const char* wrongText;
 };
-
-TEST_F(SessionTest, MissingOrWrongReplyFieldsThrow) {
-    KV_REQUIRE_HERMETIC();
-    const std::vector<ReplyFieldCase> cases = {
-        {"80", [](Lrpc2Client& c) { c.isDaemonOnline(); }, "No more data while reading Bool",
-         "Error reading bool from request message"},
-        {"90", [](Lrpc2Client& c) { c.queryCollectorStatus(); },
-         "No more data while reading String", "Error reading string from request message"},
-        {"100", [](Lrpc2Client& c) { c.queryDBSize(); }, "No more data while reading String",
-         "Error reading string from request message"},
-        {"110", [](Lrpc2Client& c) { c.queryDespoolRate(); }, "No more data while reading String",
-         "Error reading string from request message"},
-        // The reply read is outside the handler that gives 501.
-        {"120", [](Lrpc2Client& c) { c.reloadProperties(); }, "No more data while reading Int32",
-         "Error reading int32 from request message"},
-        {"91",
-         [](Lrpc2Client& c) {
-             int32_t n;
-             bool b;
-             std::string s2, s3, s5, s6;
-             c.queryCollectorStatus2(n, s2, s3, b, s5, s6);
-         },
-         "No more data while reading Int32", "Error reading int32 from request message"},
-    };
-    configure();
-    std::vector<std::string> missing, wrong;
-    for (const ReplyFieldCase& c : cases) {
-        missing.insert(missing.end(), {"--reply-fields", std::string(c.id) + "="});
-        // A uint32 field, which none of the queries reads.
-        wrong.insert(wrong.end(), {"--reply-fields", std::string(c.id) + "=0301000000"});
-    }
-    {
-        kvtest::Kvdsim daemon(m_dir, missing);
-        ASSERT_TRUE(daemon.ready());
-        Lrpc2Client client;
-        ASSERT_TRUE(client.connect());
-        for (const ReplyFieldCase& c : cases) {
-            SCOPED_TRACE(c.id);
-            expectThrow<zfw::EndOfFileException>([&] { c.query(client); }, c.missingText);
-        }
-        // Nothing is read from the replies to these two.
-        EXPECT_TRUE(client.ping(0));
-        client.stopDaemon();
-    }
-    kvtest::Kvdsim daemon(m_dir, wrong);
-    ASSERT_TRUE(daemon.ready());
-    Lrpc2Client client;
-    ASSERT_TRUE(client.connect());
-    for (const ReplyFieldCase& c : cases) {
-        SCOPED_TRACE(c.id);
-        expectThrow<zfw::SystemException>([&] { c.query(client); }, c.wrongText);
-    }
-}
-
-TEST_F(SessionTest, CollectorStatus2FillsItsOutputsInOrder) {
-    KV_REQUIRE_HERMETIC();
-    configure();
-    // int32 7, string "a", the null string, then a string where the bool belongs.
-    kvtest::Kvdsim daemon(m_dir, {"--reply-fields",
-                                  "91=0207000000"
-                                  "040100000061"
-                                  "04ffffffff"
-                                  "0401000000"
-                                  "62"});
-    ASSERT_TRUE(daemon.ready());
-    Lrpc2Client client;
-    ASSERT_TRUE(client.connect());
-    int32_t number = 0;
-    std::string s2 = "x", s3 = "x", s5 = "x", s6 = "x";
-    bool flag = true;
-    expectThrow<zfw::SystemException>(
-        [&] { client.queryCollectorStatus2(number, s2, s3, flag, s5, s6); },
-        "Error reading bool from request message");
-    EXPECT_EQ(number, 7);
-    EXPECT_EQ(s2, "a");
-    EXPECT_EQ(s3, "");
-    EXPECT_TRUE(flag);
-    EXPECT_EQ(s5, "x");
-    EXPECT_EQ(s6, "x");
-}
 
 struct ExchangeFailure {
     const char* name;
@@ -257,30 +138,6 @@ TEST_F(SessionTest, FailedExchangeThrowsIOExceptionWithTheStatus) {
         ASSERT_TRUE(client.connect());
         EXPECT_EQ(client.reloadProperties(), 501);
     }
-}
-
-TEST_F(SessionTest, ConnectionClosedByTheDaemonFailsTheNextSend) {
-    KV_REQUIRE_HERMETIC();
-    configure("lrpc2.timeout=5\n");
-    kvtest::Kvdsim daemon(m_dir, {"--fault", "close-request", "--fault-frame", "2"});
-    ASSERT_TRUE(daemon.ready());
-    Lrpc2Client client;
-    ASSERT_TRUE(client.connect());
-    EXPECT_TRUE(client.ping(0));
-    EXPECT_FALSE(client.ping(0));  // the daemon read it and closed
-    expectThrow<zfw::IOException>([&] { client.queryDBSize(); },
-                                  "Unable to send lrpc2 message: 404 (Socket closed)");
-}
-
-TEST_F(SessionTest, PingTimeoutArgumentOverridesTheDefault) {
-    KV_REQUIRE_HERMETIC();
-    // With the default of no limit, only the argument ends the wait.
-    configure("lrpc2.timeout=0\n");
-    kvtest::Kvdsim daemon(m_dir, {"--fault", "silent-request"});
-    ASSERT_TRUE(daemon.ready());
-    Lrpc2Client client;
-    ASSERT_TRUE(client.connect());
-    EXPECT_FALSE(client.ping(1));
 }
 
 TEST_F(SessionTest, ConnectFailuresReturnFalse) {

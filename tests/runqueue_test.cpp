@@ -66,21 +66,6 @@ zfw::RunQueue::Item call(std::function<void()> body) {
     return boost::make_shared<Call>(std::move(body));
 }
 
-// Threads that run the queue until they are interrupted; `left` counts those that left.
-std::vector<std::thread> startConsumers(zfw::RunQueue& queue, int count, std::atomic<int>& left) {
-    std::vector<std::thread> consumers;
-    for (int i = 0; i < count; ++i) {
-        consumers.emplace_back([&queue, &left] {
-            try {
-                queue.run(0);
-            } catch (const zfw::QueueInterrupted&) {
-                ++left;
-            }
-        });
-    }
-    return consumers;
-}
-
 class RunQueueTest : public ::testing::Test {
   protected:
     zfw::RunQueue::Item step(const std::string& name, bool unique = false,
@@ -147,18 +132,6 @@ TEST_F(RunQueueTest, UniqueItemsReplaceTheirPendingTwin) {
     EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
 }
 
-TEST_F(RunQueueTest, DrainingRunsWhatIsPendingAndReturns) {
-    zfw::RunQueue queue(0, true);
-    queue.run(-1);
-    EXPECT_TRUE(journal().empty());
-    queue.add(step("one"));
-    queue.add(step("two"));
-    queue.add(step("three"));
-    queue.run(-1);
-    EXPECT_EQ(journal(), (std::vector<std::string>{"one", "two", "three"}));
-    EXPECT_EQ(queue.size(), 0u);
-}
-
 TEST_F(RunQueueTest, TimeOutReturnsWithTheQueueEmpty) {
     zfw::RunQueue queue(0, true);
     queue.run(1);
@@ -196,40 +169,6 @@ TEST_F(RunQueueTest, EndlessRunLeavesOnlyWhenInterrupted) {
     EXPECT_EQ(journal(), (std::vector<std::string>{"first", "second"}));
 }
 
-TEST_F(RunQueueTest, InterruptionKeepsPendingItems) {
-    zfw::RunQueue queue(0, true);
-    queue.add(step("kept"));
-    queue.interrupt();
-    EXPECT_THROW(queue.run(-1), zfw::QueueInterrupted);
-    EXPECT_TRUE(journal().empty());
-    queue.run(-1);
-    EXPECT_EQ(journal(), std::vector<std::string>{"kept"});
-}
-
-TEST_F(RunQueueTest, EachInterruptStopsOneOfSeveralConsumers) {
-    zfw::RunQueue queue(0, true);
-    constexpr int kConsumers = 3;
-    std::atomic<int> left{0};
-    std::vector<std::thread> consumers = startConsumers(queue, kConsumers, left);
-    for (int round = 1; round <= kConsumers; ++round) {
-        queue.interrupt();
-        ASSERT_TRUE(eventually([&] { return left.load() >= round; }));
-        // The consumers still waiting take every item; exactly one left per interrupt.
-        const size_t before = journal().size();
-        if (round < kConsumers) {
-            for (int i = 0; i < 20; ++i) {
-                queue.add(step("r" + std::to_string(round)));
-            }
-            ASSERT_TRUE(eventually([&] { return journal().size() == before + 20; }));
-        }
-        EXPECT_EQ(left.load(), round);
-    }
-    for (std::thread& t : consumers) {
-        t.join();
-    }
-    EXPECT_EQ(left.load(), kConsumers);
-}
-
 TEST_F(RunQueueTest, ThrowingItems) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
@@ -254,54 +193,6 @@ TEST_F(RunQueueTest, ThrowingItems) {
     quiet.add(call([] { ZFW_THROW(zfw::SystemException, 5, false, "quiet failure"); }));
     quiet.run(-1);
     EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
-}
-
-TEST_F(RunQueueTest, ItemMayAddToItsOwnQueue) {
-    zfw::RunQueue queue(4, true);
-    queue.add(call([&] { queue.add(step("added by an item")); }));
-    queue.run(-1);
-    EXPECT_EQ(journal(), std::vector<std::string>{"added by an item"});
-}
-
-TEST_F(RunQueueTest, ProducersAndConsumersUnderContention) {
-    constexpr int kProducers = 4;
-    constexpr int kConsumers = 2;
-    constexpr int kItems = 2000;
-    zfw::RunQueue queue(16, true);
-    std::vector<std::atomic<int>> runs(kProducers * kItems);
-    std::atomic<int> left{0};
-    std::vector<std::thread> consumers = startConsumers(queue, kConsumers, left);
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-        producers.emplace_back([&, p] {
-            for (int i = 0; i < kItems; ++i) {
-                const int slot = p * kItems + i;
-                const zfw::RunQueue::Item item = call([&runs, slot] { ++runs[slot]; });
-                for (;;) {
-                    try {
-                        queue.add(item);
-                        break;
-                    } catch (const zfw::BufferFullException&) {
-                        sched_yield();
-                    }
-                }
-            }
-        });
-    }
-    for (std::thread& t : producers) {
-        t.join();
-    }
-    ASSERT_TRUE(eventually([&] { return queue.size() == 0; }));
-    for (int i = 1; i <= kConsumers; ++i) {
-        queue.interrupt();
-        ASSERT_TRUE(eventually([&] { return left.load() == i; }));
-    }
-    for (std::thread& t : consumers) {
-        t.join();
-    }
-    for (int slot = 0; slot < kProducers * kItems; ++slot) {
-        ASSERT_EQ(runs[slot].load(), 1) << "item " << slot;
-    }
 }
 
 TEST_F(RunQueueTest, Registry) {

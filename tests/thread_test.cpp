@@ -61,24 +61,6 @@ TEST(Thread, RunsEntryAndKnowsItself) {
     EXPECT_FALSE(thread.cancelRequested());
 }
 
-TEST(Thread, CountsObjects) {
-    const int32_t before = zfw::Thread::m_threadsActive;
-    {
-        zfw::Thread a;
-        zfw::Thread b;
-        EXPECT_EQ(zfw::Thread::m_threadsActive, before + 2);
-    }
-    EXPECT_EQ(zfw::Thread::m_threadsActive, before);
-
-    zfw::Thread::setThreadsActive(true);
-    EXPECT_EQ(zfw::Thread::m_threadsActive, before + 1);
-    zfw::Thread::setThreadsActive(false);
-    EXPECT_EQ(zfw::Thread::m_threadsActive, 0);
-    for (int32_t i = 0; i < before; ++i) {
-        zfw::Thread::setThreadsActive(true);
-    }
-}
-
 TEST(Thread, JoinAndDetachRules) {
     std::function<void()> body = [] {};
 
@@ -114,25 +96,6 @@ TEST(Thread, JoinAndDetachRules) {
     startedTwice.join();
 }
 
-TEST(Thread, JoiningItselfRaises) {
-    zfw::Thread thread;
-    int rc = 0;
-    std::string text;
-    std::function<void()> body = [&] {
-        try {
-            zfw::Thread::self()->join();
-        } catch (const zfw::SystemException& e) {
-            rc = e.rc();
-            text = e.what();
-        }
-    };
-    thread.start("self-join", runFunction, &body);
-    thread.join();
-    EXPECT_EQ(rc, EDEADLK);
-    EXPECT_EQ(text, std::string("OS call failed: ") + strerror(EDEADLK));
-    EXPECT_TRUE(thread.joined());
-}
-
 TEST(Thread, CancelRunsTheHook) {
     HookedThread thread;
     std::atomic<bool> started{false};
@@ -149,17 +112,6 @@ TEST(Thread, CancelRunsTheHook) {
     EXPECT_TRUE(thread.hookRan);
     EXPECT_FALSE(thread.running());
     EXPECT_TRUE(thread.joined());
-}
-
-TEST(Thread, CancelAfterTheEntryReturnedDoesNothing) {
-    HookedThread thread;
-    std::function<void()> body = [] {};
-    thread.start("short", runFunction, &body);
-    ASSERT_TRUE(eventually([&] { return !thread.running(); }));
-    thread.cancel();
-    thread.join();
-    EXPECT_FALSE(thread.cancelRequested());
-    EXPECT_FALSE(thread.hookRan);
 }
 
 TEST(Thread, CancellationWaitsForTheMutexToBeReleased) {
@@ -194,32 +146,6 @@ TEST(Thread, CancellationWaitsForTheMutexToBeReleased) {
     mutex.unlock();
 }
 
-TEST(Thread, DisabledCancellationActsWhenEnabled) {
-    HookedThread thread;
-    std::atomic<bool> disabled{false};
-    std::atomic<bool> proceed{false};
-    std::atomic<bool> beforeEnable{false};
-    std::atomic<bool> afterEnable{false};
-    std::function<void()> body = [&] {
-        zfw::Thread::disableCancel();
-        disabled = true;
-        while (!proceed) {
-            zfw::Thread::yield();
-        }
-        beforeEnable = true;
-        zfw::Thread::enableCancel();
-        afterEnable = true;
-    };
-    thread.start("disabled", runFunction, &body);
-    ASSERT_TRUE(eventually([&] { return disabled.load(); }));
-    thread.cancel();
-    proceed = true;
-    thread.join();
-    EXPECT_TRUE(beforeEnable);
-    EXPECT_FALSE(afterEnable);
-    EXPECT_TRUE(thread.hookRan);
-}
-
 void ignoreSignal(int) {}
 
 TEST(Thread, SleepReportsInterruption) {
@@ -246,16 +172,6 @@ TEST(Thread, SleepReportsInterruption) {
     thread.join();
     sigaction(SIGUSR1, &old, nullptr);
     EXPECT_EQ(result, 0);
-}
-
-TEST(Thread, SleepRejectsABadInterval) {
-    try {
-        zfw::Thread::sleep(0, 1000, 0, 0);
-        FAIL() << "a second of milliseconds was accepted";
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(e.rc(), EINVAL);
-    }
-    EXPECT_THROW(zfw::Thread::sleep(-1, 0, 0, 0), zfw::SystemException);
 }
 
 // The stack size that the thread library gives the calling thread.

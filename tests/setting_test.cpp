@@ -9,7 +9,8 @@
 #include <cstring>
 #include <string>
 
-#include "hermetic/props_support.h"
+#include "support/files.h"
+#include "support/hermetic.h"
 #include "support/expect_throw.h"
 #include "zfw/exception.h"
 #include "zfw/mutex.h"
@@ -30,8 +31,7 @@ const std::string kDir = "/var/zantormx/";
 class SettingTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        PROPS_REQUIRE_PRIVATE_DIRS();
-        propstest::clearPrivateDirs();
+        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "run under tests/support/hermetic.sh";
         zfw::Properties::destroyProperties();
         forget();
         zfw::changeDataDir(kDir);
@@ -43,28 +43,6 @@ class SettingTest : public ::testing::Test {
         zfw::clearSettingsCache();
     }
 };
-
-TEST_F(SettingTest, KeyConstants) {
-    EXPECT_STREQ(zfw::SETTING_MACHINE_SITE, "site");
-    EXPECT_STREQ(zfw::SETTING_DOMAIN_NAME, "domain");
-    EXPECT_STREQ(zfw::SETTING_HOST_NAME, "host");
-    EXPECT_STREQ(zfw::SETTING_PREW2K_HOST, "prew2k.host");
-    EXPECT_STREQ(zfw::SETTING_PASSWORD_CHANGE_TIMESTAMP, "password.change.timestamp");
-    EXPECT_STREQ(zfw::SETTING_ZONE, "zone");
-    EXPECT_STREQ(zfw::SETTING_ZONE_REALNAME, "zonename");
-    EXPECT_STREQ(zfw::SETTING_DOMAIN_CONTROLLER, "domaincontroller");
-    EXPECT_STREQ(zfw::SETTING_SCHEMA, "schema");
-    EXPECT_STREQ(zfw::SETTING_SFU_DOMAIN, "sfudomain");
-    EXPECT_STREQ(zfw::SETTING_PREFERRED_ENCTYPE, "preferred.enctype");
-    EXPECT_STREQ(zfw::SETTING_DES_SALT, "des.salt");
-    EXPECT_STREQ(zfw::SETTING_GLOBAL_CATALOG, "globalcatalog");
-    EXPECT_STREQ(zfw::SETTING_FOREST, "forest");
-    EXPECT_STREQ(zfw::SETTING_HOST_SID, "hostsid");
-    EXPECT_STREQ(zfw::SETTING_CACHE_EXPIRED, "cache.expired");
-    EXPECT_STREQ(zfw::SETTING_INSTALLATION_ID, "kv.installation.id");
-    EXPECT_STREQ(zfw::SETTING_BINDUP_MARKER, "/var/zantormx//ZMX_BINDUP_IN_PROGRESS");
-    EXPECT_STREQ(zfw::SETTING_TEMP_SUFFIX, ".KSET.TEMP");
-}
 
 TEST_F(SettingTest, ReadKsetFileValues) {
     const struct {
@@ -140,20 +118,6 @@ TEST_F(SettingTest, WriteKsetFile) {
     EXPECT_EQ(entries, 0);
 }
 
-TEST_F(SettingTest, WriteKsetFileFailures) {
-    // A directory in the way of the rename: the error names the file, the temporary goes.
-    ASSERT_EQ(mkdir((kDir + "kset.blocked").c_str(), 0755), 0);
-    writeFile(kDir + "kset.blocked/inside", "x");
-    kvtest::expectThrow<zfw::IOException>(
-        [] { zfw::writeKsetFile("blocked", "v", 0); },
-        "Cannot rename file to " + kDir + "kset.blocked: " + strerror(EISDIR), EISDIR);
-    int entries = 0;
-    for (zfw::directory_iterator it{zfw::path(kDir)}; it != zfw::directory_iterator::end(); ++it) {
-        ++entries;
-    }
-    EXPECT_EQ(entries, 1);
-}
-
 TEST_F(SettingTest, DataDirectoryCreatedOnDemand) {
     const std::string dir = "/var/zantormx/deep/data/";
     zfw::changeDataDir(dir);
@@ -197,17 +161,6 @@ TEST_F(SettingTest, GetSettingCachesAndOverrides) {
     EXPECT_THROW(zfw::getSetting("missing"), zfw::IOException);
 }
 
-TEST_F(SettingTest, ChangeDataDirOnlyBeforeFirstRead) {
-    zfw::changeDataDir("/var/zantormx/other/");
-    EXPECT_EQ(zfw::getDataDir(), "/var/zantormx/other/");
-    zfw::changeDataDir(kDir);
-    writeFile(kDir + "kset.host", "h");
-    EXPECT_EQ(zfw::getSetting("host"), "h");
-    kvtest::expectThrow<zfw::AlreadyException>([] { zfw::changeDataDir("/var/zantormx/other/"); },
-                                               "change data dir", -1);
-    EXPECT_EQ(zfw::getDataDir(), kDir);
-}
-
 TEST_F(SettingTest, SetSettingWritesAndCaches) {
     zfw::setSetting("host", "  spaced  ", 1, false);
     EXPECT_EQ(readFile(kDir + "kset.host"), "spaced");
@@ -234,33 +187,6 @@ TEST_F(SettingTest, DeferredWritesAreRetried) {
     EXPECT_EQ(zfw::flushPendingSettings(), 0);
 }
 
-TEST_F(SettingTest, NoDeferralOutsideTheDefaultDirectory) {
-    zfw::changeDataDir("/var/zantormx/custom/");
-    ASSERT_EQ(mkdir("/var/zantormx/custom", 0755), 0);
-    ASSERT_EQ(mkdir("/var/zantormx/custom/kset.host", 0755), 0);
-    writeFile("/var/zantormx/custom/kset.host/x", "");
-    EXPECT_THROW(zfw::setSetting("host", "h", 0, true), zfw::IOException);
-    EXPECT_EQ(zfw::flushPendingSettings(), 0);
-}
-
-TEST_F(SettingTest, StaleTemporaryFilesAreRemoved) {
-    writeFile(kDir + "kset.a.KSET.TEMP.abc123", "x");
-    writeFile(kDir + "other.kset.temp", "x");
-    writeFile(kDir + "kset.keep", "x");
-    ASSERT_EQ(mkdir((kDir + "dir.KSET.TEMP").c_str(), 0755), 0);
-    zfw::removeStaleTempFiles();
-    EXPECT_FALSE(present(kDir + "kset.a.KSET.TEMP.abc123"));
-    EXPECT_FALSE(present(kDir + "other.kset.temp"));
-    EXPECT_TRUE(present(kDir + "kset.keep"));
-    EXPECT_TRUE(present(kDir + "dir.KSET.TEMP"));
-
-    ASSERT_EQ(rmdir((kDir + "dir.KSET.TEMP").c_str()), 0);
-    ASSERT_EQ(system("umount /var/zantormx && rmdir /var/zantormx"), 0);
-    kvtest::expectThrow<zfw::NotFoundException>([] { zfw::removeStaleTempFiles(); },
-                                                "cannot open dir", ENOENT);
-    ASSERT_EQ(system("mkdir /var/zantormx && mount -t tmpfs kvhermetic /var/zantormx"), 0);
-}
-
 TEST_F(SettingTest, IsJoined) {
     EXPECT_FALSE(zfw::isJoined());
     writeFile(kDir + "kset.domain", "example.com");
@@ -275,47 +201,6 @@ TEST_F(SettingTest, IsJoined) {
     writeFile(kDir + "kset.domain", "bad\x02");
     forget();
     EXPECT_FALSE(zfw::isJoined());
-}
-
-TEST_F(SettingTest, VerifyKeySets) {
-    const struct {
-        const char* host;
-        const char* schema;
-        const char* zonename;
-        const char* zone;
-        const char* error;
-    } cases[] = {
-        {"", "S", "zn", "z", "Cannot find key sets of host."},
-        {"h", "", "zn", "z", "Cannot find key sets of zone schema."},
-        {"h", "S", "", "z", "Cannot find key sets of zone name or zone guid."},
-        {"h", "S", "zn", "", "Cannot find key sets of zone name or zone guid."},
-        {"h", "S", "zn", "z", ""},
-        {"h", "NULL_AUTO", "", "00112233445566778899aabbccddeeff", ""},
-        {"h", "NULL_AUTO", "zn", "0011", "Incorrect key sets of zone guid for auto zone."},
-        {"h", "NULL", "", "", ""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.schema) + "/" + c.zone);
-        propstest::clearPrivateDirs();
-        forget();
-        const struct {
-            const char* key;
-            const char* value;
-        } files[] = {
-            {"host", c.host}, {"schema", c.schema}, {"zonename", c.zonename}, {"zone", c.zone}};
-        for (const auto& f : files) {
-            if (*f.value != '\0') {
-                writeFile(kDir + "kset." + f.key, f.value);
-            }
-        }
-        try {
-            zfw::verifyKeySets();
-            EXPECT_STREQ(c.error, "");
-        } catch (const zfw::IOException& e) {
-            EXPECT_EQ(std::string(e.what()), c.error);
-            EXPECT_EQ(e.rc(), 1);
-        }
-    }
 }
 
 }  // namespace

@@ -1,0 +1,568 @@
+// The properties store: the reader's syntax, variables, lists, getters and the process-wide
+// instance loaded from "/etc/zantorkv/zantorkv.conf".
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/child.h"
+#include "support/files.h"
+#include "support/hermetic.h"
+#include "zfw/file_util.h"
+#include "zfw/logger.h"
+#include "zfw/properties.h"
+#include "zfw/setting.h"
+
+namespace {
+
+using kvtest::writeFile;
+using zfw::Properties;
+using zfw::StringList;
+
+const char* const kConf = "/etc/zantorkv/zantorkv.conf";
+
+class PropertiesTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "run under tests/support/hermetic.sh";
+        Properties::destroyProperties();
+        zfw::MutexLock lock(zfw::gSettingsMutex);
+        zfw::clearSettingsCache();
+    }
+    void TearDown() override { Properties::destroyProperties(); }
+
+    // A store parsed from text.
+    static std::unique_ptr<Properties> parsed(const std::string& text, bool expand = true) {
+        std::unique_ptr<Properties> props(new Properties(expand, false));
+        std::istringstream in(text);
+        props->parse(in, expand);
+        return props;
+    }
+    static std::vector<std::string> listOf(const boost::shared_ptr<StringList>& list) {
+        return std::vector<std::string>(list->begin(), list->end());
+    }
+};
+
+struct LineCase {
+    const char* line;
+    const char* key;
+    const char* value;
+};
+
+TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
+    writeFile("/var/zantormx/kset.host", "myhost\n");
+    setenv("PROPS_TEST_HOME", "/home/t", 1);
+    const LineCase cases[] = {
+        {"a=1", "a", "1"},
+        {"a:1", "a", "1"},
+        {"a 1", "a", "1"},
+        {"a:=1", "a", "1"},
+        {"a =1", "a", "1"},
+        {"  a=1", "a", "1"},
+        {"a\t=\t1", "a", "1"},
+        {"a : 1", "a", ": 1"},
+        {"a=", "a", ""},
+        {"a", "a", ""},
+        {" #x=1", "#x", "1"},
+        {"  # text", "#", "text"},
+        {"key\\ name=v", "key name", "v"},
+        {"a\\:b=c", "a:b", "c"},
+        {"a=x\\,y", "a", "x,y"},
+        {"a=\"b  c\"", "a", "b  c"},
+        {"a=b   c", "a", "b c"},
+        {"a=b \t\f c  ", "a", "b c"},
+        {"a='x\\ty'", "a", "x\ty"},
+        {"a=x\\ty", "a", "x\ty"},
+        {"a=x\\\\ty", "a", "x\\ty"},
+        {"a=\"x\\\"y\"", "a", "x\"y"},
+        {"a=x\\ ", "a", "x "},
+        {"a=\\\\", "a", "\\"},
+        {"'qk'=v", "qk", "v"},
+        {"a=1 # not a comment", "a", "1 # not a comment"},
+        {"a=x\r", "a", "x"},
+        {"h=$JOINNAME", "h", "myhost"},
+        {"p=$PROPS_TEST_HOME/x", "p", "/home/t/x"},
+        {"c='$a'", "c", "$a"},
+        {"d=\\$a", "d", "$a"},
+        {"e=$nosuch", "e", ""},
+        {"f=\"$PROPS_TEST_HOME\"", "f", "/home/t"},
+        {"g=a$", "g", "a"},
+        {"n=$1abc", "n", "abc"},
+        {"w=$$", "w", ""},
+        {"v=${PROPS_TEST_HOME}", "v", "{PROPS_TEST_HOME}"},
+    };
+    for (const LineCase& c : cases) {
+        SCOPED_TRACE(c.line);
+        const auto props = parsed(std::string(c.line) + "\n");
+        EXPECT_EQ(props->get(c.key), c.value);
+        std::ostringstream all;
+        props->write(all, "");
+        EXPECT_EQ(all.str(), std::string(c.key) + "=" + c.value + "\n");
+    }
+}
+
+TEST_F(PropertiesTest, EarlierKeysAndReplacements) {
+    setenv("PROPS_TEST_DOLLAR", "$PROPS_TEST_HOME", 1);
+    setenv("PROPS_TEST_EMPTY", "", 1);
+    const auto props = parsed(
+        "a=5\n"
+        "b=$a\n"
+        "q=\"quoted value\"\n"
+        "r=[$q]\n"
+        // Replacements are not scanned again.
+        "s=$PROPS_TEST_DOLLAR\n"
+        // A set but empty environment variable wins over an earlier key.
+        "PROPS_TEST_EMPTY=fromfile\n"
+        "t=<$PROPS_TEST_EMPTY>\n"
+        // A later definition is not seen by earlier lines.
+        "u=$later\n"
+        "later=1\n"
+        "a=6\n"
+        "v=$a\n");
+    EXPECT_EQ(props->get("b"), "5");
+    EXPECT_EQ(props->get("r"), "[quoted value]");
+    EXPECT_EQ(props->get("s"), "$PROPS_TEST_HOME");
+    EXPECT_EQ(props->get("t"), "<>");
+    EXPECT_EQ(props->get("u"), "");
+    EXPECT_EQ(props->get("a"), "6");
+    EXPECT_EQ(props->get("v"), "6");
+}
+
+TEST_F(PropertiesTest, JoinParametersFromHostSettings) {
+    writeFile("/var/zantormx/kset.host", "host1\n");
+    writeFile("/var/zantormx/kset.site", "  site1  ");
+    writeFile("/var/zantormx/kset.domain", "example.com");
+    const struct {
+        const char* zonename;
+        const char* zone;
+    } zones[] = {
+        {"CN=zone1,CN=Zones,DC=example", "zone1"},
+        {"OU=x,CN=zone2,DC=y", "zone2"},
+        {"CN=last", "last"},
+        {"plainzone", "plainzone"},
+        {"CN=", ""},
+    };
+    for (const auto& z : zones) {
+        SCOPED_TRACE(z.zonename);
+        {
+            zfw::MutexLock lock(zfw::gSettingsMutex);
+            zfw::clearSettingsCache();
+        }
+        writeFile("/var/zantormx/kset.zonename", z.zonename);
+        const auto props = parsed("h=$JOINNAME\ns=$SITE\nd=$DOMAIN\nz=$ZONE\n");
+        EXPECT_EQ(props->get("h"), "host1");
+        EXPECT_EQ(props->get("s"), "site1");
+        EXPECT_EQ(props->get("d"), "example.com");
+        EXPECT_EQ(props->get("z"), z.zone);
+    }
+}
+
+TEST_F(PropertiesTest, ContinuationLines) {
+    const auto props = parsed(
+        "a=one \\\n"
+        "    two\n"
+        "b=x\\\\\n"
+        "c=after\n"
+        "#comment \\\n"
+        "d=not joined\n"
+        "e=three\\\n"
+        "\\\n"
+        "end\n"
+        "f=last\\");
+    EXPECT_EQ(props->get("a"), "one two");
+    EXPECT_EQ(props->get("b"), "x\\");
+    EXPECT_EQ(props->get("c"), "after");
+    EXPECT_EQ(props->get("d"), "not joined");
+    EXPECT_EQ(props->get("e"), "three end");
+    EXPECT_EQ(props->get("f"), "last");
+}
+
+struct TextCase {
+    const char* in;
+    const char* out;
+};
+
+TEST_F(PropertiesTest, TextRoutines) {
+    EXPECT_TRUE(Properties::endsWithEscape("a\\"));
+    EXPECT_FALSE(Properties::endsWithEscape("a\\\\"));
+    EXPECT_TRUE(Properties::endsWithEscape("\\\\\\"));
+    EXPECT_FALSE(Properties::endsWithEscape(""));
+
+    EXPECT_TRUE(Properties::isInsideQuotes("a\"b"));
+    EXPECT_FALSE(Properties::isInsideQuotes("a\"b\""));
+    EXPECT_FALSE(Properties::isInsideQuotes("a\\\"b"));
+    EXPECT_TRUE(Properties::isInsideQuotes("'\""));
+    EXPECT_FALSE(Properties::isInsideQuotes("'\"'"));
+    EXPECT_TRUE(Properties::isInsideQuotes("\"'\"'"));
+
+    const TextCase removeEscapes[] = {
+        {"\\\\", "\\"}, {"\\:", ":"},     {"\\\"a\\b", "\"a\\b"},     {"'a\\b'", "'a\\b'"},
+        {"a\\", "a"},   {"x\\ y", "x y"}, {"\"q\\\"\"", "\"q\\\"\""},
+    };
+    for (const TextCase& c : removeEscapes) {
+        std::string s = c.in;
+        Properties::removeEscapes(s);
+        EXPECT_EQ(s, c.out) << "removeEscapes " << c.in;
+    }
+    const TextCase normalise[] = {
+        {"  a  b  ", "a b"}, {"\"a  b\"  c", "\"a  b\" c"}, {"a\\ ", "a\\ "}, {"a\\\\ ", "a\\\\"},
+        {"\t\n", ""},        {"'x\t\ty'", "'x\t\ty'"},
+    };
+    for (const TextCase& c : normalise) {
+        std::string s = c.in;
+        Properties::normaliseWhitespace(s);
+        EXPECT_EQ(s, c.out) << "normaliseWhitespace " << c.in;
+    }
+    const TextCase controls[] = {
+        {"\\t\\n\\r\\v\\f", "\t\n\r\v\f"},
+        {"\\\\t", "\\\\t"},
+        {"'\\t'", "'\t'"},
+        {"\\x", "\\x"},
+        {"end\\", "end\\"},
+    };
+    for (const TextCase& c : controls) {
+        std::string s = c.in;
+        Properties::unescapeControlChars(s);
+        EXPECT_EQ(s, c.out) << "unescapeControlChars " << c.in;
+    }
+    const TextCase strip[] = {
+        {"\"a b\"", "a b"},
+        {"'a b'", "a b"},
+        {"\"a\"b\"", "\"a\"b\""},
+        {"\"a\\\"b\"", "a\"b"},
+        {"\"\\t\\q\"", "\tq"},
+        {"'a\\tb'", "a\\tb"},
+        {"\"a\" 'b'", "\"a\" 'b'"},
+        {"\"", "\""},
+        {"x\"y\"", "x\"y\""},
+        {"\"it's\"", "it's"},
+        {"''", ""},
+    };
+    for (const TextCase& c : strip) {
+        std::string s = c.in;
+        Properties::stripQuotes(s);
+        EXPECT_EQ(s, c.out) << "stripQuotes " << c.in;
+    }
+}
+
+TEST_F(PropertiesTest, Getters) {
+    const auto props = parsed(
+        "i1=12abc\ni2=abc\ni3=-7\ni4=\n"
+        "b1=Yes\nb2=maybe\nb3=0\nb4=TRUE\nb5=No\nb6=\nb7=false\nb8=1\n");
+    EXPECT_EQ(props->getInt("i1", 3), 12);
+    EXPECT_EQ(props->getInt("i2", 3), 0);
+    EXPECT_EQ(props->getInt("i3", 3), -7);
+    EXPECT_EQ(props->getInt("i4", 3), 3);
+    EXPECT_EQ(props->getInt("absent", 3), 3);
+    const struct {
+        const char* key;
+        bool withFalse;
+        bool withTrue;
+    } bools[] = {
+        {"b1", true, true},   {"b2", false, true},  {"b3", false, false},
+        {"b4", true, true},   {"b5", false, false}, {"b6", false, true},
+        {"b7", false, false}, {"b8", true, true},   {"absent", false, true},
+    };
+    for (const auto& b : bools) {
+        EXPECT_EQ(props->getBool(b.key, false), b.withFalse) << b.key;
+        EXPECT_EQ(props->getBool(b.key, true), b.withTrue) << b.key;
+    }
+    EXPECT_EQ(props->get("absent"), "");
+}
+
+TEST_F(PropertiesTest, Lists) {
+    const struct {
+        const char* line;
+        std::vector<std::string> items;
+    } cases[] = {
+        {"l=a, b,c", {"a", "b", "c"}},
+        {"l='a b' c", {"a b", "c"}},
+        {"l=a\\ b c", {"a b", "c"}},
+        {"l=\"x,y\",z", {"x,y", "z"}},
+        {"l=,, a ,,", {"a"}},
+        {"l=a\\,b", {"a,b"}},
+        {"l=\"unclosed a b", {"\"unclosed a b"}},
+        {"l=$nosuch", {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        const auto props = parsed(std::string(c.line) + "\n");
+        EXPECT_EQ(listOf(props->getList("l")), c.items);
+    }
+}
+
+TEST_F(PropertiesTest, LoadConfiguresLoggers) {
+    writeFile(kConf, "log=DEBUG\nlog.a=ERROR\n");
+    Properties::getProperties();
+    EXPECT_TRUE(zfw::Logger::get("zkv.cli.kvstop")->isEnabled(zfw::Logger::DEBUG));
+    EXPECT_FALSE(zfw::Logger::get("a.b")->isEnabled(zfw::Logger::WARN));
+    EXPECT_TRUE(zfw::Logger::get("a.b")->isEnabled(zfw::Logger::ERROR));
+    writeFile(kConf, "log=WARN\n");
+    Properties::getProperties()->reload();
+    EXPECT_FALSE(zfw::Logger::get("zkv.cli.kvstop")->isEnabled(zfw::Logger::INFO));
+    EXPECT_TRUE(zfw::Logger::get("a.b")->isEnabled(zfw::Logger::WARN));
+}
+
+}  // namespace
+
+// Properties list editing, escaping back into file syntax and saving to a file: real files
+// in a private temporary directory, read back by the store's own parser, and real
+// processes competing for the lock.
+namespace {
+
+using zfw::Properties;
+using zfw::StringList;
+
+using kvtest::present;
+using kvtest::readFile;
+using kvtest::TempDir;
+using kvtest::writeFile;
+
+// A store holding exactly what the text says, read by the real parser.
+std::unique_ptr<Properties> storeOf(const std::string& text, bool expand = true) {
+    std::unique_ptr<Properties> props(new Properties(expand, false));
+    std::istringstream in(text);
+    props->parse(in, expand);
+    return props;
+}
+
+StringList listOf(std::initializer_list<const char*> items) {
+    StringList list;
+    for (const char* item : items) {
+        list.push_back(item);
+    }
+    return list;
+}
+
+TEST(PropertiesEscape, ValuesInFileSyntax) {
+    struct Case {
+        const char* value;
+        bool escapeDollars;
+        const char* escaped;
+    };
+    const Case cases[] = {
+        {"plain", false, "plain"},
+        {"a b", false, "\"a b\""},
+        {"a, b", false, "\"a, b\""},
+        {"a,b", false, "a\\,b"},
+        {"x\"y", false, "x\\\"y"},
+        {"it's", false, "it\\'s"},
+        {"a\\b", false, "a\\\\b"},
+        {"\t", false, "\\t"},
+        {"1\n2\r3\v4\f", false, "1\\n2\\r3\\v4\\f"},
+        {"$$", false, "\\$"},
+        {"$HOME$", false, "$HOME"},
+        {"$A$B", false, "$A\\B"},
+        {"$A$/b", false, "$A/b"},
+        {"x$", false, "x$"},
+        {"$$", true, "\\$\\$"},
+        {"$HOME$", true, "\\$HOME\\$"},
+        {"a $b", true, "\"a \\$b\""},
+        {"", false, ""},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(Properties::escapeValue(c.value, c.escapeDollars), c.escaped)
+            << "value [" << c.value << "] escapeDollars " << c.escapeDollars;
+    }
+    EXPECT_EQ(Properties::formatEntry("k.x", "a b", false), "k.x: \"a b\"");
+    EXPECT_EQ(Properties::formatList(listOf({"a b", "c,d", "$e"}), true), "\"a b\" c\\,d \\$e");
+    EXPECT_EQ(Properties::formatListEntry("l", listOf({"x", "y"}), false), "l: x y");
+    EXPECT_EQ(Properties::formatList(StringList(), false), "");
+}
+
+TEST(PropertiesLists, AddAndRemove) {
+    std::unique_ptr<Properties> props = storeOf("l=c a\nm=c a b a\n");
+
+    EXPECT_TRUE(props->addToList("l", listOf({"b"}), false));
+    EXPECT_EQ(props->get("l"), "a b c");
+    EXPECT_EQ(*props->getList("l"), listOf({"a", "b", "c"}));
+    EXPECT_FALSE(props->addToList("l", listOf({"a"}), false));
+    EXPECT_EQ(props->get("l"), "a b c");
+    EXPECT_TRUE(props->addToList("l", listOf({"z y", "d"}), false));
+    EXPECT_EQ(props->get("l"), "a b c d \"z y\"");
+    EXPECT_EQ(*props->getList("l"), listOf({"a", "b", "c", "d", "z y"}));
+
+    EXPECT_FALSE(props->removeFromList("m", listOf({"x"}), false));
+    EXPECT_EQ(props->get("m"), "c a b a");
+    // The first equal item goes; the order of the rest stays.
+    EXPECT_TRUE(props->removeFromList("m", listOf({"a", "x"}), false));
+    EXPECT_EQ(props->get("m"), "c b a");
+    EXPECT_EQ(*props->getList("m"), listOf({"c", "b", "a"}));
+
+    EXPECT_TRUE(props->addToList("new", listOf({"q", "p", "q"}), false));
+    EXPECT_EQ(props->get("new"), "p q");
+
+    props->setList("s", listOf({"$x", "y z"}), true);
+    EXPECT_EQ(props->get("s"), "\\$x \"y z\"");
+    EXPECT_EQ(*props->getList("s"), listOf({"$x", "y z"}));
+    props->setList("s", StringList(), true);
+    EXPECT_TRUE(props->getList("s")->empty());
+}
+
+TEST(PropertiesSave, UnchangedStoreKeepsTheFile) {
+    TempDir dir;
+    const std::string path = dir.file("p.conf");
+    const std::string original =
+        "# header\n"
+        "\n"
+        "\n"
+        "a=1\n"
+        "b = two   words\n"
+        "  indented: yes\n"
+        "c=x\\\n"
+        "   y\n"
+        "# a comment that ends with a backslash \\\n"
+        "d=4\n"
+        "\n"
+        "\n"
+        "\n"
+        "e:5\n";
+    writeFile(path, original);
+    Properties props(true, false);
+    props.load(path, true);
+    ASSERT_EQ(props.get("d"), "4");
+
+    ASSERT_EQ(props.save(path), 0);
+    // Blank runs shrink to one, continued lines come out joined, the comment swallows the
+    // line after it (so "d" is appended), and the final line feed yields one blank line.
+    EXPECT_EQ(readFile(path),
+              "# header\n"
+              "\n"
+              "a=1\n"
+              "b = two   words\n"
+              "  indented: yes\n"
+              "c=x    y\n"
+              "# a comment that ends with a backslash  d=4\n"
+              "\n"
+              "e:5\n"
+              "\n"
+              "d: 4\n");
+    EXPECT_FALSE(present(path + ".lock"));
+    EXPECT_FALSE(present(path + ".new"));
+    EXPECT_EQ(kvtest::modeOf(path), 0644u);
+
+    writeFile(path, "a=1\nb=2\n");
+    Properties again(true, false);
+    again.load(path, true);
+    ASSERT_EQ(again.save(path), 0);
+    EXPECT_EQ(readFile(path), "a=1\nb=2\n\n");
+    ASSERT_EQ(again.save(path), 0);
+    EXPECT_EQ(readFile(path), "a=1\nb=2\n\n");
+}
+
+TEST(PropertiesSave, ChangedNewAndRemovedKeys) {
+    TempDir dir;
+    const std::string path = dir.file("p.conf");
+    writeFile(path, "# keep me\na=1\nb=2\nc=3\nl=x y\nq='$HOME'");
+    std::unique_ptr<Properties> props = storeOf("a=1\nc=30\nn=new  value\nl=x y\nq='$HOME'\n");
+    EXPECT_TRUE(props->addToList("l", listOf({"w v"}), false));
+
+    ASSERT_EQ(props->save(path), 0);
+    EXPECT_EQ(readFile(path),
+              "# keep me\n"
+              "a=1\n"
+              "c: 30\n"
+              "l: \"w v\" x y\n"
+              "q='$HOME'\n"
+              "n: new value\n");
+    std::unique_ptr<Properties> reread(new Properties(true, false));
+    reread->load(path, true);
+    EXPECT_EQ(reread->get("b"), "");
+    EXPECT_EQ(reread->get("c"), "30");
+    EXPECT_EQ(reread->get("n"), "new value");
+    EXPECT_EQ(*reread->getList("l"), listOf({"w v", "x", "y"}));
+}
+
+// Sets a file's access and modification times to `age` seconds ago.
+void ageFile(const std::string& name, int age) {
+    struct timespec times[2];
+    clock_gettime(CLOCK_REALTIME, &times[0]);
+    times[0].tv_sec -= age;
+    times[1] = times[0];
+    ASSERT_EQ(utimensat(AT_FDCWD, name.c_str(), times, 0), 0);
+}
+
+TEST(PropertiesLock, StaleLockFileIsTakenOver) {
+    TempDir dir;
+    const std::string path = dir.file("p.conf");
+    writeFile(path, "a=1\n");
+    writeFile(path + ".lock", "");
+    ageFile(path + ".lock", 120);
+    std::unique_ptr<Properties> props = storeOf("a=2\n");
+    ASSERT_EQ(props->save(path), 0);
+    EXPECT_EQ(readFile(path), "a: 2\n\n");
+    EXPECT_FALSE(present(path + ".lock"));
+}
+
+// A child takes the lock with createLockFile and keeps it until the parent writes to
+// the pipe; optionally the lock is made to look abandoned.
+class LockHolder {
+  public:
+    LockHolder(const std::string& lockPath, int age) {
+        EXPECT_EQ(pipe(m_release), 0);
+        EXPECT_EQ(pipe(m_ready), 0);
+        m_child.reset(new kvtest::ChildProcess([this, lockPath]() {
+            const int fd = Properties::createLockFile(lockPath);
+            if (fd < 0) {
+                return 1;
+            }
+            char byte = 'r';
+            if (!kvtest::writeFully(m_ready[1], &byte, 1) ||
+                !kvtest::readFully(m_release[0], &byte, 1)) {
+                return 2;
+            }
+            return Properties::removeLockFile(lockPath, fd) == 0 ? 0 : 3;
+        }));
+        char byte = 0;
+        EXPECT_TRUE(kvtest::readFully(m_ready[0], &byte, 1));
+        if (age > 0) {
+            ageFile(lockPath, age);
+        }
+    }
+    ~LockHolder() {
+        for (int fd : {m_release[0], m_release[1], m_ready[0], m_ready[1]}) {
+            close(fd);
+        }
+    }
+    int release() {
+        const char byte = 'x';
+        EXPECT_TRUE(kvtest::writeFully(m_release[1], &byte, 1));
+        return m_child->wait();
+    }
+
+  private:
+    int m_release[2] = {-1, -1};
+    int m_ready[2] = {-1, -1};
+    std::unique_ptr<kvtest::ChildProcess> m_child;
+};
+
+TEST(PropertiesLock, HeldLockMakesSaveFailAndLeavesTheFile) {
+    TempDir dir;
+    const std::string path = dir.file("p.conf");
+    writeFile(path, "a=1\n");
+    // Fresh, and old but still held by a live process: neither may be broken.
+    for (int age : {0, 120}) {
+        LockHolder holder(path + ".lock", age);
+        std::unique_ptr<Properties> props = storeOf("a=2\n");
+        EXPECT_EQ(props->save(path), -1) << "lock age " << age;
+        EXPECT_EQ(readFile(path), "a=1\n");
+        EXPECT_TRUE(present(path + ".lock"));
+        EXPECT_EQ(Properties::createLockFile(path + ".lock"), -1);
+        EXPECT_EQ(holder.release(), 0);
+        EXPECT_FALSE(present(path + ".lock"));
+        EXPECT_FALSE(present(path + ".new"));
+    }
+}
+
+}  // namespace
