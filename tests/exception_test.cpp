@@ -92,23 +92,6 @@ TEST_F(ExceptionTest, ReportFlagAndClassNameDecide) {
               0u);
 }
 
-TEST_F(ExceptionTest, ErrnoFormAppendsTheSystemText) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    try {
-        ZFW_THROW_ERRNO(zfw::IOException, -1, false, ENOENT, "Cannot open file %s", "/no/such");
-    } catch (const ZFWException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  std::string("Cannot open file /no/such: ") + strerror(ENOENT));
-        EXPECT_EQ(dynamic_cast<const zfw::Base_Exception&>(e).rc(), -1);
-    }
-    try {
-        ZFW_THROW_ERRNO(zfw::SystemException, EAGAIN, false, EAGAIN, "OS call failed");
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(std::string(e.what()), std::string("OS call failed: ") + strerror(EAGAIN));
-        EXPECT_EQ(e.rc(), EAGAIN);
-    }
-}
-
 TEST_F(ExceptionTest, MessagesAreCutAt511Bytes) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     const std::string longText(700, 'x');

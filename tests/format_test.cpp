@@ -72,32 +72,6 @@ TEST(Format, Integers) {
     });
 }
 
-TEST(Format, IntegerPaddingAndPrecision) {
-    expectRows({
-        ROW("00042", "%.5d", 42),
-        ROW("  00042", "%7.5d", 42),
-        ROW("-00042", "%.5d", -42),
-        ROW(" -00042", "%7.5d", -42),
-        ROW("00042  |", "%-7.5d|", 42),
-        ROW("0", "%.0d", 0),
-        ROW("0", "%d", 0),
-        ROW("    0", "%5d", 0),
-        // With the zero flag the larger of the two paddings is printed as zeros, also with "-".
-        ROW("000005", "%08.3d", 5),
-        ROW("00007", "%-05d", 7),
-        ROW("+0007", "%+05d", 7),
-        ROW("0000ff", "%06x", 255),
-        // Width and precision from arguments; a negative width pads nothing.
-        ROW("   42", "%*d", 5, 42),
-        ROW("42|", "%*d|", -5, 42),
-        ROW("00042", "%.*d", 5, 42),
-        ROW("42", "%.*d", -3, 42),
-        ROW("  042", "%*.*d", 5, 3, 42),
-        // A "." without digits leaves the precision absent.
-        ROW("42", "%.d", 42),
-    });
-}
-
 TEST(Format, Strings) {
     const char* null = nullptr;
     const char unterminated[4] = {'a', 'b', 'c', 'd'};
@@ -148,41 +122,6 @@ TEST(Format, FloatsAreFixedPoint) {
         ROW("1.0000000000000000", "%.20f", 1.0),
         ROW("0.1000000000000000", "%.16f", 0.1),
     });
-}
-
-TEST(Format, NonFiniteFloats) {
-    expectRows({
-        ROW("inf", "%f", INFINITY),
-        ROW("-inf", "%f", -INFINITY),
-        ROW("+inf", "%+f", INFINITY),
-        ROW("nan", "%f", NAN),
-        ROW("INF", "%E", INFINITY),
-        ROW("NAN", "%G", NAN),
-        ROW("  inf", "%5f", INFINITY),
-        ROW("  inf", "%05f", INFINITY),
-        ROW("-inf |", "%-5f|", -INFINITY),
-    });
-}
-
-TEST(Format, CountStoreSeesCharactersPastTheEnd) {
-    char buf[4];
-    int n = -1;
-    EXPECT_EQ(snprintf(buf, sizeof buf, "hello%n world", &n), 11);
-    EXPECT_EQ(n, 5);
-    EXPECT_STREQ(buf, "hel");
-
-    short s = -1;
-    long l = -1;
-    long ll = -1;
-    int plain = -1;
-    EXPECT_EQ(F("%10s%hn|%ln%lln%n", "x", &s, &l, &ll, &plain), "         x|");
-    EXPECT_EQ(s, 10);
-    EXPECT_EQ(l, 11);
-    EXPECT_EQ(ll, 11);
-    EXPECT_EQ(plain, 11);
-
-    // A null target is skipped.
-    EXPECT_EQ(F("ab%ncd", static_cast<int*>(nullptr)), "abcd");
 }
 
 struct Cut {

@@ -236,24 +236,6 @@ TEST(KvstopConfiguration, DefaultSocketWithoutConfigurationFile) {
     EXPECT_EQ(daemon.log(), (std::vector<std::string>{on(1, kHello), on(1, kStopFrame)}));
 }
 
-TEST(KvstopConfiguration, RelativeDataDirectoryIsNotReachable) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::SyslogSink sink;
-    kvtest::TempDir dir;
-    // Relative to "/", where kvstop runs, this would name the daemon's socket.
-    ASSERT_TRUE(
-        kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path().substr(1) + "\nkvd.socket=sock\n"));
-    kvtest::Kvdsim daemon(dir, {});
-    ASSERT_TRUE(daemon.ready());
-    const kvtest::ProgramResult r = runKvstop({kKvstop}, false, "/");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, kUnreachable);
-    EXPECT_EQ(records(sink), std::vector<std::string>{});
-    daemon.terminate();
-    EXPECT_EQ(daemon.log(), std::vector<std::string>{});
-}
-
 // Refusals come before anything else: no connection is attempted, nothing is logged.
 TEST(KvstopRefusals, NonRootOrArgumentsSeeOnlyTheRefusal) {
     KV_REQUIRE_HERMETIC_DEVLOG();

@@ -105,58 +105,6 @@ TEST_F(LoggerTest, RecordLayoutAndPriority) {
     }
 }
 
-TEST_F(LoggerTest, ThreadTagsArePerThread) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> logger = Logger::get("tagged");
-    EXPECT_EQ(Logger::threadTag(), nullptr);
-    char tag[] = "worker";
-    Logger::setThreadTag(tag);
-    tag[0] = 'X';
-    EXPECT_STREQ(Logger::threadTag(), "worker");
-    logger->log(Logger::INFO, "one");
-    std::thread other([&] {
-        EXPECT_EQ(Logger::threadTag(), nullptr);
-        Logger::setThreadTag("other");
-        logger->log(Logger::INFO, "two");
-    });
-    other.join();
-    Logger::setThreadTag(nullptr);
-    logger->log(Logger::INFO, "three");
-    EXPECT_EQ(sink().takeTexts(),
-              (std::vector<std::string>{"INFO  <worker> tagged one", "INFO  <other> tagged two",
-                                        "INFO  tagged three"}));
-}
-
-TEST_F(LoggerTest, LogDumpWritesHexAndCharacters) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> logger = Logger::get("dump");
-    const unsigned char data[20] = {'A', 'B', 'C', 'D', 'E', 'F', 'G',  'H',  'I',  'J',
-                                    'K', 'L', 'M', 'N', 'O', ' ', 0x01, 0x7f, 0x80, 0xff};
-    logger->logDump(Logger::INFO, "dump of %%d", data, sizeof data);
-    const std::string line1 = "41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 20   ABCDEFGHIJKLMNO  ";
-    const std::string line2 = "01 7f 80 ff" + std::string(39, ' ') + ".\x7f.. ";
-    EXPECT_EQ(sink().takeTexts(),
-              (std::vector<std::string>{"INFO  dump dump of %d", "INFO  dump " + line1,
-                                        "INFO  dump " + line2}));
-    logger->logDump(Logger::INFO, "empty", data, 0);
-    EXPECT_EQ(sink().takeTexts(), std::vector<std::string>{"INFO  dump empty"});
-}
-
-TEST_F(LoggerTest, RecordIsCutAt511Characters) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> logger = Logger::get("long");
-    const std::string format(600, 'a');
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-    logger->log(Logger::INFO, format.c_str());
-#pragma GCC diagnostic pop
-    // The format is cut with the record; the formatted arguments are not.
-    logger->log(Logger::INFO, "%s", format.c_str());
-    EXPECT_EQ(sink().takeTexts(),
-              (std::vector<std::string>{"INFO  long " + std::string(511 - 11, 'a'),
-                                        "INFO  long " + format}));
-}
-
 
 // ---- Configuration from properties, facilities and the one-time openlog decision ----
 
@@ -238,20 +186,6 @@ TEST_F(LogConfigTest, FacilityNames) {
     }
 }
 
-TEST_F(LogConfigTest, ProgramFacilityOverridesTheWildcard) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const std::string self = zfw::processName();
-    configureFrom("logger.facility.*=daemon\nlogger.facility." + self + "=local1\n");
-    EXPECT_EQ(Logger::get("")->facility(), LOG_LOCAL1);
-    configureFrom("logger.facility.*=daemon\nlogger.facility.otherprog=local1\n");
-    EXPECT_EQ(Logger::get("")->facility(), LOG_DAEMON);
-    Logger::get("fac.any")->log(Logger::INFO, "x");
-    const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
-    ASSERT_FALSE(records.empty());
-    EXPECT_EQ(records.back().priority, LOG_DAEMON | LOG_INFO);
-    EXPECT_TRUE(complaints().empty());
-}
-
 TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     loadEmptyConfigFile();
@@ -276,21 +210,6 @@ TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
         priorities.push_back(r.priority);
     }
     EXPECT_EQ(priorities, (std::vector<int>{156, 38}));
-}
-
-TEST_F(LogConfigTest, FirstRecordLoadsTheProperties) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::writeFile(zfw::Properties::gConfigPath, "log=warn\nlogger.facility.*=local0\n");
-    // The load happens inside the first record's delivery and configures the loggers.
-    Logger::get("early")->log(Logger::ERROR, "first");
-    Logger::get("early")->setLevel(Logger::UNSET);
-    Logger::get("early")->log(Logger::INFO, "hidden");
-    Logger::get("early")->log(Logger::WARN, "second");
-    const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].text, "ERROR early first");
-    EXPECT_EQ(records[1].text, "WARN  early second");
-    EXPECT_EQ(records[1].priority, LOG_LOCAL0 | LOG_WARNING);
 }
 
 }  // namespace
@@ -320,57 +239,6 @@ class LogQueueTest : public ::testing::Test {
   protected:
     boost::shared_ptr<zfw::Logger> m_reporter = zfw::Logger::get("test.reporter");
 };
-
-TEST_F(LogQueueTest, QueuedRecordsReachSyslogAndStopDrains) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::SyslogSink sink;
-    kvtest::useProperties("log.test.reporter=DEBUG\n");
-    const int32_t threads = zfw::Thread::m_threadsActive;
-    zfw::Logger::startQueue(m_reporter);
-    zfw::Logger::startQueue(m_reporter);
-    EXPECT_EQ(zfw::Thread::m_threadsActive, threads + 1) << "one log thread, started once";
-
-    constexpr int kWriters = 3;
-    constexpr int kRecords = 60;
-    std::vector<std::thread> writers;
-    for (int w = 0; w < kWriters; ++w) {
-        writers.emplace_back([w] {
-            const auto logger = zfw::Logger::get("test.writer" + std::to_string(w));
-            for (int i = 0; i < kRecords; ++i) {
-                logger->log(zfw::Logger::INFO, "record %d of %s, 100%%", i, "writer");
-            }
-        });
-    }
-    for (std::thread& t : writers) {
-        t.join();
-    }
-    // Formatted into the queue's 512 bytes: longer records are cut there.
-    const std::string longText(600, 'x');
-    zfw::Logger::get("test.long")->log(zfw::Logger::INFO, "%s", longText.c_str());
-    zfw::Logger::stopQueue(m_reporter);
-    EXPECT_EQ(zfw::Thread::m_threadsActive, threads);
-
-    const std::vector<std::string> texts = sink.takeTexts();
-    EXPECT_EQ(containing(texts, "test.reporter"),
-              (std::vector<std::string>{"DEBUG test.reporter starting background log thread",
-                                        "DEBUG test.reporter stopped background log thread"}));
-    for (int w = 0; w < kWriters; ++w) {
-        const std::string name = "test.writer" + std::to_string(w);
-        std::vector<std::string> expected;
-        for (int i = 0; i < kRecords; ++i) {
-            expected.push_back("INFO  " + name + " record " + std::to_string(i) +
-                               " of writer, 100%");
-        }
-        EXPECT_EQ(containing(texts, name + " "), expected);
-    }
-    const std::vector<std::string> cut = containing(texts, "test.long");
-    ASSERT_EQ(cut.size(), 1u);
-    EXPECT_EQ(cut[0], ("INFO  test.long " + longText).substr(0, 511));
-
-    // Direct again: a record longer than the queue's text is not cut at 511.
-    zfw::Logger::get("test.long")->log(zfw::Logger::INFO, "%s", longText.c_str());
-    EXPECT_EQ(sink.takeTexts("test.long"), std::vector<std::string>{"INFO  test.long " + longText});
-}
 
 TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
     KV_REQUIRE_HERMETIC_DEVLOG();

@@ -85,34 +85,6 @@ int32_t exchangeOnce(const Kvdsim& daemon, uint32_t id, int32_t timeout,
     return status;
 }
 
-TEST(Lrpc2Exchange, StopRequestIsByteExactOnTheWire) {
-    TempDir dir;
-    Kvdsim daemon(dir, {});
-    ASSERT_TRUE(daemon.ready());
-    int32_t status = -1;
-    lrpc2_conn* conn = lrpc2_connect_timeout(daemon.socket().c_str(), table(), 2, &status);
-    ASSERT_EQ(status, 0);
-    lrpc2_msg* request = completed(LRPC2_ID_KV_STOP);
-    for (int round = 0; round < 2; ++round) {
-        lrpc2_msg* reply = lrpc2_exchange_timeout(conn, request, 2, &status);
-        ASSERT_EQ(status, 0);
-        EXPECT_EQ(replyId(reply), 20u);
-        uint32_t tag = 99;
-        EXPECT_EQ(lrpc2_msg_next_type(reply, &tag), 0);
-        EXPECT_EQ(tag, 0u);
-        lrpc2_msg_free(reply);
-    }
-    // Stamped in place, the same way both times.
-    uint32_t length = 0;
-    const uint8_t* image = lrpc2_msg_bytes(request, &length, nullptr);
-    EXPECT_EQ(hex(image, length), "1280cdab0b000000140000");
-    lrpc2_msg_free(request);
-    lrpc2_close(conn);
-    const std::vector<std::string> expected = {"1 hello 02000000", "1 frame 1280cdab0b000000140000",
-                                               "1 frame 1280cdab0b000000140000"};
-    EXPECT_EQ(daemon.log(), expected);
-}
-
 struct DaemonCase {
     std::vector<std::string> args;
     int32_t timeout;
@@ -234,74 +206,6 @@ TEST(Lrpc2Exchange, ScriptedReplies) {
         lrpc2_msg_free(request);
         lrpc2_close(conn);
         EXPECT_EQ(peer.wait(), 0);
-    }
-}
-
-std::string frameHeaderHex(uint32_t length, uint16_t id) {
-    return "1280cdab" + hexU32(length) + hex(reinterpret_cast<const uint8_t*>(&id), 2);
-}
-
-TEST(Lrpc2Auth, FullDialogue) {
-    TempDir dir;
-    Kvdsim daemon(dir, {"--auth", "--proof-size", "48"});
-    ASSERT_TRUE(daemon.ready());
-    int32_t status = -1;
-    lrpc2_conn* conn = lrpc2_connect_timeout(daemon.socket().c_str(), table(), 2, &status);
-    ASSERT_EQ(status, 0);
-    lrpc2_msg* stop = completed(LRPC2_ID_KV_STOP);
-    lrpc2_msg* reply = lrpc2_exchange_timeout(conn, stop, 2, &status);
-    ASSERT_EQ(status, 0);
-    EXPECT_EQ(replyId(reply), 20u);
-    lrpc2_msg_free(reply);
-    // Authenticated: the next request is answered at once.
-    lrpc2_msg* ping = completed(LRPC2_ID_KV_PING);
-    reply = lrpc2_exchange_timeout(conn, ping, 2, &status);
-    ASSERT_EQ(status, 0);
-    EXPECT_EQ(replyId(reply), 10u);
-    lrpc2_msg_free(reply);
-    lrpc2_msg_free(ping);
-    lrpc2_msg_free(stop);
-    lrpc2_close(conn);
-
-    const std::vector<std::string> log = daemon.log();
-    ASSERT_EQ(log.size(), 5u);
-    EXPECT_EQ(log[1], "1 frame 1280cdab0b000000140000");
-    EXPECT_EQ(log[2], "1 frame " + frameHeaderHex(21, 1) + "03" + hexU32(geteuid()) + "03" +
-                          hexU32(getegid()) + "00");
-    // Two blobs of 48 bytes: tag 6, length 0x30, then the bytes.
-    const std::string response = log[3].substr(8);
-    ASSERT_EQ(response.size(), 2u * (8 + 2 + 2 * (1 + 4 + 48) + 1));
-    EXPECT_EQ(response.substr(0, 20), frameHeaderHex(117, 2));
-    EXPECT_EQ(response.substr(20, 10), "0630000000");
-    EXPECT_EQ(response.substr(20 + 2 * 53, 10), "0630000000");
-    EXPECT_EQ(response.substr(response.size() - 2), "00");
-    EXPECT_EQ(log[4], "1 frame 1280cdab0b0000000a0000");
-    // The daemon removed its proof files.
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 2);
-}
-
-TEST(Lrpc2Auth, DialogueFailures) {
-    const std::vector<DaemonCase> cases = {
-        {{"--auth-answer", "one-path"}, 2, LRPC2_ERR_AUTH},
-        {{"--auth-answer", "nested"}, 2, LRPC2_ERR_AUTH},
-        {{"--fault", "close-body", "--fault-frame", "1"}, 2, LRPC2_ERR_CLOSED},
-        {{"--fault", "close-request", "--fault-frame", "2"}, 2, LRPC2_ERR_CLOSED},
-        {{"--fault", "silent-request", "--fault-frame", "2"}, 1, LRPC2_ERR_TIMEOUT},
-        {{"--fault", "bad-magic", "--fault-frame", "2"}, 2, LRPC2_ERR_SOCKET},
-        {{"--fault", "huge-length", "--fault-frame", "2"}, 2, LRPC2_ERR_SOCKET},
-        {{"--fault", "close-request", "--fault-frame", "3"}, 2, LRPC2_ERR_CLOSED},
-        {{"--fault", "trailing-byte", "--fault-frame", "3"}, 2, LRPC2_ERR_SOCKET},
-        {{"--fault", "silent-body", "--fault-frame", "3"}, 1, LRPC2_ERR_TIMEOUT},
-        {{"--piece", "1", "--piece-delay", "1"}, 2, 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(describe(c));
-        TempDir dir;
-        std::vector<std::string> args = {"--auth"};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        Kvdsim daemon(dir, args);
-        ASSERT_TRUE(daemon.ready());
-        EXPECT_EQ(exchangeOnce(daemon, LRPC2_ID_KV_STOP, c.timeout), c.status);
     }
 }
 
@@ -471,20 +375,6 @@ TEST(Lrpc2AuthWipe, NothingSecretStaysInFreedMemory) {
     }
     // Each request was challenged: hello, stop, identity and response on every connection.
     EXPECT_EQ(daemon.log().size(), 4 * watched.size());
-}
-
-// The watch does see bytes left in a freed block: a request that is not secure keeps them.
-TEST(Lrpc2AuthWipe, PlainRequestBytesAreSeen) {
-    const std::string secret = "ping-text-Lc9sWq";
-    alloc_hooks::watch_pattern(secret.data(), secret.size());
-    lrpc2_msg* ping =
-        lrpc2_msg_create(LRPC2_ID_KV_PING, 0, lrpc2_default_table(), LRPC2_HEADER_LEN, nullptr);
-    ASSERT_NE(ping, nullptr);
-    ASSERT_EQ(lrpc2_put_string(ping, secret.c_str()), 0);
-    ASSERT_EQ(lrpc2_msg_complete(ping), 0);
-    lrpc2_msg_free(ping);
-    EXPECT_EQ(alloc_hooks::state().pattern_frees, 1u);
-    alloc_hooks::clear_pattern();
 }
 
 }  // namespace

@@ -77,23 +77,6 @@ TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
                             }));
 }
 
-TEST_F(SessionTest, SendWhileNotConnectedThrows) {
-    KV_REQUIRE_HERMETIC();
-    configure();
-    kvtest::Kvdsim daemon(m_dir, {});
-    ASSERT_TRUE(daemon.ready());
-    Lrpc2Client client;
-    const char text[] = "Can't send an lrpc2 message yet, not connected";
-    expectThrow<zfw::SystemException>([&] { client.stopDaemon(); }, text);
-    ASSERT_TRUE(client.connect());
-    client.disconnect();
-    client.disconnect();  // a second disconnect is harmless
-    expectThrow<zfw::SystemException>([&] { client.isDaemonOnline(); }, text);
-    expectThrow<zfw::SystemException>([&] { client.ping(1); }, text);
-    expectThrow<zfw::SystemException>([&] { client.reloadProperties(); }, text);
-    EXPECT_EQ(daemon.log(), std::vector<std::string>{std::string("1 ") + kHello});
-}
-
 struct ReplyFieldCase {
     const char* id;
     std::function<void(Lrpc2Client&)> query;

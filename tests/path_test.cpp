@@ -80,18 +80,6 @@ TEST(PathParse, ComponentsAndSystemForm) {
     }
 }
 
-TEST(PathParse, OtherFormsAndOutput) {
-    const path p("/tmp/my dir/f");
-    EXPECT_EQ(p.toString('/', true), "/tmp/my dir/f");
-    EXPECT_EQ(p.toString('\\', true), "/tmp\\my dir\\f");
-    EXPECT_EQ(path("a/b/").toString('\\', true), "a\\b");
-    EXPECT_EQ(path("/").toString('\\', true), "/");
-    EXPECT_EQ(path("/a/").toString('\\', false), "/a");
-    std::ostringstream out;
-    out << p;
-    EXPECT_EQ(out.str(), "/tmp/my_dir/f");
-}
-
 TEST(PathAppend, JoinsRelativePaths) {
     EXPECT_EQ((path("/a/b") / path("c/d")).systemForm(), "/a/b/c/d");
     EXPECT_EQ((path("/a/b/") / path("c")).systemForm(), "/a/b/c");
@@ -156,58 +144,6 @@ TEST_F(PathFiles, Remove) {
     path(at("empty/")).remove(false);
     EXPECT_FALSE(present(at("empty")));
     EXPECT_EQ(thrownText<zfw::BadDataException>([] { path().remove(true); }), "Empty path");
-}
-
-TEST_F(PathFiles, Rename) {
-    touch(at("from"), "data");
-    path(at("from")).rename(path(at("to")));
-    EXPECT_FALSE(present(at("from")));
-    EXPECT_TRUE(present(at("to")));
-    EXPECT_EQ(thrownText<zfw::IOException>([&] { path(at("gone")).rename(path(at("x"))); }),
-              "Cannot rename " + at("gone") + " to " + at("x") + ": " + strerror(ENOENT));
-    EXPECT_EQ(thrownText<zfw::BadDataException>([&] { path().rename(path(at("x"))); }),
-              "Empty path");
-    EXPECT_EQ(thrownText<zfw::BadDataException>([&] { path(at("to")).rename(path()); }),
-              "Empty path");
-}
-
-TEST_F(PathFiles, MakeTempFile) {
-    std::string templ = at("tmpXXXXXX");
-    const int fd = zfw::makeTempFile(templ);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    EXPECT_NE(templ, at("tmpXXXXXX"));
-    EXPECT_EQ(templ.compare(0, at("tmp").size(), at("tmp")), 0);
-    EXPECT_TRUE(present(templ));
-
-    std::string owned = at("ownXXXXXX");
-    const int fd2 = zfw::makeTempFile(owned, 0640, 65534, 65534);
-    ASSERT_GE(fd2, 0);
-    close(fd2);
-    struct stat st;
-    ASSERT_EQ(stat(owned.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640u);
-    EXPECT_EQ(st.st_uid, 65534u);
-
-    // A failed chown (an unprivileged process giving a file to root): -1, and the file is
-    // gone again.
-    ASSERT_EQ(chmod(m_dir.c_str(), 0777), 0);
-    const std::string dir = m_dir;
-    EXPECT_EQ(kvtest::runAsNobody([&dir] {
-                  std::string bad = dir + "/badXXXXXX";
-                  if (zfw::makeTempFile(bad, 0640, 0, 0) != -1) {
-                      return 11;
-                  }
-                  return bad != dir + "/badXXXXXX" && !present(bad) ? 0 : 12;
-              }),
-              0);
-
-    std::string missing = at("nodir/tmpXXXXXX");
-    kvtest::expectThrow<zfw::SystemException>([&] { zfw::makeTempFile(missing); },
-                                              std::string("OS call failed: ") + strerror(ENOENT),
-                                              -1);
-    std::string noXs = at("plain");
-    EXPECT_THROW(zfw::makeTempFile(noXs), zfw::SystemException);
 }
 
 }  // namespace

@@ -112,33 +112,6 @@ TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
     }
 }
 
-TEST_F(PropertiesTest, EarlierKeysAndReplacements) {
-    setenv("PROPS_TEST_DOLLAR", "$PROPS_TEST_HOME", 1);
-    setenv("PROPS_TEST_EMPTY", "", 1);
-    const auto props = parsed(
-        "a=5\n"
-        "b=$a\n"
-        "q=\"quoted value\"\n"
-        "r=[$q]\n"
-        // Replacements are not scanned again.
-        "s=$PROPS_TEST_DOLLAR\n"
-        // A set but empty environment variable wins over an earlier key.
-        "PROPS_TEST_EMPTY=fromfile\n"
-        "t=<$PROPS_TEST_EMPTY>\n"
-        // A later definition is not seen by earlier lines.
-        "u=$later\n"
-        "later=1\n"
-        "a=6\n"
-        "v=$a\n");
-    EXPECT_EQ(props->get("b"), "5");
-    EXPECT_EQ(props->get("r"), "[quoted value]");
-    EXPECT_EQ(props->get("s"), "$PROPS_TEST_HOME");
-    EXPECT_EQ(props->get("t"), "<>");
-    EXPECT_EQ(props->get("u"), "");
-    EXPECT_EQ(props->get("a"), "6");
-    EXPECT_EQ(props->get("v"), "6");
-}
-
 TEST_F(PropertiesTest, JoinParametersFromHostSettings) {
     writeFile("/var/zantormx/kset.host", "host1\n");
     writeFile("/var/zantormx/kset.site", "  site1  ");
@@ -168,93 +141,10 @@ TEST_F(PropertiesTest, JoinParametersFromHostSettings) {
     }
 }
 
-TEST_F(PropertiesTest, ContinuationLines) {
-    const auto props = parsed(
-        "a=one \\\n"
-        "    two\n"
-        "b=x\\\\\n"
-        "c=after\n"
-        "#comment \\\n"
-        "d=not joined\n"
-        "e=three\\\n"
-        "\\\n"
-        "end\n"
-        "f=last\\");
-    EXPECT_EQ(props->get("a"), "one two");
-    EXPECT_EQ(props->get("b"), "x\\");
-    EXPECT_EQ(props->get("c"), "after");
-    EXPECT_EQ(props->get("d"), "not joined");
-    EXPECT_EQ(props->get("e"), "three end");
-    EXPECT_EQ(props->get("f"), "last");
-}
-
 struct TextCase {
     const char* in;
     const char* out;
 };
-
-TEST_F(PropertiesTest, TextRoutines) {
-    EXPECT_TRUE(Properties::endsWithEscape("a\\"));
-    EXPECT_FALSE(Properties::endsWithEscape("a\\\\"));
-    EXPECT_TRUE(Properties::endsWithEscape("\\\\\\"));
-    EXPECT_FALSE(Properties::endsWithEscape(""));
-
-    EXPECT_TRUE(Properties::isInsideQuotes("a\"b"));
-    EXPECT_FALSE(Properties::isInsideQuotes("a\"b\""));
-    EXPECT_FALSE(Properties::isInsideQuotes("a\\\"b"));
-    EXPECT_TRUE(Properties::isInsideQuotes("'\""));
-    EXPECT_FALSE(Properties::isInsideQuotes("'\"'"));
-    EXPECT_TRUE(Properties::isInsideQuotes("\"'\"'"));
-
-    const TextCase removeEscapes[] = {
-        {"\\\\", "\\"}, {"\\:", ":"},     {"\\\"a\\b", "\"a\\b"},     {"'a\\b'", "'a\\b'"},
-        {"a\\", "a"},   {"x\\ y", "x y"}, {"\"q\\\"\"", "\"q\\\"\""},
-    };
-    for (const TextCase& c : removeEscapes) {
-        std::string s = c.in;
-        Properties::removeEscapes(s);
-        EXPECT_EQ(s, c.out) << "removeEscapes " << c.in;
-    }
-    const TextCase normalise[] = {
-        {"  a  b  ", "a b"}, {"\"a  b\"  c", "\"a  b\" c"}, {"a\\ ", "a\\ "}, {"a\\\\ ", "a\\\\"},
-        {"\t\n", ""},        {"'x\t\ty'", "'x\t\ty'"},
-    };
-    for (const TextCase& c : normalise) {
-        std::string s = c.in;
-        Properties::normaliseWhitespace(s);
-        EXPECT_EQ(s, c.out) << "normaliseWhitespace " << c.in;
-    }
-    const TextCase controls[] = {
-        {"\\t\\n\\r\\v\\f", "\t\n\r\v\f"},
-        {"\\\\t", "\\\\t"},
-        {"'\\t'", "'\t'"},
-        {"\\x", "\\x"},
-        {"end\\", "end\\"},
-    };
-    for (const TextCase& c : controls) {
-        std::string s = c.in;
-        Properties::unescapeControlChars(s);
-        EXPECT_EQ(s, c.out) << "unescapeControlChars " << c.in;
-    }
-    const TextCase strip[] = {
-        {"\"a b\"", "a b"},
-        {"'a b'", "a b"},
-        {"\"a\"b\"", "\"a\"b\""},
-        {"\"a\\\"b\"", "a\"b"},
-        {"\"\\t\\q\"", "\tq"},
-        {"'a\\tb'", "a\\tb"},
-        {"\"a\" 'b'", "\"a\" 'b'"},
-        {"\"", "\""},
-        {"x\"y\"", "x\"y\""},
-        {"\"it's\"", "it's"},
-        {"''", ""},
-    };
-    for (const TextCase& c : strip) {
-        std::string s = c.in;
-        Properties::stripQuotes(s);
-        EXPECT_EQ(s, c.out) << "stripQuotes " << c.in;
-    }
-}
 
 TEST_F(PropertiesTest, Getters) {
     const auto props = parsed(
@@ -279,39 +169,6 @@ TEST_F(PropertiesTest, Getters) {
         EXPECT_EQ(props->getBool(b.key, true), b.withTrue) << b.key;
     }
     EXPECT_EQ(props->get("absent"), "");
-}
-
-TEST_F(PropertiesTest, Lists) {
-    const struct {
-        const char* line;
-        std::vector<std::string> items;
-    } cases[] = {
-        {"l=a, b,c", {"a", "b", "c"}},
-        {"l='a b' c", {"a b", "c"}},
-        {"l=a\\ b c", {"a b", "c"}},
-        {"l=\"x,y\",z", {"x,y", "z"}},
-        {"l=,, a ,,", {"a"}},
-        {"l=a\\,b", {"a,b"}},
-        {"l=\"unclosed a b", {"\"unclosed a b"}},
-        {"l=$nosuch", {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.line);
-        const auto props = parsed(std::string(c.line) + "\n");
-        EXPECT_EQ(listOf(props->getList("l")), c.items);
-    }
-}
-
-TEST_F(PropertiesTest, LoadConfiguresLoggers) {
-    writeFile(kConf, "log=DEBUG\nlog.a=ERROR\n");
-    Properties::getProperties();
-    EXPECT_TRUE(zfw::Logger::get("zkv.cli.kvstop")->isEnabled(zfw::Logger::DEBUG));
-    EXPECT_FALSE(zfw::Logger::get("a.b")->isEnabled(zfw::Logger::WARN));
-    EXPECT_TRUE(zfw::Logger::get("a.b")->isEnabled(zfw::Logger::ERROR));
-    writeFile(kConf, "log=WARN\n");
-    Properties::getProperties()->reload();
-    EXPECT_FALSE(zfw::Logger::get("zkv.cli.kvstop")->isEnabled(zfw::Logger::INFO));
-    EXPECT_TRUE(zfw::Logger::get("a.b")->isEnabled(zfw::Logger::WARN));
 }
 
 }  // namespace
@@ -379,35 +236,6 @@ TEST(PropertiesEscape, ValuesInFileSyntax) {
     EXPECT_EQ(Properties::formatList(listOf({"a b", "c,d", "$e"}), true), "\"a b\" c\\,d \\$e");
     EXPECT_EQ(Properties::formatListEntry("l", listOf({"x", "y"}), false), "l: x y");
     EXPECT_EQ(Properties::formatList(StringList(), false), "");
-}
-
-TEST(PropertiesLists, AddAndRemove) {
-    std::unique_ptr<Properties> props = storeOf("l=c a\nm=c a b a\n");
-
-    EXPECT_TRUE(props->addToList("l", listOf({"b"}), false));
-    EXPECT_EQ(props->get("l"), "a b c");
-    EXPECT_EQ(*props->getList("l"), listOf({"a", "b", "c"}));
-    EXPECT_FALSE(props->addToList("l", listOf({"a"}), false));
-    EXPECT_EQ(props->get("l"), "a b c");
-    EXPECT_TRUE(props->addToList("l", listOf({"z y", "d"}), false));
-    EXPECT_EQ(props->get("l"), "a b c d \"z y\"");
-    EXPECT_EQ(*props->getList("l"), listOf({"a", "b", "c", "d", "z y"}));
-
-    EXPECT_FALSE(props->removeFromList("m", listOf({"x"}), false));
-    EXPECT_EQ(props->get("m"), "c a b a");
-    // The first equal item goes; the order of the rest stays.
-    EXPECT_TRUE(props->removeFromList("m", listOf({"a", "x"}), false));
-    EXPECT_EQ(props->get("m"), "c b a");
-    EXPECT_EQ(*props->getList("m"), listOf({"c", "b", "a"}));
-
-    EXPECT_TRUE(props->addToList("new", listOf({"q", "p", "q"}), false));
-    EXPECT_EQ(props->get("new"), "p q");
-
-    props->setList("s", listOf({"$x", "y z"}), true);
-    EXPECT_EQ(props->get("s"), "\\$x \"y z\"");
-    EXPECT_EQ(*props->getList("s"), listOf({"$x", "y z"}));
-    props->setList("s", StringList(), true);
-    EXPECT_TRUE(props->getList("s")->empty());
 }
 
 TEST(PropertiesSave, UnchangedStoreKeepsTheFile) {
@@ -546,23 +374,5 @@ class LockHolder {
     int m_ready[2] = {-1, -1};
     std::unique_ptr<kvtest::ChildProcess> m_child;
 };
-
-TEST(PropertiesLock, HeldLockMakesSaveFailAndLeavesTheFile) {
-    TempDir dir;
-    const std::string path = dir.file("p.conf");
-    writeFile(path, "a=1\n");
-    // Fresh, and old but still held by a live process: neither may be broken.
-    for (int age : {0, 120}) {
-        LockHolder holder(path + ".lock", age);
-        std::unique_ptr<Properties> props = storeOf("a=2\n");
-        EXPECT_EQ(props->save(path), -1) << "lock age " << age;
-        EXPECT_EQ(readFile(path), "a=1\n");
-        EXPECT_TRUE(present(path + ".lock"));
-        EXPECT_EQ(Properties::createLockFile(path + ".lock"), -1);
-        EXPECT_EQ(holder.release(), 0);
-        EXPECT_FALSE(present(path + ".lock"));
-        EXPECT_FALSE(present(path + ".new"));
-    }
-}
 
 }  // namespace

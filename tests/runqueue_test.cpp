@@ -62,10 +62,6 @@ class Call : public zfw::QueueAble {
     std::function<void()> m_body;
 };
 
-zfw::RunQueue::Item call(std::function<void()> body) {
-    return boost::make_shared<Call>(std::move(body));
-}
-
 class RunQueueTest : public ::testing::Test {
   protected:
     zfw::RunQueue::Item step(const std::string& name, bool unique = false,
@@ -167,71 +163,6 @@ TEST_F(RunQueueTest, EndlessRunLeavesOnlyWhenInterrupted) {
     queue.add(step("second"));
     queue.run(-1);
     EXPECT_EQ(journal(), (std::vector<std::string>{"first", "second"}));
-}
-
-TEST_F(RunQueueTest, ThrowingItems) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::SyslogSink sink;
-    kvtest::useProperties("log.util.runqueue=DEBUG\n");
-    zfw::RunQueue queue(0, false);
-    queue.add(call([] { ZFW_THROW(zfw::SystemException, 5, false, "item failed %d", 7); }));
-    queue.add(step("after framework exception"));
-    queue.add(call([] { throw std::runtime_error("not ours"); }));
-    queue.add(step("after foreign exception"));
-
-    EXPECT_THROW(queue.run(-1), std::runtime_error);
-    EXPECT_EQ(journal(), std::vector<std::string>{"after framework exception"});
-    EXPECT_EQ(sink.takeTexts("util.runqueue"),
-              std::vector<std::string>{"DEBUG util.runqueue unhandled exception item failed 7"});
-    // The foreign exception dropped its item only.
-    EXPECT_EQ(queue.size(), 1u);
-    queue.run(-1);
-    EXPECT_EQ(journal(),
-              (std::vector<std::string>{"after framework exception", "after foreign exception"}));
-
-    zfw::RunQueue quiet(0, true);
-    quiet.add(call([] { ZFW_THROW(zfw::SystemException, 5, false, "quiet failure"); }));
-    quiet.run(-1);
-    EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
-}
-
-TEST_F(RunQueueTest, Registry) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::SyslogSink sink;
-    kvtest::useProperties("log.util.runqueue=DEBUG\n");
-    EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), nullptr);
-
-    zfw::RunQueue* created = zfw::RunQueue::find("reg.a", true, 1);
-    ASSERT_NE(created, nullptr);
-    EXPECT_EQ(zfw::RunQueue::find("reg.a", true, 5), created);
-    EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), created);
-    EXPECT_EQ(sink.takeTexts("util.runqueue"),
-              std::vector<std::string>{"DEBUG util.runqueue Created new RunQueue reg.a"});
-
-    // Created with the first call's bound, and not quiet.
-    created->add(step("only"));
-    EXPECT_THROW(created->add(step("too many")), zfw::BufferFullException);
-
-    // Concurrent first lookups of one name all get the same queue.
-    std::vector<zfw::RunQueue*> seen(8, nullptr);
-    std::vector<std::thread> finders;
-    for (size_t i = 0; i < seen.size(); ++i) {
-        finders.emplace_back([&seen, i] { seen[i] = zfw::RunQueue::find("reg.b", true, 0); });
-    }
-    for (std::thread& t : finders) {
-        t.join();
-    }
-    for (zfw::RunQueue* q : seen) {
-        EXPECT_EQ(q, seen[0]);
-    }
-    EXPECT_NE(seen[0], created);
-
-    zfw::RunQueue::remove("reg.a");
-    zfw::RunQueue::remove("reg.a");
-    zfw::RunQueue::remove("reg.b");
-    EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), nullptr);
-    EXPECT_EQ(zfw::RunQueue::find("reg.b", false, 0), nullptr);
-    EXPECT_TRUE(journal().empty()) << "removing a queue must not run its items";
 }
 
 }  // namespace

@@ -118,26 +118,6 @@ TEST_F(SettingTest, WriteKsetFile) {
     EXPECT_EQ(entries, 0);
 }
 
-TEST_F(SettingTest, DataDirectoryCreatedOnDemand) {
-    const std::string dir = "/var/zantormx/deep/data/";
-    zfw::changeDataDir(dir);
-    EXPECT_EQ(zfw::getDataDir(), dir);
-    zfw::writeKsetFile("k", "v", 0);
-    EXPECT_EQ(readFile(dir + "kset.k"), "v");
-    EXPECT_EQ(modeOf("/var/zantormx/deep"), 0755u);
-    EXPECT_EQ(modeOf("/var/zantormx/deep/data"), 0755u);
-    EXPECT_TRUE(zfw::settingExists("k"));
-    EXPECT_FALSE(zfw::settingExists("other"));
-    EXPECT_GT(zfw::settingModifiedTime("k"), 0);
-    EXPECT_EQ(zfw::settingModifiedTime("other"), 0);
-    zfw::removeDataDir();
-    EXPECT_FALSE(present("/var/zantormx/deep/data"));
-    EXPECT_TRUE(present("/var/zantormx/deep"));
-    zfw::ensureDataDir();
-    EXPECT_TRUE(present("/var/zantormx/deep/data"));
-    zfw::ensureDataDir();
-}
-
 TEST_F(SettingTest, GetSettingCachesAndOverrides) {
     writeFile(kDir + "kset.host", "fromfile\n");
     writeFile("/etc/zantorkv/zantorkv.conf", "kset.host=override\nkset.site=\n");
@@ -161,16 +141,6 @@ TEST_F(SettingTest, GetSettingCachesAndOverrides) {
     EXPECT_THROW(zfw::getSetting("missing"), zfw::IOException);
 }
 
-TEST_F(SettingTest, SetSettingWritesAndCaches) {
-    zfw::setSetting("host", "  spaced  ", 1, false);
-    EXPECT_EQ(readFile(kDir + "kset.host"), "spaced");
-    EXPECT_EQ(modeOf(kDir + "kset.host"), 0644u);
-    // The cache keeps the value as given.
-    EXPECT_EQ(zfw::getSetting("host", true), "  spaced  ");
-    zfw::setSetting("host", "", 0, false);
-    EXPECT_FALSE(present(kDir + "kset.host"));
-}
-
 TEST_F(SettingTest, DeferredWritesAreRetried) {
     ASSERT_EQ(mkdir((kDir + "kset.host").c_str(), 0755), 0);
     writeFile(kDir + "kset.host/x", "");
@@ -185,22 +155,6 @@ TEST_F(SettingTest, DeferredWritesAreRetried) {
     EXPECT_EQ(readFile(kDir + "kset.site"), "s");
     EXPECT_EQ(readFile(kDir + "kset.host"), "h2");
     EXPECT_EQ(zfw::flushPendingSettings(), 0);
-}
-
-TEST_F(SettingTest, IsJoined) {
-    EXPECT_FALSE(zfw::isJoined());
-    writeFile(kDir + "kset.domain", "example.com");
-    forget();
-    EXPECT_FALSE(zfw::isJoined());
-    writeFile(kDir + "kset.host", "h");
-    forget();
-    EXPECT_TRUE(zfw::isJoined());
-    writeFile(zfw::SETTING_BINDUP_MARKER, "");
-    EXPECT_FALSE(zfw::isJoined());
-    ASSERT_EQ(unlink(zfw::SETTING_BINDUP_MARKER), 0);
-    writeFile(kDir + "kset.domain", "bad\x02");
-    forget();
-    EXPECT_FALSE(zfw::isJoined());
 }
 
 }  // namespace

@@ -26,25 +26,6 @@ TEST(StrUtil, Trim) {
     }
 }
 
-TEST(StrUtil, PrintableOrHex) {
-    const struct {
-        std::string in;
-        std::string out;
-    } cases[] = {
-        {"abc", "abc"},
-        {"", ""},
-        {"a\tb", "a\tb"},
-        {"line\r\n", "line\r\n"},
-        {"\x01\xff", "01ff"},
-        {"ab\x7f", "61627f"},
-        {std::string("a\0", 2), "6100"},
-        {"\xc3\xa9", "c3a9"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(zfw::printableOrHex(c.in), c.out);
-    }
-}
-
 TEST(StrUtil, Tokenize) {
     const struct {
         const char* text;
@@ -65,45 +46,6 @@ TEST(StrUtil, Tokenize) {
         want.insert(want.end(), c.tokens.begin(), c.tokens.end());
         EXPECT_EQ(std::vector<std::string>(out.begin(), out.end()), want) << c.text;
     }
-}
-
-TEST(StrUtil, Split) {
-    const struct {
-        const char* text;
-        std::vector<std::string> pieces;
-    } cases[] = {
-        {",a,,b,", {"", "a", "", "b", ""}},
-        {"a,,b", {"a", "", "b"}},
-        {"a,", {"a", ""}},
-        {"", {""}},
-        {"abc", {"abc"}},
-    };
-    for (const auto& c : cases) {
-        std::vector<std::string> out{"kept"};
-        zfw::split(',', c.text, out);
-        std::vector<std::string> want{"kept"};
-        want.insert(want.end(), c.pieces.begin(), c.pieces.end());
-        EXPECT_EQ(out, want) << c.text;
-    }
-}
-
-TEST(StrUtil, FormatUsesTheFrameworkFormatterAndCuts) {
-    EXPECT_EQ(zfw::format("%s=%d", "a", 5), "a=5");
-    EXPECT_EQ(zfw::format("%s|%e", "x", 2.5), "x|2.500000");
-    const std::string longText(10000, 'x');
-    const std::string cut = zfw::format("%s", longText.c_str());
-    EXPECT_EQ(cut, std::string(8191, 'x'));
-}
-
-TEST(StrUtil, IsOneOf) {
-    const char* const levels[] = {"INFO", "WARN", nullptr};
-    const char* const empty[] = {nullptr};
-    EXPECT_TRUE(zfw::isOneOf(levels, "info"));
-    EXPECT_TRUE(zfw::isOneOf(levels, "WaRn"));
-    EXPECT_FALSE(zfw::isOneOf(levels, "ERROR"));
-    EXPECT_FALSE(zfw::isOneOf(levels, "INF"));
-    EXPECT_FALSE(zfw::isOneOf(empty, ""));
-    EXPECT_FALSE(zfw::isOneOf(nullptr, "info"));
 }
 
 TEST(StrUtil, ParseUnsigned) {
