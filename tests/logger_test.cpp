@@ -169,23 +169,6 @@ TEST_F(LogConfigTest, BadLevelsAreReportedAndSkipped) {
     EXPECT_EQ(Logger::get("ok")->level(), Logger::WARN);
 }
 
-TEST_F(LogConfigTest, FacilityNames) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const struct {
-        const char* name;
-        int32_t code;
-    } cases[] = {{"auth", 32},    {"authpriv", 80}, {"cron", 72},    {"daemon", 24},
-                 {"ftp", 88},     {"kern", 0},      {"lpr", 48},     {"mail", 16},
-                 {"news", 56},    {"syslog", 40},   {"user", 8},     {"uucp", 64},
-                 {"local0", 128}, {"local1", 136},  {"local2", 144}, {"local3", 152},
-                 {"local4", 160}, {"local5", 168},  {"local6", 176}, {"local7", 184},
-                 {"LOCAL3", 152}, {"Auth", 32},     {"", -1},        {"local8", -1},
-                 {"auth ", -1},   {"bogus", -1}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(zfw::parseFacility(c.name), c.code) << c.name;
-    }
-}
-
 TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     loadEmptyConfigFile();

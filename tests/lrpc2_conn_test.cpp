@@ -162,51 +162,6 @@ TEST(Lrpc2Connect, UnusablePaths) {
     EXPECT_EQ(lrpc2_connect(nullptr, table(), nullptr), nullptr);
 }
 
-// A frame of `n` bytes delivered by a child in pieces of `piece` bytes.
-std::vector<uint8_t> pattern(size_t n) {
-    std::vector<uint8_t> v(n);
-    for (size_t i = 0; i < n; ++i) {
-        v[i] = static_cast<uint8_t>(i * 7 + 3);
-    }
-    return v;
-}
-
-TEST(Lrpc2Transfer, ReadsAFrameDeliveredInPieces) {
-    struct Case {
-        size_t size;
-        size_t piece;
-        int32_t timeout;
-    };
-    for (const Case c : {Case{11, 1, 2}, Case{64, 5, 2}, Case{64, 5, 0}, Case{9, 4, 0}}) {
-        SCOPED_TRACE(testing::Message() << c.size << "/" << c.piece << " t=" << c.timeout);
-        for (bool use_socket : {true, false}) {
-            int fds[2];
-            ASSERT_EQ(use_socket ? socketpair(AF_UNIX, SOCK_STREAM, 0, fds) : pipe(fds), 0);
-            const auto expected = pattern(c.size);
-            ChildProcess peer([&] {
-                close(fds[0]);
-                for (size_t i = 0; i < c.size; i += c.piece) {
-                    kvtest::sleepMs(5);
-                    if (!kvtest::writeFully(fds[1], &expected[i], std::min(c.piece, c.size - i))) {
-                        return 1;
-                    }
-                }
-                return 0;
-            });
-            close(fds[1]);
-            fcntl(fds[0], F_SETFL, O_NONBLOCK);
-            std::vector<uint8_t> got(c.size);
-            EXPECT_EQ(lrpc2_read_all(fds[0], got.data(), static_cast<uint32_t>(c.size), c.timeout,
-                                     use_socket),
-                      0);
-            EXPECT_EQ(got, expected);
-            EXPECT_TRUE(isNonBlocking(fds[0]));
-            EXPECT_EQ(peer.wait(), 0);
-            close(fds[0]);
-        }
-    }
-}
-
 TEST(Lrpc2Transfer, PeerClosingMidFrame) {
     for (bool use_socket : {true, false}) {
         for (int32_t timeout : {0, 2}) {
@@ -240,40 +195,6 @@ TEST(Lrpc2Transfer, SilentPeerTimesOut) {
               LRPC2_ERR_TIMEOUT);
     close(sv[0]);
     close(sv[1]);
-}
-
-TEST(Lrpc2Attach, SocketOutcomes) {
-    const std::vector<HandshakeCase> cases = {
-        {"accepted", [](int fd) { return answer(fd, 1); }, 0},
-        {"refused", [](int fd) { return answer(fd, 0); }, LRPC2_ERR_OPEN},
-        {"closed", [](int fd) { return close(fd); }, LRPC2_ERR_CLOSED},
-        {"silent", stayOpen, LRPC2_ERR_TIMEOUT},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        ChildProcess daemon([&] {
-            close(sv[0]);
-            uint32_t hello = 0;
-            return kvtest::readFully(sv[1], &hello, 4) && hello == 2 ? c.daemon(sv[1]) : 11;
-        });
-        close(sv[1]);
-        int32_t status = -1;
-        lrpc2_conn* conn = lrpc2_attach(sv[0], sv[0], table(), 1, &status);
-        EXPECT_EQ(status, c.status);
-        if (c.status == 0) {
-            ASSERT_NE(conn, nullptr);
-            EXPECT_EQ(conn->is_socket, 1);
-            lrpc2_close(conn);
-            EXPECT_FALSE(isOpen(sv[0]));
-            EXPECT_EQ(daemon.wait(), 0);
-        } else {
-            EXPECT_EQ(conn, nullptr);
-            EXPECT_TRUE(isOpen(sv[0]));  // still the caller's
-            close(sv[0]);
-        }
-    }
 }
 
 }  // namespace

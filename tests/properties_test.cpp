@@ -321,18 +321,6 @@ void ageFile(const std::string& name, int age) {
     ASSERT_EQ(utimensat(AT_FDCWD, name.c_str(), times, 0), 0);
 }
 
-TEST(PropertiesLock, StaleLockFileIsTakenOver) {
-    TempDir dir;
-    const std::string path = dir.file("p.conf");
-    writeFile(path, "a=1\n");
-    writeFile(path + ".lock", "");
-    ageFile(path + ".lock", 120);
-    std::unique_ptr<Properties> props = storeOf("a=2\n");
-    ASSERT_EQ(props->save(path), 0);
-    EXPECT_EQ(readFile(path), "a: 2\n\n");
-    EXPECT_FALSE(present(path + ".lock"));
-}
-
 // A child takes the lock with createLockFile and keeps it until the parent writes to
 // the pipe; optionally the lock is made to look abandoned.
 class LockHolder {

@@ -140,29 +140,4 @@ TEST_F(RunQueueTest, TimeOutReturnsWithTheQueueEmpty) {
     EXPECT_EQ(journal(), std::vector<std::string>{"late"});
 }
 
-TEST_F(RunQueueTest, EndlessRunLeavesOnlyWhenInterrupted) {
-    zfw::RunQueue queue(0, false);
-    std::atomic<bool> interrupted{false};
-    std::thread consumer([&] {
-        try {
-            queue.run(0);
-        } catch (const zfw::QueueInterrupted& e) {
-            EXPECT_STREQ(e.what(), "QueueInterrupted");
-            EXPECT_EQ(e.rc(), 0);
-            interrupted = true;
-        }
-    });
-    queue.add(step("first"));
-    ASSERT_TRUE(eventually([&] { return journal().size() == 1; }));
-    EXPECT_FALSE(interrupted);
-    queue.interrupt();
-    consumer.join();
-    EXPECT_TRUE(interrupted);
-
-    // The flag was cleared: a later run works normally.
-    queue.add(step("second"));
-    queue.run(-1);
-    EXPECT_EQ(journal(), (std::vector<std::string>{"first", "second"}));
-}
-
 }  // namespace

@@ -118,43 +118,4 @@ TEST_F(SettingTest, WriteKsetFile) {
     EXPECT_EQ(entries, 0);
 }
 
-TEST_F(SettingTest, GetSettingCachesAndOverrides) {
-    writeFile(kDir + "kset.host", "fromfile\n");
-    writeFile("/etc/zantorkv/zantorkv.conf", "kset.host=override\nkset.site=\n");
-    writeFile(kDir + "kset.site", "site1");
-    EXPECT_EQ(zfw::getSetting("host", false), "override");
-    EXPECT_EQ(zfw::getSetting("host", true), "fromfile");
-    // An empty override does not count.
-    EXPECT_EQ(zfw::getSetting("site"), "site1");
-    // Once read, a setting comes from the cache.
-    writeFile(kDir + "kset.host", "changed");
-    EXPECT_EQ(zfw::getSetting("host", true), "fromfile");
-    forget();
-    EXPECT_EQ(zfw::getSetting("host", true), "changed");
-
-    EXPECT_EQ(zfw::getSettingOr("missing", "dflt"), "dflt");
-    writeFile(kDir + "kset.bad", "a\x01");
-    EXPECT_EQ(zfw::getSettingOr("bad", "dflt"), "dflt");
-    // A failed read caches nothing: the next read tries the file again.
-    writeFile(kDir + "kset.bad", "good");
-    EXPECT_EQ(zfw::getSetting("bad"), "good");
-    EXPECT_THROW(zfw::getSetting("missing"), zfw::IOException);
-}
-
-TEST_F(SettingTest, DeferredWritesAreRetried) {
-    ASSERT_EQ(mkdir((kDir + "kset.host").c_str(), 0755), 0);
-    writeFile(kDir + "kset.host/x", "");
-    // Without deferral the failure reaches the caller; with it, the key waits.
-    EXPECT_THROW(zfw::setSetting("host", "h1", 0, false), zfw::IOException);
-    zfw::setSetting("host", "h2", 0, true);
-    EXPECT_EQ(zfw::getSetting("host", true), "h2");
-    EXPECT_EQ(zfw::flushPendingSettings(), 1);
-    ASSERT_EQ(system("rm -rf /var/zantormx/kset.host"), 0);
-    // The next successful write of any key writes the pending one too.
-    zfw::setSetting("site", "s", 0, true);
-    EXPECT_EQ(readFile(kDir + "kset.site"), "s");
-    EXPECT_EQ(readFile(kDir + "kset.host"), "h2");
-    EXPECT_EQ(zfw::flushPendingSettings(), 0);
-}
-
 }  // namespace

@@ -38,29 +38,6 @@ class HookedThread : public zfw::Thread {
     std::atomic<bool> hookRan{false};
 };
 
-TEST(Thread, RunsEntryAndKnowsItself) {
-    EXPECT_EQ(zfw::Thread::self(), nullptr) << "the main thread was not started by zfw";
-
-    zfw::Thread thread;
-    zfw::Thread* seen = nullptr;
-    bool runningInside = false;
-    std::function<void()> body = [&] {
-        seen = zfw::Thread::self();
-        runningInside = seen != nullptr && seen->running();
-    };
-    EXPECT_EQ(thread.id(), pthread_t(0));
-    thread.start("worker.one", runFunction, &body);
-    EXPECT_NE(thread.id(), pthread_t(0));
-    thread.join();
-
-    EXPECT_EQ(seen, &thread);
-    EXPECT_TRUE(runningInside);
-    EXPECT_FALSE(thread.running());
-    EXPECT_TRUE(thread.joined());
-    EXPECT_EQ(thread.name(), "worker.one");
-    EXPECT_FALSE(thread.cancelRequested());
-}
-
 void ignoreSignal(int) {}
 
 TEST(Thread, SleepReportsInterruption) {

@@ -2,7 +2,7 @@
 // chosen one fail, and looks into every block before it is freed (to see whether secrets were
 // wiped). The test executable must be linked with
 //   -Wl,--wrap=malloc,--wrap=calloc,--wrap=realloc,--wrap=free
-// (see tests/cmake/lrpc2_msg.cmake), and exactly one of its sources includes this header.
+// (tests/CMakeLists.txt), and exactly one of its sources includes this header.
 // Calls from shared libraries (libstdc++, libc itself) are not seen.
 #ifndef KV_TESTS_ALLOC_HOOKS_H
 #define KV_TESTS_ALLOC_HOOKS_H
@@ -28,7 +28,6 @@ struct State {
     unsigned calls = 0;    // allocation calls (malloc, calloc, realloc) while active
     bool failed = false;   // the chosen call was refused
     long live = 0;         // blocks allocated minus blocks freed while active
-    size_t largest = 0;    // largest size asked for while active
     const void* pattern = nullptr;
     size_t pattern_len = 0;
     unsigned pattern_frees = 0;  // freed blocks that still held the pattern
@@ -76,9 +75,6 @@ inline bool refuse(size_t size) {
         return false;
     }
     ++s.calls;
-    if (size > s.largest) {
-        s.largest = size;
-    }
     if (s.calls == s.fail_at) {
         s.failed = true;
         return true;

@@ -1,7 +1,6 @@
 #include "support/child.h"
 
 #include <errno.h>
-#include <grp.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -37,17 +36,6 @@ int ChildProcess::wait() {
         m_status = waitExit(m_pid);
     }
     return m_pid > 0 ? m_status : -1;
-}
-
-int runAsNobody(const std::function<int()>& body) {
-    ChildProcess child([&body] {
-        if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
-            setresuid(65534, 65534, 65534) != 0) {
-            return 99;
-        }
-        return body();
-    });
-    return child.wait();
 }
 
 void dieWithParent(pid_t parent) {

@@ -28,10 +28,6 @@ class ChildProcess {
     int m_status = -1;
 };
 
-// Runs `body` in a forked child as user and group 65534 without supplementary groups: its
-// result, or 99 when the ids could not be dropped.
-int runAsNobody(const std::function<int()>& body);
-
 // Waits for the process `pid`: its exit status, or 128 + the signal that ended it; -1 when
 // it cannot be waited for.
 int waitExit(pid_t pid);

@@ -16,6 +16,10 @@
 #include <regex>
 
 namespace kvtest {
+
+namespace {
+
+// Splits a datagram; false when it does not have the layout syslog sends.
 bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out) {
     // "<priority>", the timestamp "%h %e %T", the identity, an optional "[pid]", ": ", text.
     static const std::regex layout(
@@ -26,13 +30,13 @@ bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out) {
         return false;
     }
     out.priority = std::stoi(m[1]);
-    out.timestamp = m[2];
     out.identity = m[3];
     out.pid = m[5].matched ? std::stoi(m[5]) : -1;
     out.text = m[6];
-    out.raw = datagram;
     return true;
 }
+
+}  // namespace
 
 SyslogSink::SyslogSink(bool reading) {
     if (!insideHermeticDevLog()) {
