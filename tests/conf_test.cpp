@@ -109,57 +109,6 @@ TEST(Conf, TimeoutLines) {
     }
 }
 
-struct StrCase {
-    std::string content;
-    const char* key;
-    std::string want;
-};
-
-void expectStrings(const std::vector<StrCase>& cases) {
-    TempDir dir;
-    for (const StrCase& c : cases) {
-        Conf conf(dir.write("c.conf", c.content));
-        ASSERT_NE(conf.get(), nullptr) << c.content;
-        EXPECT_EQ(conf.str(c.key), c.want) << "key '" << c.key << "' in '" << c.content << "'";
-    }
-}
-
-TEST(Conf, Variables) {
-    Env env;
-    env.set("KVT_HOME", "/home/t")
-        .set("KVT_BOTH", "env")
-        .set("KVT_SPACE", "x  ")
-        .set("KVT_EMPTY", "")
-        .set("KVT_NUM", "0x10");
-    const std::string longName(1024, 'N');
-    env.set(longName, "V");
-    const char* home = getenv("HOME");
-    expectStrings({
-        {"dir=$KVT_HOME/x", "dir", "/home/t/x"},
-        {"v=a $KVT_UNSET", "v", "a $KVT_UNSET"},
-        {"v=a $HOME", "v", std::string("a ") + (home != nullptr ? home : "$HOME")},
-        {"a=x\nb=$a-y", "b", "x-y"},
-        {"b=$a-y\na=x", "b", "x-y"},
-        {"a=x\nb=$a.y", "b", "$a.y"},
-        {"KVT_BOTH=key\nv=$KVT_BOTH", "v", "env"},
-        {"a=x$a", "a", "x$a"},
-        {"v=cost $ 5", "v", "cost $ 5"},
-        {"v=$", "v", "$"},
-        {"v=$$KVT_HOME", "v", "$/home/t"},
-        {"v=\\$KVT_HOME", "v", "$KVT_HOME"},
-        {"v=" + std::string("$") + longName + "NN", "v", "VNN"},
-        // An expanded reference ends a run of blanks; blanks after the last one are cut.
-        {"v=$KVT_SPACE", "v", "x  "},
-        {"v=a  $KVT_EMPTY", "v", "a  "},
-        {"v=$KVT_EMPTY  ", "v", ""},
-        {"v=$KVT_HOME  ", "v", "/home/t"},
-        {"v=a $KVT_UNSET  ", "v", "a $KVT_UNSET"},
-        {"a= x \\ \nb=[$a]", "b", "[x  ]"},
-    });
-    TempDir dir;
-    Conf conf(dir.write("c.conf", "t=$KVT_NUM\nu=$t"));
-    EXPECT_EQ(conf.num("u", 7), 16);
-}
 
 TEST(Conf, LongReferenceChains) {
     TempDir dir;

@@ -158,17 +158,5 @@ TEST(Format, TruncationReturnsTheFullLength) {
 
 // Calls a vsnprintf of the full-width signature.
 using FullVsnprintf = size_t (*)(char*, size_t, const char*, va_list);
-// The framework's formatter replaces the C library's for callers outside the project.
-TEST(FormatReplacement, SharedLibraryLoadedAtRunTime) {
-    void* probe = dlopen(FORMAT_PROBE_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(probe, nullptr) << dlerror();
-    using Probe = int (*)(char*, size_t, const char*, const char*, double);
-    auto fn = reinterpret_cast<Probe>(dlsym(probe, "format_probe"));
-    ASSERT_NE(fn, nullptr);
-    char buf[64];
-    EXPECT_EQ(fn(buf, sizeof buf, "%s|%e|%q.", nullptr, 1234.5), 20);
-    EXPECT_STREQ(buf, "(NULL)|1234.500000|.");
-    dlclose(probe);
-}
 
 }  // namespace

@@ -209,27 +209,6 @@ TEST(KvstopAuthentication, StopRequestAnswersTheChallenge) {
                                                       frame(identity), frame(proof)}));
 }
 
-TEST(KvstopConfiguration, DefaultSocketWithoutConfigurationFile) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::SyslogSink sink;
-    kvtest::TempDir dir;
-    kvtest::Kvdsim daemon(dir, {"--exit-on-stop"}, {}, "/var/zantorkv/audit");
-    ASSERT_TRUE(daemon.ready());
-    const kvtest::ProgramResult r = runKvstop();
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, kStopped);
-    EXPECT_EQ(r.err, "");
-    // The first record loads the framework's properties to decide about openlog; the
-    // missing file is reported before the record itself.
-    std::vector<std::string> expected = recordsFor(r.out, r.err);
-    expected.insert(expected.begin(),
-                    "<35> kvstop: ERROR util.properties Unable to open config "
-                    "file: /etc/zantorkv/zantorkv.conf");
-    EXPECT_EQ(records(sink), expected);
-    daemon.wait();
-    EXPECT_EQ(daemon.log(), (std::vector<std::string>{on(1, kHello), on(1, kStopFrame)}));
-}
-
 // Refusals come before anything else: no connection is attempted, nothing is logged.
 TEST(KvstopRefusals, NonRootOrArgumentsSeeOnlyTheRefusal) {
     KV_REQUIRE_HERMETIC_DEVLOG();

@@ -59,11 +59,6 @@ Bytes ping_image(const Bytes& fields) {
     return out;
 }
 
-lrpc2_msg* parse(Bytes bytes, int32_t* status) {
-    return lrpc2_msg_parse(bytes.data(), static_cast<uint32_t>(bytes.size()), 1, table(),
-                           LRPC2_HEADER_LEN, status);
-}
-
 uint8_t* malloc_copy(const Bytes& bytes) {
     uint8_t* block = static_cast<uint8_t*>(malloc(bytes.size()));
     memcpy(block, bytes.data(), bytes.size());
@@ -76,7 +71,6 @@ Text take_string(char* s) {
     return t;
 }
 
-// ---- Byte images ---------------------------------------------------------------------------
 
 TEST(Lrpc2MsgEncoding, SmallestMessageIsElevenBytes) {
     Msg m(create(kStop));
@@ -163,7 +157,6 @@ TEST(Lrpc2MsgEncoding, FieldImages) {
     }
 }
 
-// ---- State rules ---------------------------------------------------------------------------
 
 // Every operation that builds a message, with harmless arguments.
 const std::vector<std::pair<const char*, std::function<int32_t(lrpc2_msg*)>>>& builders() {
@@ -296,7 +289,6 @@ TEST(Lrpc2MsgState, CreateRefusesUnknownIdsAndNullTable) {
     EXPECT_EQ(image(m), (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0}));
 }
 
-// ---- Reading ---------------------------------------------------------------------------------
 
 TEST(Lrpc2MsgGet, RefusedGetLeavesThePosition) {
     Msg m(create());
@@ -320,7 +312,6 @@ TEST(Lrpc2MsgGet, RefusedGetLeavesThePosition) {
     EXPECT_EQ(tag, 0u);
 }
 
-// ---- Parsing and validation ------------------------------------------------------------------
 
 TEST(Lrpc2MsgValidate, Bodies) {
     struct Case {
@@ -371,53 +362,6 @@ TEST(Lrpc2MsgValidate, Bodies) {
     EXPECT_EQ(lrpc2_msg_validate(nullptr, 3), 0);
 }
 
-// ---- Memory: refused allocations and wiping ----------------------------------------------------
-
-// Runs op with the k-th allocation refused, for k = 1, 2, ... until op gets through all its
-// allocations; check sees each outcome. Nothing allocated during op may outlive it.
-void for_each_refused_allocation(const std::function<void()>& op,
-                                 const std::function<void(unsigned)>& check) {
-    for (unsigned k = 1;; ++k) {
-        alloc_hooks::start(k);
-        op();
-        alloc_hooks::stop();
-        if (!alloc_hooks::state().failed) {
-            ASSERT_GT(k, 1u) << "op allocates nothing";
-            return;
-        }
-        EXPECT_EQ(alloc_hooks::state().live, 0) << "leaked with allocation " << k << " refused";
-        check(k);
-    }
-}
-
-TEST(Lrpc2MsgMemory, CreateAndParseReportNoMemory) {
-    lrpc2_msg* m = nullptr;
-    int32_t status = -1;
-    for_each_refused_allocation(
-        [&] { m = lrpc2_msg_create(kStop, 0, table(), LRPC2_HEADER_LEN, &status); },
-        [&](unsigned k) {
-            EXPECT_EQ(m, nullptr) << k;
-            EXPECT_EQ(status, LRPC2_MSG_NOMEM) << k;
-        });
-    lrpc2_msg_free(m);
-
-    Bytes img = ping_image({4, 1, 0, 0, 0, 'x'});
-    for_each_refused_allocation([&] { m = parse(img, &status); },
-                                [&](unsigned k) {
-                                    EXPECT_EQ(m, nullptr) << k;
-                                    EXPECT_EQ(status, LRPC2_MSG_NOMEM) << k;
-                                });
-    lrpc2_msg_free(m);
-
-    uint8_t* block = malloc_copy(img);
-    alloc_hooks::start(1);
-    m = lrpc2_msg_parse(block, static_cast<uint32_t>(img.size()), 0, table(), LRPC2_HEADER_LEN,
-                        &status);
-    alloc_hooks::stop();
-    EXPECT_EQ(m, nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_NOMEM);
-    free(block);  // not adopted
-}
 
 }  // namespace
 

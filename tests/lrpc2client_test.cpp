@@ -90,39 +90,6 @@ struct ExchangeFailure {
     const char* text;
 };
 
-TEST_F(SessionTest, FailedExchangeThrowsIOExceptionWithTheStatus) {
-    KV_REQUIRE_HERMETIC();
-    const std::vector<ExchangeFailure> cases = {
-        {"closed",
-         {"--fault", "close-request"},
-         "Unable to send lrpc2 message: 404 (Socket closed)"},
-        {"timeout",
-         {"--fault", "silent-request"},
-         "Unable to send lrpc2 message: 408 (Timeout during operation)"},
-        {"bad magic", {"--fault", "bad-magic"}, "Unable to send lrpc2 message: 405 (Socket error)"},
-        {"bad tag", {"--fault", "bad-tag"}, "Unable to send lrpc2 message: 405 (Socket error)"},
-    };
-    configure("lrpc2.timeout=1\n");
-    for (const ExchangeFailure& c : cases) {
-        SCOPED_TRACE(c.name);
-        kvtest::Kvdsim daemon(m_dir, c.kvdsimArgs);
-        ASSERT_TRUE(daemon.ready());
-        Lrpc2Client client;
-        ASSERT_TRUE(client.connect());
-        expectThrow<zfw::IOException>([&] { client.isDaemonOnline(); }, c.text);
-        client.disconnect();
-        ASSERT_TRUE(client.connect());
-        expectThrow<zfw::IOException>([&] { client.stopDaemon(); }, c.text);
-        client.disconnect();
-        // Only these two turn the failed exchange into a result.
-        ASSERT_TRUE(client.connect());
-        EXPECT_FALSE(client.ping(0));
-        client.disconnect();
-        ASSERT_TRUE(client.connect());
-        EXPECT_EQ(client.reloadProperties(), 501);
-    }
-}
-
 enum Reached { kNone, kSock, kAudit, kDefault };
 
 struct SocketConfig {

@@ -112,35 +112,6 @@ TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
     }
 }
 
-TEST_F(PropertiesTest, JoinParametersFromHostSettings) {
-    writeFile("/var/zantormx/kset.host", "host1\n");
-    writeFile("/var/zantormx/kset.site", "  site1  ");
-    writeFile("/var/zantormx/kset.domain", "example.com");
-    const struct {
-        const char* zonename;
-        const char* zone;
-    } zones[] = {
-        {"CN=zone1,CN=Zones,DC=example", "zone1"},
-        {"OU=x,CN=zone2,DC=y", "zone2"},
-        {"CN=last", "last"},
-        {"plainzone", "plainzone"},
-        {"CN=", ""},
-    };
-    for (const auto& z : zones) {
-        SCOPED_TRACE(z.zonename);
-        {
-            zfw::MutexLock lock(zfw::gSettingsMutex);
-            zfw::clearSettingsCache();
-        }
-        writeFile("/var/zantormx/kset.zonename", z.zonename);
-        const auto props = parsed("h=$JOINNAME\ns=$SITE\nd=$DOMAIN\nz=$ZONE\n");
-        EXPECT_EQ(props->get("h"), "host1");
-        EXPECT_EQ(props->get("s"), "site1");
-        EXPECT_EQ(props->get("d"), "example.com");
-        EXPECT_EQ(props->get("z"), z.zone);
-    }
-}
-
 struct TextCase {
     const char* in;
     const char* out;

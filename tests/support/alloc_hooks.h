@@ -69,7 +69,7 @@ inline void clear_pattern() {
     watch_pattern(nullptr, 0);
 }
 
-inline bool refuse(size_t size) {
+inline bool refuse() {
     State& s = state();
     if (!s.active) {
         return false;
@@ -99,7 +99,7 @@ inline void note_alloc(const void* block, long delta) {
 extern "C" {
 
 void* __wrap_malloc(size_t size) {
-    if (alloc_hooks::refuse(size)) {
+    if (alloc_hooks::refuse()) {
         return nullptr;
     }
     void* block = __real_malloc(size);
@@ -113,7 +113,7 @@ void* __wrap_malloc(size_t size) {
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-    if (alloc_hooks::refuse(count * size)) {
+    if (alloc_hooks::refuse()) {
         return nullptr;
     }
     void* block = __real_calloc(count, size);
@@ -122,7 +122,7 @@ void* __wrap_calloc(size_t count, size_t size) {
 }
 
 void* __wrap_realloc(void* block, size_t size) {
-    if (alloc_hooks::refuse(size)) {
+    if (alloc_hooks::refuse()) {
         return nullptr;
     }
     if (alloc_hooks::holds_pattern(block)) {
