@@ -248,9 +248,11 @@ TEST(KvstopRefusals, NonRootOrArgumentsSeeOnlyTheRefusal) {
 // The log follows "/etc/zantorkv/zantorkv.conf" as the properties store reads it. The success
 // record is the first of the run: it passes its level check and gets its facility before the
 // properties are loaded (while it is delivered), so it always goes out at INFO to "auth".
+// Records logged during that load (the listing, complaints) already follow
+// "logger.openlog.kvstop".
 const std::string kSuccess =
     "<38> kvstop[pid]: INFO  zkv.cli.kvstop Zantor Kavelo daemon stopped successfully.";
-const std::string kListing = " kvstop: TRACE util.properties property: ";
+const std::string kListing = " kvstop[pid]: TRACE util.properties property: ";
 const std::string kNoOpen = "<38> kvstop: INFO  zkv.cli.kvstop " + std::string(kStopped, 42);
 
 struct LogCase {
@@ -319,7 +321,7 @@ INSTANTIATE_TEST_SUITE_P(
         LogCase{"unreadable_setting_is_unknown",
                 "log.util.properties=$DOMAIN\n",
                 {{"domain", "bad\rvalue"}},
-                {"<36> kvstop: WARN  com.zantor.logger Illegal log level. Property: "
+                {"<36> kvstop[pid]: WARN  com.zantor.logger Illegal log level. Property: "
                  "'log.util.properties', value: '<unknown>'",
                  kSuccess}}),
     [](const ::testing::TestParamInfo<LogCase>& info) { return std::string(info.param.name); });

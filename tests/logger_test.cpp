@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/child.h"
 #include "support/files.h"
 #include "support/hermetic.h"
 #include "support/syslog_sink.h"
@@ -193,6 +194,47 @@ TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
         priorities.push_back(r.priority);
     }
     EXPECT_EQ(priorities, (std::vector<int>{156, 38}));
+}
+
+// The first record of the process decides about openlog from "logger.openlog.<program>";
+// complaints logged while the process-wide store loads already follow it.
+struct OpenlogCase {
+    const char* name;
+    std::string configFile;
+    bool privateStore;  // the complaint comes from a store of its own, after the load
+    bool expectPid;     // every record carries "[pid]"; otherwise none does
+};
+
+TEST_F(LogConfigTest, ComplaintsUnderTheLoadDecideAboutOpenlog) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    const std::string off = "logger.openlog." + zfw::processName() + "=no\n";
+    const OpenlogCase cases[] = {
+        {"first load complains", "log.x=loud\n", false, true},
+        {"first load complains, openlog off", "log.x=loud\n" + off, false, false},
+        {"private store complains", "", true, true},
+    };
+    for (const OpenlogCase& c : cases) {
+        // Each case needs a process of its own: the decision is made once.
+        kvtest::ChildProcess child([&c] {
+            kvtest::writeFile(zfw::Properties::gConfigPath, c.configFile);
+            zfw::Properties::getProperties(false);
+            if (c.privateStore) {
+                configureFrom("log.x=loud\n");
+            }
+            Logger::get("next")->log(Logger::ERROR, "after");
+            return 0;
+        });
+        ASSERT_EQ(child.wait(), 0) << c.name;
+        const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
+        ASSERT_EQ(records.size(), 2u) << c.name;
+        EXPECT_EQ(records[0].text, complaint("Illegal log level. Property: 'log.x', value: 'loud'"))
+            << c.name;
+        EXPECT_EQ(records[0].identity, zfw::processName()) << c.name;
+        EXPECT_EQ(records[1].text, "ERROR next after") << c.name;
+        for (const kvtest::SyslogRecord& r : records) {
+            EXPECT_EQ(r.pid, c.expectPid ? child.pid() : -1) << c.name << ": " << r.text;
+        }
+    }
 }
 
 }  // namespace

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <gtest/gtest.h>
 
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -97,6 +99,18 @@ std::vector<uint8_t> frame(uint32_t magic, uint32_t length, const std::vector<ui
     return f;
 }
 
+// A whole reply frame of LRPC2_MAX_REPLY_LEN bytes: id 20 and one blob filling it.
+std::vector<uint8_t> boundFrame() {
+    const uint32_t length = LRPC2_MAX_REPLY_LEN;
+    const uint32_t blob = length - 8 - 2 - 5 - 1;
+    std::vector<uint8_t> body = {20, 0, 6};
+    body.resize(3 + 4);
+    memcpy(&body[3], &blob, 4);
+    body.resize(body.size() + blob, 'b');
+    body.push_back(0);
+    return frame(LRPC2_MAGIC, length, body);
+}
+
 TEST(Lrpc2Exchange, ScriptedReplies) {
     struct Case {
         const char* name;
@@ -110,6 +124,8 @@ TEST(Lrpc2Exchange, ScriptedReplies) {
         {"header only", frame(LRPC2_MAGIC, 8, {}), LRPC2_ERR_SOCKET, 0},
         {"no end tag", frame(LRPC2_MAGIC, 10, {20, 0}), LRPC2_ERR_SOCKET, 0},
         {"length 2^32-1", frame(LRPC2_MAGIC, 0xFFFFFFFF, {}), LRPC2_ERR_SOCKET, 0},
+        {"at the bound", boundFrame(), 0, 0},
+        // Refused from the header alone: the client does not wait for a body.
         {"just above the bound", frame(LRPC2_MAGIC, LRPC2_MAX_REPLY_LEN + 1, {}), LRPC2_ERR_SOCKET,
          0},
         {"byte-swapped magic", frame(0x1280CDAB, 11, {20, 0, 0}), LRPC2_ERR_SOCKET, 0},
@@ -150,6 +166,34 @@ TEST(Lrpc2Exchange, ScriptedReplies) {
     }
 }
 
+// The name whose next open first has gSwapFrom renamed over it: a file replaced between
+// its examination and its open.
+std::string gSwapAt;
+std::string gSwapFrom;
+
+}  // namespace
+
+// Every open of this process comes through here (the executable's definition wins over the
+// C library's); all but the one armed above go straight to the system.
+extern "C" int open(const char* path, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
+        va_list args;
+        va_start(args, flags);
+        mode = static_cast<mode_t>(va_arg(args, int));
+        va_end(args);
+    }
+    if (!gSwapAt.empty() && gSwapAt == path) {
+        gSwapAt.clear();
+        if (rename(gSwapFrom.c_str(), path) != 0) {
+            return -1;
+        }
+    }
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
+
+namespace {
+
 // Proof files named by the daemon: only regular files of 1 byte to 1 MiB are read.
 TEST(Lrpc2Auth, ProofFileKinds) {
     TempDir files;
@@ -165,9 +209,11 @@ TEST(Lrpc2Auth, ProofFileKinds) {
     struct Case {
         std::string second;
         int32_t status;
+        bool swapped = false;  // replaced by a regular file of its size after the examination
     };
     const std::vector<Case> cases = {
         {files.file("other"), 0},
+        {files.file("other"), LRPC2_ERR_AUTH, true},
         {files.file("max"), 0},
         {files.file("empty"), LRPC2_ERR_AUTH},
         {files.file("over"), LRPC2_ERR_AUTH},
@@ -179,11 +225,17 @@ TEST(Lrpc2Auth, ProofFileKinds) {
         {kShortFile, LRPC2_ERR_AUTH},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.second);
+        SCOPED_TRACE(c.second + (c.swapped ? " swapped" : ""));
         TempDir dir;
         Kvdsim daemon(dir, {"--auth", "--proof-file1", good, "--proof-file2", c.second});
         ASSERT_TRUE(daemon.ready());
+        if (c.swapped) {
+            gSwapFrom = files.file("swap");
+            writeFile(gSwapFrom, "proof-new");
+            gSwapAt = c.second;
+        }
         EXPECT_EQ(exchangeOnce(daemon, LRPC2_ID_KV_STOP, 2), c.status);
+        EXPECT_TRUE(gSwapAt.empty());
         // hello, request, identity; the response only when the files could be read.
         EXPECT_EQ(daemon.log().size(), c.status == 0 ? 4u : 3u);
     }

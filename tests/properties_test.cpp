@@ -334,4 +334,17 @@ class LockHolder {
     std::unique_ptr<kvtest::ChildProcess> m_child;
 };
 
+// A lock file goes only with the descriptor that holds it: one that cannot be closed may
+// not be ours, and its lock file stays.
+TEST(PropertiesLock, RemovedOnlyWithItsDescriptor) {
+    TempDir dir;
+    const std::string lockPath = dir.file("p.conf.lock");
+    const int fd = Properties::createLockFile(lockPath);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(Properties::removeLockFile(lockPath, -1), -1);
+    EXPECT_TRUE(present(lockPath));
+    EXPECT_EQ(Properties::removeLockFile(lockPath, fd), 0);
+    EXPECT_FALSE(present(lockPath));
+}
+
 }  // namespace

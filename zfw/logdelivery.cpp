@@ -27,6 +27,9 @@ Mutex* gDeliveryMutex = nullptr;
 
 // Set by the first record, which decides whether to open the system log.
 std::atomic<bool> gOpened{false};
+// "logger.openlog.<process>" of the process-wide store once it is loaded: -1 until then, else
+// 0 or 1. Records logged under a framework lock read it here instead of from the store.
+std::atomic<int> gOpenlogChoice{-1};
 // The identity handed to openlog must outlive it.
 char* gIdentity = nullptr;
 
@@ -45,19 +48,32 @@ const Facility kFacilities[] = {
 };
 static_assert(LOG_AUTH == kFacilityAuth, "facility codes are the shifted syslog codes");
 
-// The first record decides, once per process, whether to call openlog. Reading the
-// properties may load them, which takes the properties locks, the host settings lock and
-// (to configure the loggers) the registry lock. So the decision is made without the
-// delivery lock, by the first record logged while its thread holds no framework mutex:
-// records logged under a lock before that go out with syslog's defaults (as do other
-// threads' records while the decision is being made).
+std::string openlogKey() {
+    return "logger.openlog." + processName();
+}
+
+// The first record decides, once per process, whether to call openlog. Loading the
+// process-wide store takes the properties locks, the host settings lock and (to configure
+// the loggers) the registry lock, so it is done without the delivery lock and only by a
+// thread that holds no framework mutex. A record logged under a lock uses the choice that
+// the store noted when it was loaded; before any load it goes out with syslog's defaults
+// and leaves the decision to a later record.
 void openOnce() {
-    if (gOpened.load(std::memory_order_acquire) || Mutex::heldByCallingThread() != 0 ||
-        gOpened.exchange(true)) {
+    if (gOpened.load(std::memory_order_acquire)) {
         return;
     }
-    const std::string name = processName();
-    if (Properties::getProperties(false)->getBool("logger.openlog." + name, true)) {
+    int choice = gOpenlogChoice.load(std::memory_order_acquire);
+    if (choice < 0) {
+        if (Mutex::heldByCallingThread() != 0) {
+            return;
+        }
+        choice = Properties::getProperties(false)->getBool(openlogKey(), true) ? 1 : 0;
+    }
+    if (gOpened.exchange(true)) {
+        return;
+    }
+    if (choice != 0) {
+        const std::string name = processName();
         gIdentity = strdup(name.c_str());
         openlog(gIdentity, LOG_PID, LOG_AUTH);
     }
@@ -99,6 +115,10 @@ void deliver(int32_t facility, int32_t level, const char* record, va_list args) 
     if (!queueRecord(priority, record, args)) {
         vsyslog(priority, record, args);
     }
+}
+
+void noteOpenlogChoice(const Properties& store) {
+    gOpenlogChoice.store(store.getBool(openlogKey(), true) ? 1 : 0, std::memory_order_release);
 }
 
 void closeSystemLog() {

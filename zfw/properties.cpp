@@ -10,6 +10,7 @@
 
 #include "zfw/exception.h"
 #include "zfw/file_util.h"
+#include "zfw/logdelivery.h"
 #include "zfw/logger.h"
 #include "zfw/setting.h"
 #include "zfw/strutil.h"
@@ -144,6 +145,7 @@ void Properties::load(const std::string& path, bool expand) {
         parse(in, expand);
     }
     if (!loaded()) {
+        noteOpenlogChoiceIfProcessWide();
         boost::shared_ptr<Logger> logger = propertiesLogger();
         logger->log(Logger::ERROR, "Unable to open config file: %s", path.c_str());
     }
@@ -187,8 +189,16 @@ void Properties::parse(std::istream& in, bool expand) {
         m_values[key] = value;
     }
     m_loaded = true;
+    noteOpenlogChoiceIfProcessWide();
     Logger::configure(*this);
     logEntries();
+}
+
+void Properties::noteOpenlogChoiceIfProcessWide() const {
+    // Configuring the loggers and reporting a missing file log while this store is locked.
+    if (this == __atomic_load_n(&gZhubProperties, __ATOMIC_ACQUIRE)) {
+        noteOpenlogChoice(*this);
+    }
 }
 
 void Properties::resolveJoinParams() {

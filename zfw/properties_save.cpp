@@ -327,15 +327,11 @@ int Properties::createLockFile(const std::string& lockPath) {
 }
 
 int Properties::removeLockFile(const std::string& lockPath, int fd) {
-    // Deleted while the record lock is still held, so that the name cannot refer to
-    // another saver's lock by then.
-    const bool unlinked = unlink(lockPath.c_str()) == 0;
-    const int err = errno;
-    const bool closed = close(fd) == 0;
-    if (!unlinked) {
-        errno = err;
+    // A descriptor that does not close may not be this saver's: its name is left alone.
+    if (close(fd) != 0) {
+        return -1;
     }
-    return unlinked && closed ? 0 : -1;
+    return unlink(lockPath.c_str()) == 0 ? 0 : -1;
 }
 
 std::string Properties::rewrittenContent(std::istream& in) {

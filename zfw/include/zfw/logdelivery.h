@@ -20,6 +20,10 @@ constexpr int32_t kFacilityAuth = 32;
 // first record decides whether to open the system log ("logger.openlog.<program>").
 void deliver(int32_t facility, int32_t level, const char* record, va_list args);
 
+// Called by the process-wide store whenever it has been (re)loaded, before it logs: notes
+// its "logger.openlog.<program>" for records that are logged while a framework lock is held.
+void noteOpenlogChoice(const Properties& store);
+
 // Closes the system log (the end of zfw::Logger::shutdown).
 void closeSystemLog();
 

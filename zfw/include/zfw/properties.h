@@ -125,13 +125,16 @@ class Properties {
     // Creates the lock file exclusively, waiting for another holder in 10 ms steps (100
     // attempts) and deleting a lock abandoned for more than 60 s; the descriptor or -1.
     static int createLockFile(const std::string& lockPath);
-    // Deletes the lock file and closes its descriptor; 0, or -1 when either fails.
+    // Closes the lock's descriptor and, only if that succeeded, deletes the lock file; 0, or
+    // -1 when either fails.
     static int removeLockFile(const std::string& lockPath, int fd);
 
   private:
     // The file content read from in, rewritten to hold the store (see save).
     std::string rewrittenContent(std::istream& in);
     void resolveJoinParams();
+    // Hands the openlog choice to log delivery when this is the process-wide store.
+    void noteOpenlogChoiceIfProcessWide() const;
     void logEntries() const;
     boost::shared_ptr<StringList> splitList(const std::string& text) const;
     bool readListFile(const std::string& fileName, StringList& out) const;
