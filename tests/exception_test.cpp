@@ -2,11 +2,8 @@
 // private "/dev/log".
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "lrpc2/status.h"

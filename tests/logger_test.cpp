@@ -1,18 +1,12 @@
 // Loggers: the registry, levels and their cache, thread tags, and the records that reach a
 // private "/dev/log" as syslog datagrams.
-#include <dirent.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <string>
 #include <thread>

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <functional>
 #include <optional>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>

@@ -35,7 +35,6 @@ class SessionTest : public ::testing::Test {
     kvtest::TempDir m_dir;
 };
 
-using kvtest::expectThrow;
 
 TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
     KV_REQUIRE_HERMETIC();
@@ -76,19 +75,6 @@ TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
                                 "1 " + emptyRequest("14"),  // 20
                             }));
 }
-
-struct ReplyFieldCase {
-    const char* id;
-    std::function<void(Lrpc2Client&)> query;
-    const char* missingText;
-    const char* wrongText;
-};
-
-struct ExchangeFailure {
-    const char* name;
-    std::vector<std::string> kvdsimArgs;
-    const char* text;
-};
 
 enum Reached { kNone, kSock, kAudit, kDefault };
 

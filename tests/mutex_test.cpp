@@ -1,13 +1,9 @@
 // zfw::Mutex, zfw::MaxWaitMutex, zfw::MutexLock and zfw::lazyMutex with real threads.
 #include <pthread.h>
-#include <sched.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
-#include <ctime>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -121,14 +117,5 @@ TEST(MutexLock, HoldsForTheScopeAndReleasesOnce) {
         m.unlock();
     });
 }
-
-// Holding a zfw::MutexLock through a cancellation request is covered with zfw::Thread in
-// thread_test.cpp; here the request is already pending when the lock is taken.
-struct CancelProbe {
-    zfw::Mutex* mutex = nullptr;
-    std::atomic<bool> ready{false};
-    std::atomic<bool> cancelSent{false};
-    std::atomic<bool> tookTheLock{false};
-};
 
 }  // namespace

@@ -1,16 +1,10 @@
 // Paths, directory iteration and file utilities, on real files in a temporary directory.
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -30,7 +24,6 @@ std::vector<std::string> dirsOf(const path& p) {
     return std::vector<std::string>(p.dirs().begin(), p.dirs().end());
 }
 
-using kvtest::present;
 using kvtest::thrownText;
 
 // A fresh temporary directory for each case.

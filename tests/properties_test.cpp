@@ -1,19 +1,13 @@
 // The properties store: the reader's syntax, variables, lists, getters and the process-wide
 // instance loaded from "/etc/zantorkv/zantorkv.conf".
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/child.h"
@@ -30,7 +24,6 @@ using kvtest::writeFile;
 using zfw::Properties;
 using zfw::StringList;
 
-const char* const kConf = "/etc/zantorkv/zantorkv.conf";
 
 class PropertiesTest : public ::testing::Test {
   protected:
@@ -111,11 +104,6 @@ TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
         EXPECT_EQ(all.str(), std::string(c.key) + "=" + c.value + "\n");
     }
 }
-
-struct TextCase {
-    const char* in;
-    const char* out;
-};
 
 TEST_F(PropertiesTest, Getters) {
     const auto props = parsed(

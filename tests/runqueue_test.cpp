@@ -2,11 +2,9 @@
 // draining, interruption with several consumers, items that throw, contention, and the
 // registry. The cases that read the queue's records run in private namespaces with their own
 // "/dev/log" and configuration file (for the levels).
-#include <sched.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
@@ -26,7 +24,6 @@
 
 namespace {
 
-using kvtest::eventually;
 
 // Appends its name to a shared journal when run; optionally unique under its key.
 class Step : public zfw::QueueAble {

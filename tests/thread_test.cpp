@@ -2,13 +2,11 @@
 // a zfw::MutexLock is held), sleeping, the thread count, and the stack size property (in
 // private namespaces with their own "/dev/log" and configuration file).
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
 #include <functional>
 #include <string>
 #include <vector>
@@ -30,13 +28,6 @@ void* runFunction(void* arg) {
     (*static_cast<std::function<void()>*>(arg))();
     return nullptr;
 }
-
-// A thread that records its cancellation hook.
-class HookedThread : public zfw::Thread {
-  public:
-    void onCancel() override { hookRan = true; }
-    std::atomic<bool> hookRan{false};
-};
 
 void ignoreSignal(int) {}
 

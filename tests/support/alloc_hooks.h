@@ -11,7 +11,6 @@
 #include <string.h>
 
 #include <cstddef>
-#include <cstdint>
 
 extern "C" {
 void* __real_malloc(size_t size);
