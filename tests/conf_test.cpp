@@ -108,7 +108,6 @@ TEST(Conf, TimeoutLines) {
     }
 }
 
-
 TEST(Conf, LongReferenceChains) {
     TempDir dir;
     std::string content = "k0=end\n";

@@ -155,7 +155,11 @@ INSTANTIATE_TEST_SUITE_P(
         // session's exception leaves no DEBUG report before the error record.
         StopCase{"debug_level_from_the_first_record", "log=DEBUG\n", "--fault close-request", 2, "",
                  failed("404 (Socket closed)"), kStop},
-        StopCase{"auth_refused", "", "--auth --auth-answer one-path", 2, "",
+        StopCase{"auth_refused",
+                 "",
+                 "--auth --auth-answer one-path",
+                 2,
+                 "",
                  failed("409 (Process authentication failed)"),
                  {on(1, kHello), on(1, kStopFrame),
                   on(1, "frame 1280cdab1500000001000300000000030000000000")}}),
@@ -244,7 +248,6 @@ TEST(KvstopRefusals, NonRootOrArgumentsSeeOnlyTheRefusal) {
     EXPECT_EQ(daemon.log(), std::vector<std::string>{});
 }
 
-
 // The log follows "/etc/zantorkv/zantorkv.conf" as the properties store reads it. The success
 // record is the first of the run: it passes its level check and gets its facility before the
 // properties are loaded (while it is delivered), so it always goes out at INFO to "auth".
@@ -296,28 +299,28 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, KvstopLogSettings,
     ::testing::Values(
         LogCase{"no_openlog", "logger.openlog.kvstop=No\n", {}, {kNoOpen}},
-        LogCase{"facilities_for_kvstop_and_one_logger",
-                "logger.facility.*=daemon\nlogger.facility.kvstop=local1\n"
-                "logger.facility.kvstop.util=local3\nlog.util=TRACE\n",
-                {},
-                {"<159>" + kListing + "kvd.data.dir=@DIR@", "<159>" + kListing + "kvd.socket=sock",
-                 "<159>" + kListing + "log.util=TRACE",
-                 "<159>" + kListing + "logger.facility.*=daemon",
-                 "<159>" + kListing + "logger.facility.kvstop=local1",
-                 "<159>" + kListing + "logger.facility.kvstop.util=local3", kSuccess}},
+        LogCase{
+            "facilities_for_kvstop_and_one_logger",
+            "logger.facility.*=daemon\nlogger.facility.kvstop=local1\n"
+            "logger.facility.kvstop.util=local3\nlog.util=TRACE\n",
+            {},
+            {"<159>" + kListing + "kvd.data.dir=@DIR@", "<159>" + kListing + "kvd.socket=sock",
+             "<159>" + kListing + "log.util=TRACE", "<159>" + kListing + "logger.facility.*=daemon",
+             "<159>" + kListing + "logger.facility.kvstop=local1",
+             "<159>" + kListing + "logger.facility.kvstop.util=local3", kSuccess}},
         // Join parameters come from the host settings; the first load resolves them before
         // it reads the file's own override, so "kset.domain" does not count yet.
-        LogCase{"values_from_host_settings",
-                "kset.domain=override\nlog.util.properties=\\\n   $DOMAIN\n"
-                "where=$JOINNAME@$SITE/$ZONE\n",
-                {{"host", "host1\n"},
-                 {"site", "  site1 "},
-                 {"domain", "TRACE"},
-                 {"zonename", "CN=zone1,CN=Zones,DC=example"}},
-                {"<39>" + kListing + "kset.domain=override", "<39>" + kListing + "kvd.data.dir=@DIR@",
-                 "<39>" + kListing + "kvd.socket=sock",
-                 "<39>" + kListing + "log.util.properties=TRACE",
-                 "<39>" + kListing + "where=host1@site1/zone1", kSuccess}},
+        LogCase{
+            "values_from_host_settings",
+            "kset.domain=override\nlog.util.properties=\\\n   $DOMAIN\n"
+            "where=$JOINNAME@$SITE/$ZONE\n",
+            {{"host", "host1\n"},
+             {"site", "  site1 "},
+             {"domain", "TRACE"},
+             {"zonename", "CN=zone1,CN=Zones,DC=example"}},
+            {"<39>" + kListing + "kset.domain=override", "<39>" + kListing + "kvd.data.dir=@DIR@",
+             "<39>" + kListing + "kvd.socket=sock", "<39>" + kListing + "log.util.properties=TRACE",
+             "<39>" + kListing + "where=host1@site1/zone1", kSuccess}},
         LogCase{"unreadable_setting_is_unknown",
                 "log.util.properties=$DOMAIN\n",
                 {{"domain", "bad\rvalue"}},

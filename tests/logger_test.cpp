@@ -1,8 +1,8 @@
 // Loggers: the registry, levels and their cache, thread tags, and the records that reach a
 // private "/dev/log" as syslog datagrams.
+#include <gtest/gtest.h>
 #include <syslog.h>
 #include <unistd.h>
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -33,7 +33,7 @@ kvtest::SyslogSink& sink() {
 }
 
 class LoggerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (!kvtest::insideHermeticDevLog()) {
             return;  // the test body runs itself again inside
@@ -99,7 +99,6 @@ TEST_F(LoggerTest, RecordLayoutAndPriority) {
         EXPECT_EQ(records[0].text, c.text);
     }
 }
-
 
 // ---- Configuration from properties, facilities and the one-time openlog decision ----
 

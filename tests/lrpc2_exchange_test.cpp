@@ -1,11 +1,11 @@
 // Request exchange and process authentication against the simulated daemon and against
 // scripted peers over socket pairs and pipes.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <gtest/gtest.h>
 
 #include <cstdarg>
 #include <cstdint>
@@ -72,7 +72,6 @@ int32_t exchangeOnce(const Kvdsim& daemon, uint32_t id, int32_t timeout,
     lrpc2_close(conn);
     return status;
 }
-
 
 // A peer over a socket pair that accepts the handshake, reads one 11-byte request and
 // answers with `reply`, then waits for the client to close.

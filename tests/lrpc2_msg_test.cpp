@@ -70,7 +70,6 @@ Text take_string(char* s) {
     return t;
 }
 
-
 TEST(Lrpc2MsgEncoding, SmallestMessageIsElevenBytes) {
     Msg m(create(kStop));
     ASSERT_EQ(lrpc2_msg_complete(m), 0);
@@ -155,7 +154,6 @@ TEST(Lrpc2MsgEncoding, FieldImages) {
         EXPECT_EQ(lrpc2_msg_validate(img.data() + 8, static_cast<uint32_t>(img.size() - 8)), 1);
     }
 }
-
 
 // Every operation that builds a message, with harmless arguments.
 const std::vector<std::pair<const char*, std::function<int32_t(lrpc2_msg*)>>>& builders() {
@@ -288,7 +286,6 @@ TEST(Lrpc2MsgState, CreateRefusesUnknownIdsAndNullTable) {
     EXPECT_EQ(image(m), (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0}));
 }
 
-
 TEST(Lrpc2MsgGet, RefusedGetLeavesThePosition) {
     Msg m(create());
     ASSERT_EQ(lrpc2_put_string(m, "s"), 0);
@@ -310,7 +307,6 @@ TEST(Lrpc2MsgGet, RefusedGetLeavesThePosition) {
     EXPECT_EQ(lrpc2_msg_next_type(m, &tag), 0);
     EXPECT_EQ(tag, 0u);
 }
-
 
 TEST(Lrpc2MsgValidate, Bodies) {
     struct Case {
@@ -360,7 +356,6 @@ TEST(Lrpc2MsgValidate, Bodies) {
     }
     EXPECT_EQ(lrpc2_msg_validate(nullptr, 3), 0);
 }
-
 
 }  // namespace
 

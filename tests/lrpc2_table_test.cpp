@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-
 #include "lrpc2/status.h"
 #include "lrpc2/table.h"
 

@@ -35,7 +35,6 @@ class SessionTest : public ::testing::Test {
     kvtest::TempDir m_dir;
 };
 
-
 TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
     KV_REQUIRE_HERMETIC();
     configure();

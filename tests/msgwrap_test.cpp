@@ -122,5 +122,4 @@ TEST(Lrpc2MessageReaders, RefusedReadsThrowWithCodeZero) {
     }
 }
 
-
 }  // namespace

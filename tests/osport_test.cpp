@@ -1,9 +1,9 @@
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -22,7 +22,6 @@
 #include "zfw/osport.h"
 
 namespace {
-
 
 std::vector<long> lrand48Sequence(long seed, size_t n) {
     srand48(seed);
@@ -49,7 +48,6 @@ TEST(OsportRandom, RandomFollowsLrand48AfterTheSameSeed) {
     EXPECT_EQ(random(), expected[3]);
 }
 
-
 TEST(OsportLock, ReportsTheHolderPidUntilItExits) {
     kvtest::TempDir dir;
     const std::string path = dir.file("lock");
@@ -59,7 +57,8 @@ TEST(OsportLock, ReportsTheHolderPidUntilItExits) {
     ASSERT_EQ(pipe(release), 0);
     kvtest::ChildProcess holder([&] {
         int result = 99;
-        const char verdict = zfw::openAndLock(path.c_str(), &result) >= 0 && result == 0 ? 'L' : 'F';
+        const char verdict =
+            zfw::openAndLock(path.c_str(), &result) >= 0 && result == 0 ? 'L' : 'F';
         close(release[1]);
         char c;
         return kvtest::writeFully(ready[1], &verdict, 1) && !kvtest::readFully(release[0], &c, 1)
@@ -83,7 +82,6 @@ TEST(OsportLock, ReportsTheHolderPidUntilItExits) {
     close(fd);
     close(ready[0]);
 }
-
 
 // The fourth field (the file-system id) of a line of /proc/thread-self/status.
 long fsIdFromStatus(const char* key) {
@@ -135,7 +133,6 @@ TEST(OsportFsIds, ReadWithoutChangingAndSet) {
 // real name server) and reads the "dns.state" records on its own /dev/log.
 namespace {
 
-
 const char* const kDown = "INFO  dns.state DNS is down";
 
 std::string longName() {
@@ -159,7 +156,8 @@ class OsportDns : public ::testing::Test {
         std::ofstream("/etc/hosts") << "127.0.0.1 localhost\n"
                                        "10.0.0.1 official.test nick.test\n"
                                     << hostsLines() << "10.7.0.1 " << longName() << "\n";
-        std::ofstream("/etc/resolv.conf") << "nameserver 127.0.0.1\noptions timeout:11 attempts:1\n";
+        std::ofstream("/etc/resolv.conf")
+            << "nameserver 127.0.0.1\noptions timeout:11 attempts:1\n";
         std::ofstream("/etc/nsswitch.conf") << "hosts: files dns\n";
         return !HasFailure();
     }
@@ -258,7 +256,6 @@ TEST_F(OsportDns, ResolverErrorsBecomeHostErrors) {
     }
     EXPECT_EQ(records().size(), 0u);
 }
-
 
 struct Expected {
     std::string query;

@@ -1,8 +1,8 @@
 // The properties store: the reader's syntax, variables, lists, getters and the process-wide
 // instance loaded from "/etc/zantorkv/zantorkv.conf".
 #include <fcntl.h>
-#include <unistd.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
@@ -23,7 +23,6 @@ namespace {
 using kvtest::writeFile;
 using zfw::Properties;
 using zfw::StringList;
-
 
 class PropertiesTest : public ::testing::Test {
   protected:

@@ -24,7 +24,6 @@
 
 namespace {
 
-
 // Appends its name to a shared journal when run; optionally unique under its key.
 class Step : public zfw::QueueAble {
   public:

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <string>
 
+#include "support/expect_throw.h"
 #include "support/files.h"
 #include "support/hermetic.h"
-#include "support/expect_throw.h"
 #include "zfw/exception.h"
 #include "zfw/mutex.h"
 #include "zfw/path.h"

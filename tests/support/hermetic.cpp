@@ -41,8 +41,9 @@ bool insideHermeticDevLog() {
 }
 
 bool clearPrivateDirs() {
-    return insideHermetic() && system("rm -rf /etc/zantorkv/* /etc/zantorkv/.[!.]* /var/zantormx/* "
-                                      "/var/zantormx/.[!.]*") == 0;
+    return insideHermetic() && system(
+                                   "rm -rf /etc/zantorkv/* /etc/zantorkv/.[!.]* /var/zantormx/* "
+                                   "/var/zantormx/.[!.]*") == 0;
 }
 
 int rerunInHermetic(bool devlog) {
