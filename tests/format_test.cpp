@@ -133,6 +133,7 @@ TEST(Format, TruncationReturnsTheFullLength) {
         {1, "%s", "hello world", 11, ""},
         {0, "%s", "hello world", 11, ""},
         {4, "%10s", "x", 10, "   "},
+        {4, "%300000000s", "x", 300000000, "   "},
         {4, "%s|xy", "ab", 5, "ab|"},
         {3, "%s", nullptr, 6, "(N"},
         {4, "a%qb%wcd", "", 3, "abd"},

@@ -258,6 +258,19 @@ class LogQueueTest : public ::testing::Test {
     boost::shared_ptr<zfw::Logger> m_reporter = zfw::Logger::get("test.reporter");
 };
 
+TEST_F(LogQueueTest, SizeZeroKeepsDeliveryDirect) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
+    kvtest::useProperties("logger.queue.size=0\n");
+    const int32_t threads = zfw::Thread::m_threadsActive;
+    zfw::Logger::startQueue(m_reporter);
+    EXPECT_EQ(zfw::Thread::m_threadsActive, threads) << "no log thread";
+    EXPECT_EQ(sink.takeTexts("test.reporter"),
+              std::vector<std::string>{
+                  "WARN  test.reporter LogQueue disabled.  Recommended for debugging only."});
+    zfw::Logger::stopQueue(m_reporter);
+}
+
 TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
     KV_REQUIRE_HERMETIC_DEVLOG();
     struct Case {

@@ -46,6 +46,11 @@ TEST(Lrpc2Table, Lookups) {
         EXPECT_EQ(lrpc2_table_secure(t, c.id), c.secure) << c.id;
         EXPECT_EQ(lrpc2_table_flags_both(t, c.id), c.both) << c.id;
     }
+    // Only both flag bits together count as both.
+    const lrpc2_msg_entry odd[] = {{5, "secure", 1}, {6, "other", 2}};
+    const lrpc2_msg_table oddTable = {2, odd};
+    EXPECT_EQ(lrpc2_table_secure(&oddTable, 5), 1);
+    EXPECT_EQ(lrpc2_table_flags_both(&oddTable, 5) + lrpc2_table_flags_both(&oddTable, 6), 0);
     EXPECT_EQ(lrpc2_table_find(nullptr, 20), nullptr);
     EXPECT_EQ(lrpc2_table_name(nullptr, 20), nullptr);
 }
