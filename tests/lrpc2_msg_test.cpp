@@ -218,15 +218,6 @@ TEST(Lrpc2MsgState, NullMessageIsInvalidEverywhere) {
     lrpc2_msg_free(nullptr);
 }
 
-TEST(Lrpc2MsgState, CompleteMessageRefusesBuilding) {
-    for (const auto& op : builders()) {
-        Msg m(create());
-        ASSERT_EQ(lrpc2_msg_complete(m), 0);
-        EXPECT_EQ(op.second(m), LRPC2_MSG_NODATA) << op.first;
-        EXPECT_EQ(image(m), ping_image({})) << op.first;
-    }
-}
-
 TEST(Lrpc2MsgState, FailingOperationsFailTheMessage) {
     struct Case {
         const char* name;

@@ -195,24 +195,6 @@ int silentNameServer() {
     return fd;
 }
 
-TEST_F(OsportDns, LookupWhileDownAsksNobody) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    ASSERT_TRUE(prepare());
-    const int server = silentNameServer();
-    zfw::setDnsState(false);
-    struct hostent he;
-    char buffer[512];
-    int hostError = 0;
-    for (const char* name : {"nxdomain.test", "localhost"}) {
-        EXPECT_EQ(zfw::lookupHost(name, &he, buffer, sizeof buffer, &hostError), nullptr);
-        EXPECT_EQ(hostError, TRY_AGAIN);
-    }
-    char query[512];
-    EXPECT_EQ(recv(server, query, sizeof query, 0), -1) << "the name server was asked";
-    EXPECT_FALSE(zfw::isDnsUp());
-    close(server);
-}
-
 // Waits out the ten seconds that make a failure slow: label "long".
 using OsportDnsLong = OsportDns;
 
