@@ -6,13 +6,10 @@
 #   bench  building and running the benchmarks (scripts/bench.sh)
 #   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
 # The install starts, enables and reconfigures no service of the host: policy-rc.d refuses
-# every start while it runs, units that the install enabled are disabled again, and the
-# system logger that one test runs in a private namespace is only unpacked into .deps/rsyslog
-# (scripts/test.sh puts it on the PATH), never installed.
+# every start while it runs, and units that the install enabled are disabled again.
 # With KV_SETUP_STATUS_FD set, says what it does on that descriptor ("kv:" lines) and has
 # apt-get report its progress there.
 set -euo pipefail
-top=$(cd "$(dirname "$0")/.." && pwd)
 
 say() {
   echo "setup: $*"
@@ -33,21 +30,13 @@ esac
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
 
-# rsyslogd for tests/install/rsyslog_test.sh, unless the host has its own: the package's files
-# under .deps/rsyslog, its libraries from apt (libraries carry no service).
-rsyslog_dir=$top/.deps/rsyslog
-rsyslog_deb=()
-if [ "$profile" = test ] && ! installed rsyslog && [ ! -x "$rsyslog_dir/bin/rsyslogd" ]; then
-  rsyslog_deb=(rsyslog)
-fi
-
 missing=()
 for p in "${packages[@]}"; do
   installed "$p" || missing+=("$p")
 done
-[ ${#missing[@]} -gt 0 ] || [ ${#rsyslog_deb[@]} -gt 0 ] || exit 0
+[ ${#missing[@]} -gt 0 ] || exit 0
 if [ "$(id -u)" -ne 0 ]; then
-  echo "setup: missing packages (${missing[*]} ${rsyslog_deb[*]}); run as root to install them" >&2
+  echo "setup: missing packages (${missing[*]}); run as root to install them" >&2
   exit 1
 fi
 
@@ -74,26 +63,14 @@ if [ -e "$policy" ] && [ "$(cat "$policy")" != "$refuse" ]; then cp -p "$policy"
 printf '%s\n' "$refuse" >"$policy"
 chmod 755 "$policy"
 
-if [ ${#rsyslog_deb[@]} -gt 0 ]; then
-  say "downloading rsyslog to unpack it"
-  (cd "$work" && apt-get -q -o APT::Sandbox::User=root download rsyslog)
-  deb=$(ls "$work"/rsyslog_*.deb)
-  # Its libraries: the first choice of each dependency, without versions.
-  for dep in $(dpkg-deb -f "$deb" Depends | tr ',' '\n' | sed -E 's/\|.*//; s/\(.*\)//; s/ //g'); do
-    installed "$dep" || missing+=("$dep")
-  done
-fi
-
 unit_links() { find /etc/systemd/system -type l 2>/dev/null | sort; }
 before=$(unit_links)
 
 # What is installed, in a few words: the names, or how many there are.
 what=${missing[*]}
 [ ${#missing[@]} -le 5 ] || what="${#missing[@]} packages"
-if [ ${#missing[@]} -gt 0 ]; then
-  say "$what"
-  apt-get install "${apt_opts[@]}" "${missing[@]}"
-fi
+say "$what"
+apt-get install "${apt_opts[@]}" "${missing[@]}"
 
 # Packages enable their units on a first install (deb-systemd-helper links them into
 # /etc/systemd/system); remove those links as `systemctl disable` would. Upgrades then find the
@@ -103,17 +80,5 @@ for link in $(comm -13 <(echo "$before") <(unit_links)); do
   rm -f "$link"
 done
 
-if [ ${#rsyslog_deb[@]} -gt 0 ]; then
-  say "unpacking rsyslog into .deps/rsyslog"
-  rm -rf "$rsyslog_dir"
-  mkdir -p "$rsyslog_dir/bin"
-  dpkg-deb -x "$deb" "$rsyslog_dir/root"
-  # Loads its modules from where they were unpacked, not from /usr/lib.
-  moddir=$(dirname "$(find "$rsyslog_dir/root" -name imuxsock.so)")
-  printf '#!/bin/sh\nexec %s -M %s "$@"\n' "$rsyslog_dir/root/usr/sbin/rsyslogd" "$moddir" \
-    >"$rsyslog_dir/bin/rsyslogd"
-  chmod 755 "$rsyslog_dir/bin/rsyslogd"
-fi
 # The last word for scripts/common.sh.
-[ ${#rsyslog_deb[@]} -eq 0 ] || what="${what:+$what, }rsyslog unpacked"
 say "$what"

@@ -23,10 +23,6 @@ kv_build
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-# The system logger that scripts/setup.sh unpacked instead of installing, for the host has none.
-if ! command -v rsyslogd >/dev/null 2>&1 && [ -x "$top/.deps/rsyslog/bin/rsyslogd" ]; then
-  export PATH=$top/.deps/rsyslog/bin:$PATH
-fi
 
 # ctest's result lines ("  3/317 Test   #3: NAME .....***Failed    0.02 sec") count the cases;
 # with --output-on-failure a failed case's output follows its line, up to an empty line or the

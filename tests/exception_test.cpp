@@ -2,11 +2,8 @@
 // private "/dev/log".
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "lrpc2/status.h"
@@ -90,81 +87,6 @@ TEST_F(ExceptionTest, ReportFlagAndClassNameDecide) {
     ASSERT_EQ(bare.size(), 1u);
     EXPECT_EQ(bare[0].rfind("DEBUG util.except IOException bare (reference exception_test.cpp:", 0),
               0u);
-}
-
-TEST_F(ExceptionTest, NoReportAboveDebug) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    zfw::Logger::get("util.except")->setLevel(zfw::Logger::INFO);
-    EXPECT_THROW(ZFW_THROW(zfw::NotFoundException, 2, true, "cannot open dir"),
-                 zfw::NotFoundException);
-    EXPECT_TRUE(sink().take().empty());
-}
-
-TEST_F(ExceptionTest, ErrnoFormAppendsTheSystemText) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    try {
-        ZFW_THROW_ERRNO(zfw::IOException, -1, false, ENOENT, "Cannot open file %s", "/no/such");
-    } catch (const ZFWException& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  std::string("Cannot open file /no/such: ") + strerror(ENOENT));
-        EXPECT_EQ(dynamic_cast<const zfw::Base_Exception&>(e).rc(), -1);
-    }
-    try {
-        ZFW_THROW_ERRNO(zfw::SystemException, EAGAIN, false, EAGAIN, "OS call failed");
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(std::string(e.what()), std::string("OS call failed: ") + strerror(EAGAIN));
-        EXPECT_EQ(e.rc(), EAGAIN);
-    }
-}
-
-TEST_F(ExceptionTest, MessagesAreCutAt511Bytes) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const std::string longText(700, 'x');
-    try {
-        ZFW_THROW(zfw::BadDataException, 0, false, "%s", longText.c_str());
-    } catch (const zfw::BadDataException& e) {
-        EXPECT_EQ(std::string(e.what()), std::string(511, 'x'));
-    }
-    try {
-        ZFW_THROW_ERRNO(zfw::SystemException, 5, false, 5, "%s", longText.c_str());
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(std::string(e.what()), std::string(511, 'x'));
-    }
-}
-
-TEST_F(ExceptionTest, PercentInTheMessageIsReportedAsIs) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    EXPECT_THROW(ZFW_THROW(zfw::AlreadyException, -1, true, "%s", "100%s done"),
-                 zfw::AlreadyException);
-    const std::vector<std::string> r = reports();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_NE(r[0].find("zfw::AlreadyException 100%s done (reference"), std::string::npos) << r[0];
-}
-
-TEST_F(ExceptionTest, FrameworkThrowSitesNameTheirSource) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    EXPECT_STREQ(zfw::detail::sourceName("zfw/mutex.cpp"), "mutex.cpp");
-    EXPECT_STREQ(zfw::detail::sourceName("zkvfw/include/zkvfw/msgwrap.h"),
-                 "zkvfw/include/zkvfw/msgwrap.h");
-    zfw::MaxWaitMutex m(1);
-    m.lock();
-    std::thread blocked([&] {
-        m.lock();
-        m.unlock();
-    });
-    while (m.waiting() == 0) {
-        std::this_thread::yield();
-    }
-    std::thread([&] { EXPECT_THROW(m.lock(), zfw::TryAgainException); }).join();
-    m.unlock();
-    blocked.join();
-    const std::vector<std::string> r = reports();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_NE(r[0].find("DEBUG util.except TryAgainException too many clients waiting for mutex "
-                        "(configure more threads?) (reference mutex.cpp:"),
-              std::string::npos)
-        << r[0];
-    EXPECT_EQ(r[0].substr(r[0].size() - 8), " rc: 11)");
 }
 
 }  // namespace

@@ -1,22 +1,27 @@
 // Loggers: the registry, levels and their cache, thread tags, and the records that reach a
 // private "/dev/log" as syslog datagrams.
+#include <gtest/gtest.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <cstring>
+#include <cstdio>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/child.h"
+#include "support/files.h"
 #include "support/hermetic.h"
 #include "support/syslog_sink.h"
+#include "support/zfw_config.h"
 #include "zfw/logdelivery.h"
 #include "zfw/logger.h"
+#include "zfw/mutex.h"
 #include "zfw/properties.h"
+#include "zfw/thread.h"
 
 namespace {
 
@@ -28,7 +33,7 @@ kvtest::SyslogSink& sink() {
 }
 
 class LoggerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (!kvtest::insideHermeticDevLog()) {
             return;  // the test body runs itself again inside
@@ -39,26 +44,6 @@ protected:
         sink().take();
     }
 };
-
-TEST_F(LoggerTest, GetCreatesAncestorsOnce) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> c = Logger::get("tree.b.c");
-    ASSERT_TRUE(c);
-    EXPECT_EQ(c->name(), "tree.b.c");
-    ASSERT_TRUE(c->parent());
-    EXPECT_EQ(c->parent()->name(), "tree.b");
-    ASSERT_TRUE(c->parent()->parent());
-    EXPECT_EQ(c->parent()->parent()->name(), "tree");
-    const boost::shared_ptr<Logger> root = c->parent()->parent()->parent();
-    ASSERT_TRUE(root);
-    EXPECT_EQ(root, Logger::get(""));
-    EXPECT_EQ(root->name(), "");
-    EXPECT_FALSE(root->parent());
-    EXPECT_EQ(c, Logger::get("tree.b.c"));
-    EXPECT_EQ(c->parent(), Logger::get("tree.b"));
-    EXPECT_EQ(c->level(), Logger::UNSET);
-    EXPECT_EQ(c->facility(), Logger::UNSET);
-}
 
 TEST_F(LoggerTest, EffectiveLevelIsInheritedAndCached) {
     KV_REQUIRE_HERMETIC_DEVLOG();
@@ -75,29 +60,6 @@ TEST_F(LoggerTest, EffectiveLevelIsInheritedAndCached) {
     EXPECT_TRUE(sink().takeTexts("not written").empty());
     child->setLevel(Logger::UNSET);
     EXPECT_TRUE(child->isEnabled(Logger::DEBUG));
-}
-
-TEST_F(LoggerTest, LevelNamesAndParsing) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const char* names[] = {"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL", "DISABLED"};
-    for (int32_t level = 0; level < 7; ++level) {
-        EXPECT_STREQ(Logger::levelName(level), names[level]);
-        EXPECT_EQ(Logger::parseLevel(names[level]), level);
-    }
-    EXPECT_STREQ(Logger::levelName(-1), "");
-    EXPECT_STREQ(Logger::levelName(7), "");
-    const struct {
-        const char* text;
-        int32_t level;
-    } cases[] = {{"", Logger::INFO},     {"warn", Logger::WARN},
-                 {"Warn", Logger::WARN}, {"debug", Logger::DEBUG},
-                 {"disabled", 6},        {"verbose", -1},
-                 {"WARN ", -1},          {"WAR", -1},
-                 {"INFO\n", -1}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(Logger::parseLevel(c.text), c.level) << c.text;
-    }
-    EXPECT_EQ(Logger::parseLevel(std::string("WARN\0x", 6)), -1);
 }
 
 TEST_F(LoggerTest, RecordLayoutAndPriority) {
@@ -138,117 +100,237 @@ TEST_F(LoggerTest, RecordLayoutAndPriority) {
     }
 }
 
-TEST_F(LoggerTest, FacilityIsInheritedUncached) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> parent = Logger::get("fac");
-    const boost::shared_ptr<Logger> child = Logger::get("fac.child");
-    EXPECT_EQ(child->effectiveFacility(), zfw::kFacilityAuth);
-    parent->setFacility(LOG_LOCAL1);
-    EXPECT_EQ(child->effectiveFacility(), LOG_LOCAL1);
-    child->log(Logger::WARN, "x");
-    const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].priority, LOG_LOCAL1 | LOG_WARNING);
-    EXPECT_EQ(child->facility(), Logger::UNSET);
+// ---- Configuration from properties, facilities and the one-time openlog decision ----
+
+// Loads text into a store of its own; every parse configures the loggers.
+void configureFrom(const std::string& text) {
+    zfw::Properties props(true, false);
+    std::istringstream in(text);
+    props.parse(in, true);
 }
 
-TEST_F(LoggerTest, DisabledLevelsWriteNothing) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> logger = Logger::get("quiet");
-    logger->setLevel(Logger::DISABLED);
-    for (int32_t level = Logger::TRACE; level <= Logger::FATAL; ++level) {
-        EXPECT_FALSE(logger->isEnabled(level));
-        logger->log(level, "hidden");
-        logger->logErrno(level, EIO, "hidden");
-        logger->logDump(level, "hidden", "abc", 3);
+// The process-wide store loaded from an empty file, before the first record would load it
+// (a missing file is reported at ERROR).
+void loadEmptyConfigFile() {
+    std::ofstream(zfw::Properties::gConfigPath).close();
+    zfw::Properties::getProperties(false);
+}
+
+std::vector<std::string> complaints() {
+    return sink().takeTexts("com.zantor.logger");
+}
+
+std::string complaint(const std::string& text) {
+    return "WARN  com.zantor.logger " + text;
+}
+
+class LogConfigTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!kvtest::insideHermeticDevLog()) {
+            return;  // the test body runs itself again inside
+        }
+        sink();
     }
-    EXPECT_TRUE(logger->isEnabled(Logger::DISABLED));
-    EXPECT_TRUE(sink().take().empty());
-}
+};
 
-TEST_F(LoggerTest, ThreadTagsArePerThread) {
+TEST_F(LogConfigTest, LevelsFollowTheProperties) {
     KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> logger = Logger::get("tagged");
-    EXPECT_EQ(Logger::threadTag(), nullptr);
-    char tag[] = "worker";
-    Logger::setThreadTag(tag);
-    tag[0] = 'X';
-    EXPECT_STREQ(Logger::threadTag(), "worker");
-    logger->log(Logger::INFO, "one");
-    std::thread other([&] {
-        EXPECT_EQ(Logger::threadTag(), nullptr);
-        Logger::setThreadTag("other");
-        logger->log(Logger::INFO, "two");
-    });
-    other.join();
-    Logger::setThreadTag(nullptr);
-    logger->log(Logger::INFO, "three");
+    loadEmptyConfigFile();
+    configureFrom("log=debug\nlog.a=ERROR\n");
+    EXPECT_EQ(Logger::get("")->level(), Logger::DEBUG);
+    EXPECT_EQ(Logger::get("a")->effectiveLevel(), Logger::ERROR);
+    EXPECT_EQ(Logger::get("a.b")->effectiveLevel(), Logger::ERROR);
+    EXPECT_EQ(Logger::get("zkv.cli.kvstop")->effectiveLevel(), Logger::DEBUG);
+    sink().take();
+    Logger::get("a.b")->log(Logger::WARN, "hidden");
+    Logger::get("a.b")->log(Logger::ERROR, "shown");
+    Logger::get("zkv.cli.kvstop")->log(Logger::DEBUG, "debug shown");
     EXPECT_EQ(sink().takeTexts(),
-              (std::vector<std::string>{"INFO  <worker> tagged one", "INFO  <other> tagged two",
-                                        "INFO  tagged three"}));
+              (std::vector<std::string>{"ERROR a.b shown", "DEBUG zkv.cli.kvstop debug shown"}));
+    EXPECT_TRUE(complaints().empty());
 }
 
-TEST_F(LoggerTest, LogErrnoAppendsTheSystemText) {
+TEST_F(LogConfigTest, BadLevelsAreReportedAndSkipped) {
     KV_REQUIRE_HERMETIC_DEVLOG();
-    Logger::get("util.x")->logErrno(Logger::ERROR, ENOENT, "open %s", "x");
-    EXPECT_EQ(sink().takeTexts(),
-              std::vector<std::string>{std::string("ERROR util.x open x: ") + strerror(ENOENT)});
+    configureFrom("log=verbose\nlog.=DEBUG\nlog.x=loud\nlog.ok=Warn\n");
+    EXPECT_EQ(complaints(),
+              (std::vector<std::string>{
+                  complaint("Illegal value for property 'log': 'verbose'. Using 'INFO'."),
+                  complaint("Illegal log name: 'log.'"),
+                  complaint("Illegal log level. Property: 'log.x', value: 'loud'")}));
+    EXPECT_EQ(Logger::get("")->level(), Logger::INFO);
+    EXPECT_EQ(Logger::get("ok")->level(), Logger::WARN);
 }
 
-TEST_F(LoggerTest, LogDumpWritesHexAndCharacters) {
+TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
     KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> logger = Logger::get("dump");
-    const unsigned char data[20] = {'A', 'B', 'C', 'D', 'E', 'F', 'G',  'H',  'I',  'J',
-                                    'K', 'L', 'M', 'N', 'O', ' ', 0x01, 0x7f, 0x80, 0xff};
-    logger->logDump(Logger::INFO, "dump of %%d", data, sizeof data);
-    const std::string line1 = "41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 20   ABCDEFGHIJKLMNO  ";
-    const std::string line2 = "01 7f 80 ff" + std::string(39, ' ') + ".\x7f.. ";
-    EXPECT_EQ(sink().takeTexts(),
-              (std::vector<std::string>{"INFO  dump dump of %d", "INFO  dump " + line1,
-                                        "INFO  dump " + line2}));
-    logger->logDump(Logger::INFO, "empty", data, 0);
-    EXPECT_EQ(sink().takeTexts(), std::vector<std::string>{"INFO  dump empty"});
+    loadEmptyConfigFile();
+    configureFrom(
+        "logger.facility.*=bogus\n"
+        "logger.facility.*.=local2\n"
+        "logger.facility.*.net.x=local3\n"
+        "logger.facility.*.net.y=nope\n");
+    EXPECT_EQ(complaints(),
+              (std::vector<std::string>{
+                  complaint("Illegal value facility name: 'bogus' for 'logger.facility.*'. "
+                            "Using 'auth'."),
+                  complaint("Illegal facility name: 'logger.facility.*.'"),
+                  complaint("Illegal log facility. Property: 'logger.facility.*.net.y', value: "
+                            "'nope'")}));
+    EXPECT_EQ(Logger::get("")->facility(), LOG_AUTH);
+    EXPECT_EQ(Logger::get("net.y")->facility(), Logger::UNSET);
+    Logger::get("net.x.sub")->log(Logger::WARN, "w");
+    Logger::get("net.y")->log(Logger::INFO, "i");
+    std::vector<int> priorities;
+    for (const kvtest::SyslogRecord& r : sink().takeRecords()) {
+        priorities.push_back(r.priority);
+    }
+    EXPECT_EQ(priorities, (std::vector<int>{156, 38}));
 }
 
-TEST_F(LoggerTest, RecordIsCutAt511Characters) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    const boost::shared_ptr<Logger> logger = Logger::get("long");
-    const std::string format(600, 'a');
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-    logger->log(Logger::INFO, format.c_str());
-#pragma GCC diagnostic pop
-    // The format is cut with the record; the formatted arguments are not.
-    logger->log(Logger::INFO, "%s", format.c_str());
-    EXPECT_EQ(sink().takeTexts(),
-              (std::vector<std::string>{"INFO  long " + std::string(511 - 11, 'a'),
-                                        "INFO  long " + format}));
-}
+// The first record of the process decides about openlog from "logger.openlog.<program>";
+// complaints logged while the process-wide store loads already follow it.
+struct OpenlogCase {
+    const char* name;
+    std::string configFile;
+    bool privateStore;  // the complaint comes from a store of its own, after the load
+    bool expectPid;     // every record carries "[pid]"; otherwise none does
+};
 
-TEST_F(LoggerTest, ConcurrentLoggersDeliverEveryRecord) {
+TEST_F(LogConfigTest, ComplaintsUnderTheLoadDecideAboutOpenlog) {
     KV_REQUIRE_HERMETIC_DEVLOG();
-    constexpr int kThreads = 4;
-    constexpr int kRecords = 50;
-    std::vector<std::thread> threads;
-    std::vector<boost::shared_ptr<Logger>> seen(kThreads);
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &seen] {
-            for (int i = 0; i < kRecords; ++i) {
-                seen[t] = Logger::get("busy.same.name");
-                if (seen[t]->isEnabled(Logger::INFO)) {
-                    seen[t]->log(Logger::INFO, "thread %d record %d", t, i);
-                }
-                Logger::get("busy.own." + std::to_string(t))->log(Logger::INFO, "own");
+    const std::string off = "logger.openlog." + zfw::processName() + "=no\n";
+    const OpenlogCase cases[] = {
+        {"first load complains", "log.x=loud\n", false, true},
+        {"first load complains, openlog off", "log.x=loud\n" + off, false, false},
+        {"private store complains", "", true, true},
+    };
+    for (const OpenlogCase& c : cases) {
+        // Each case needs a process of its own: the decision is made once.
+        kvtest::ChildProcess child([&c] {
+            kvtest::writeFile(zfw::Properties::gConfigPath, c.configFile);
+            zfw::Properties::getProperties(false);
+            if (c.privateStore) {
+                configureFrom("log.x=loud\n");
             }
+            Logger::get("next")->log(Logger::ERROR, "after");
+            return 0;
         });
+        ASSERT_EQ(child.wait(), 0) << c.name;
+        const std::vector<kvtest::SyslogRecord> records = sink().takeRecords();
+        ASSERT_EQ(records.size(), 2u) << c.name;
+        EXPECT_EQ(records[0].text, complaint("Illegal log level. Property: 'log.x', value: 'loud'"))
+            << c.name;
+        EXPECT_EQ(records[0].identity, zfw::processName()) << c.name;
+        EXPECT_EQ(records[1].text, "ERROR next after") << c.name;
+        for (const kvtest::SyslogRecord& r : records) {
+            EXPECT_EQ(r.pid, c.expectPid ? child.pid() : -1) << c.name << ": " << r.text;
+        }
     }
-    for (std::thread& t : threads) {
-        t.join();
+}
+
+}  // namespace
+
+// The log queue and its background thread, writing real syslog datagrams to a private
+// "/dev/log": starting and stopping, records formatted on the logging thread, overflow
+// while syslog blocks (records dropped, the warning in their place, no deadlock), and
+// stopQueue and shutdown writing what is still queued. Every case runs in private namespaces.
+namespace {
+
+const char kDropWarning[] =
+    "ERROR log Warning: Zantor logger dropping messages:(runqueue full %u) Please insure syslog "
+    "is running correctly or increase the value of logger.queue.size in zantormx.conf.";
+
+std::vector<std::string> containing(const std::vector<std::string>& texts,
+                                    const std::string& needle) {
+    std::vector<std::string> out;
+    for (const std::string& t : texts) {
+        if (t.find(needle) != std::string::npos) {
+            out.push_back(t);
+        }
     }
-    for (int t = 1; t < kThreads; ++t) {
-        EXPECT_EQ(seen[t], seen[0]);
+    return out;
+}
+
+class LogQueueTest : public ::testing::Test {
+  protected:
+    boost::shared_ptr<zfw::Logger> m_reporter = zfw::Logger::get("test.reporter");
+};
+
+TEST_F(LogQueueTest, SizeZeroKeepsDeliveryDirect) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
+    kvtest::useProperties("logger.queue.size=0\n");
+    const int32_t threads = zfw::Thread::m_threadsActive;
+    zfw::Logger::startQueue(m_reporter);
+    EXPECT_EQ(zfw::Thread::m_threadsActive, threads) << "no log thread";
+    EXPECT_EQ(sink.takeTexts("test.reporter"),
+              std::vector<std::string>{
+                  "WARN  test.reporter LogQueue disabled.  Recommended for debugging only."});
+    zfw::Logger::stopQueue(m_reporter);
+}
+
+TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    struct Case {
+        const char* properties;
+        unsigned capacity;
+    };
+    const Case cases[] = {
+        {"logger.queue.size=4\n", 4},
+        // The logger "log" at DEBUG makes the queue four times larger.
+        {"logger.queue.size=10\nlog.log=DEBUG\n", 40},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.properties);
+        kvtest::SyslogSink held(false);
+        kvtest::useProperties(c.properties);
+        zfw::Logger::startQueue(m_reporter);
+
+        // Two writers, both far beyond what the socket and the queue can hold.
+        const int records = static_cast<int>(c.capacity) + 40;
+        std::vector<std::thread> writers;
+        for (int w = 0; w < 2; ++w) {
+            writers.emplace_back([w, records] {
+                const auto logger = zfw::Logger::get("test.flood" + std::to_string(w));
+                for (int i = 0; i < records; ++i) {
+                    logger->log(zfw::Logger::WARN, "flood %d", i);
+                }
+            });
+        }
+        for (std::thread& t : writers) {
+            t.join();
+        }
+        held.startReading();
+        zfw::Logger::stopQueue(m_reporter);
+        const std::vector<std::string> texts = held.takeTexts();
+
+        char warning[512];
+        snprintf(warning, sizeof warning, kDropWarning, c.capacity);
+        const std::vector<std::string> warnings = containing(texts, "dropping messages");
+        ASSERT_FALSE(warnings.empty());
+        for (const std::string& w : warnings) {
+            EXPECT_EQ(w, warning);
+        }
+        // The queue ended full and blocked: its newest record was the last warning.
+        EXPECT_EQ(texts.back(), warning);
+
+        size_t delivered = 0;
+        for (int w = 0; w < 2; ++w) {
+            const std::string prefix = "WARN  test.flood" + std::to_string(w) + " flood ";
+            int last = -1;
+            for (const std::string& t : containing(texts, prefix)) {
+                const int index = std::stoi(t.substr(prefix.size()));
+                EXPECT_GT(index, last) << "records keep their order";
+                last = index;
+                ++delivered;
+            }
+            EXPECT_LT(last, records - 1) << "the newest records were dropped";
+        }
+        EXPECT_LT(delivered, 2u * records);
+        EXPECT_EQ(delivered + warnings.size(), texts.size()) << "nothing else was written";
     }
-    EXPECT_EQ(sink().takeTexts("busy.same.name").size(), size_t(kThreads * kRecords));
 }
 
 }  // namespace

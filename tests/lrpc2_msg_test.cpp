@@ -3,11 +3,11 @@
 #include <cstring>
 #include <functional>
 #include <optional>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "lrpc2/bytebuf.h"
 #include "lrpc2/msg.h"
 #include "lrpc2/status.h"
 #include "support/alloc_hooks.h"
@@ -58,11 +58,6 @@ Bytes ping_image(const Bytes& fields) {
     return out;
 }
 
-lrpc2_msg* parse(Bytes bytes, int32_t* status) {
-    return lrpc2_msg_parse(bytes.data(), static_cast<uint32_t>(bytes.size()), 1, table(),
-                           LRPC2_HEADER_LEN, status);
-}
-
 uint8_t* malloc_copy(const Bytes& bytes) {
     uint8_t* block = static_cast<uint8_t*>(malloc(bytes.size()));
     memcpy(block, bytes.data(), bytes.size());
@@ -74,8 +69,6 @@ Text take_string(char* s) {
     lrpc2_free_string(s, 0);
     return t;
 }
-
-// ---- Byte images ---------------------------------------------------------------------------
 
 TEST(Lrpc2MsgEncoding, SmallestMessageIsElevenBytes) {
     Msg m(create(kStop));
@@ -93,15 +86,11 @@ TEST(Lrpc2MsgEncoding, FieldImages) {
         Bytes fields;
     };
     static const char* const kSet[] = {"a", "bc", nullptr};
-    static const char* const kSetWithHole[] = {"a", nullptr, "b", nullptr};
-    static const char* const kEmptySet[] = {nullptr};
     static const lrpc2_kv_in kPairs[] = {{"k", nullptr}, {nullptr, "v"}, {nullptr, nullptr}};
-    static const lrpc2_kv_in kNoPairs[] = {{nullptr, nullptr}};
     static const uint8_t kBlob[] = {1, 2, 3};
     const Case cases[] = {
         {"no fields", [](lrpc2_msg*) {}, {}},
         {"bool 1", [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_bool(m, 1), 0); }, {1, 1}},
-        {"bool 7 stores 1", [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_bool(m, 7), 0); }, {1, 1}},
         {"bool -1", [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_bool(m, -1), 0); }, {1, 1}},
         {"bool 0", [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_bool(m, 0), 0); }, {1, 0}},
         {"int32 -2",
@@ -113,36 +102,21 @@ TEST(Lrpc2MsgEncoding, FieldImages) {
         {"string",
          [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_string(m, "ab"), 0); },
          {4, 2, 0, 0, 0, 'a', 'b'}},
-        {"empty string",
-         [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_string(m, ""), 0); },
-         {4, 0, 0, 0, 0}},
         {"null string",
          [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_string(m, nullptr), 0); },
          {4, 0xFF, 0xFF, 0xFF, 0xFF}},
         {"alt string",
          [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_string_alt(m, "ab"), 0); },
          {5, 2, 0, 0, 0, 'a', 'b'}},
-        {"null alt string",
-         [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_string_alt(m, nullptr), 0); },
-         {5, 0xFF, 0xFF, 0xFF, 0xFF}},
         {"blob",
          [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_blob(m, kBlob, 3), 0); },
          {6, 3, 0, 0, 0, 1, 2, 3}},
-        {"empty blob",
-         [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_blob(m, kBlob, 0), 0); },
-         {6, 0, 0, 0, 0}},
         {"null blob ignores length",
          [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_blob(m, nullptr, 5), 0); },
          {6, 0xFF, 0xFF, 0xFF, 0xFF}},
         {"whole string set",
          [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_string_set(m, kSet), 0); },
          {7, 2, 0, 0, 0, 1, 0, 0, 0, 'a', 2, 0, 0, 0, 'b', 'c'}},
-        {"whole string set ends at the first null",
-         [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_string_set(m, kSetWithHole), 0); },
-         {7, 1, 0, 0, 0, 1, 0, 0, 0, 'a'}},
-        {"empty whole string set",
-         [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_string_set(m, kEmptySet), 0); },
-         {7, 0, 0, 0, 0}},
         {"string set by element, null added as empty",
          [](lrpc2_msg* m) {
              EXPECT_EQ(lrpc2_begin_string_set(m), 0);
@@ -150,16 +124,10 @@ TEST(Lrpc2MsgEncoding, FieldImages) {
              EXPECT_EQ(lrpc2_add_string(m, nullptr), 0);
          },
          {7, 2, 0, 0, 0, 1, 0, 0, 0, 'x', 0, 0, 0, 0}},
-        {"string set begun and left empty",
-         [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_begin_string_set(m), 0); },
-         {7, 0, 0, 0, 0}},
         {"whole kv set with null members",
          [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_kv_set(m, kPairs), 0); },
          {8,    2,    0,    0,    0,    1,    0, 0, 0, 'k', 0xFF, 0xFF,
           0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0,   'v'}},
-        {"empty whole kv set",
-         [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_put_kv_set(m, kNoPairs), 0); },
-         {8, 0, 0, 0, 0}},
         {"kv set by element",
          [](lrpc2_msg* m) {
              EXPECT_EQ(lrpc2_begin_kv_set(m), 0);
@@ -175,23 +143,6 @@ TEST(Lrpc2MsgEncoding, FieldImages) {
              EXPECT_EQ(lrpc2_put_uint32(m, 5), 0);
          },
          {7, 1, 0, 0, 0, 1, 0, 0, 0, 'x', 3, 5, 0, 0, 0}},
-        {"set closed by the next begin",
-         [](lrpc2_msg* m) {
-             EXPECT_EQ(lrpc2_begin_string_set(m), 0);
-             EXPECT_EQ(lrpc2_add_string(m, "x"), 0);
-             EXPECT_EQ(lrpc2_add_string(m, "y"), 0);
-             EXPECT_EQ(lrpc2_begin_kv_set(m), 0);
-             EXPECT_EQ(lrpc2_add_kv(m, nullptr, "v"), 0);
-         },
-         {7, 2, 0, 0, 0, 1,    0,    0,    0,    'x', 1, 0, 0, 0,  'y',
-          8, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 1,   0, 0, 0, 'v'}},
-        {"set closed by a whole set",
-         [](lrpc2_msg* m) {
-             EXPECT_EQ(lrpc2_begin_kv_set(m), 0);
-             EXPECT_EQ(lrpc2_add_kv(m, "k", "v"), 0);
-             EXPECT_EQ(lrpc2_put_string_set(m, kEmptySet), 0);
-         },
-         {8, 1, 0, 0, 0, 1, 0, 0, 0, 'k', 1, 0, 0, 0, 'v', 7, 0, 0, 0, 0}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -203,24 +154,6 @@ TEST(Lrpc2MsgEncoding, FieldImages) {
         EXPECT_EQ(lrpc2_msg_validate(img.data() + 8, static_cast<uint32_t>(img.size() - 8)), 1);
     }
 }
-
-TEST(Lrpc2MsgEncoding, LargeFieldsGrowTheBuffer) {
-    const std::string big(5000, 'q');
-    Msg m(create());
-    ASSERT_EQ(lrpc2_put_string(m, big.c_str()), 0);
-    ASSERT_EQ(lrpc2_put_uint32(m, 7), 0);
-    ASSERT_EQ(lrpc2_msg_complete(m), 0);
-    const Bytes img = image(m);
-    ASSERT_EQ(img.size(), 10u + 5 + 5000 + 5 + 1);
-    char* s = nullptr;
-    ASSERT_EQ(lrpc2_get_string(m, &s), 0);
-    EXPECT_EQ(take_string(s), big);
-    uint32_t v = 0;
-    ASSERT_EQ(lrpc2_get_uint32(m, &v), 0);
-    EXPECT_EQ(v, 7u);
-}
-
-// ---- State rules ---------------------------------------------------------------------------
 
 // Every operation that builds a message, with harmless arguments.
 const std::vector<std::pair<const char*, std::function<int32_t(lrpc2_msg*)>>>& builders() {
@@ -285,28 +218,6 @@ TEST(Lrpc2MsgState, NullMessageIsInvalidEverywhere) {
     lrpc2_msg_free(nullptr);
 }
 
-TEST(Lrpc2MsgState, CompleteMessageRefusesBuilding) {
-    for (const auto& op : builders()) {
-        Msg m(create());
-        ASSERT_EQ(lrpc2_msg_complete(m), 0);
-        EXPECT_EQ(op.second(m), LRPC2_MSG_NODATA) << op.first;
-        EXPECT_EQ(image(m), ping_image({})) << op.first;
-    }
-}
-
-TEST(Lrpc2MsgState, MessageUnderConstructionRefusesReading) {
-    Msg m(create());
-    ASSERT_EQ(lrpc2_put_uint32(m, 1), 0);
-    for (const auto& op : readers()) {
-        EXPECT_EQ(op.second(m), LRPC2_MSG_INVALID) << op.first;
-    }
-    int32_t status = -1;
-    EXPECT_EQ(lrpc2_msg_bytes(m, nullptr, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_BADSTATE);
-    ASSERT_EQ(lrpc2_msg_complete(m), 0);
-    EXPECT_EQ(image(m), ping_image({3, 1, 0, 0, 0}));
-}
-
 TEST(Lrpc2MsgState, FailingOperationsFailTheMessage) {
     struct Case {
         const char* name;
@@ -349,24 +260,6 @@ TEST(Lrpc2MsgState, FailingOperationsFailTheMessage) {
     }
 }
 
-TEST(Lrpc2MsgState, NullWholeSetIsRefusedButTheMessageStaysUsable) {
-    Msg m(create());
-    EXPECT_EQ(lrpc2_put_string_set(m, nullptr), LRPC2_MSG_NOSET);
-    EXPECT_EQ(lrpc2_put_kv_set(m, nullptr), LRPC2_MSG_NOSET);
-    EXPECT_EQ(lrpc2_put_bool(m, 0), 0);
-    ASSERT_EQ(lrpc2_msg_complete(m), 0);
-    EXPECT_EQ(image(m), ping_image({1, 0}));
-}
-
-TEST(Lrpc2MsgState, NullWholeSetDoesNotCloseTheOpenSet) {
-    Msg m(create());
-    ASSERT_EQ(lrpc2_begin_string_set(m), 0);
-    EXPECT_EQ(lrpc2_put_string_set(m, nullptr), LRPC2_MSG_NOSET);
-    EXPECT_EQ(lrpc2_add_string(m, "x"), 0);
-    ASSERT_EQ(lrpc2_msg_complete(m), 0);
-    EXPECT_EQ(image(m), ping_image({7, 1, 0, 0, 0, 1, 0, 0, 0, 'x'}));
-}
-
 TEST(Lrpc2MsgState, CreateRefusesUnknownIdsAndNullTable) {
     for (uint32_t id : {3u, 32u, 121u, 0x10000u + 10u}) {
         int32_t status = -1;
@@ -383,29 +276,6 @@ TEST(Lrpc2MsgState, CreateRefusesUnknownIdsAndNullTable) {
     ASSERT_EQ(lrpc2_msg_complete(m), 0);
     EXPECT_EQ(image(m), (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0}));
 }
-
-TEST(Lrpc2MsgState, OtherHeaderLengths) {
-    Msg m(lrpc2_msg_create(kPing, 0, table(), 0, nullptr));
-    ASSERT_NE(m.m, nullptr);
-    ASSERT_EQ(lrpc2_put_bool(m, 1), 0);
-    ASSERT_EQ(lrpc2_msg_complete(m), 0);
-    EXPECT_EQ(image(m), (Bytes{10, 0, 1, 1, 0}));
-    int32_t v = 0;
-    EXPECT_EQ(lrpc2_get_bool(m, &v), 0);
-    EXPECT_EQ(v, 1);
-
-    Bytes bytes = {0xAA, 0xBB, 0xCC, 10, 0, 0};
-    int32_t status = -1;
-    Msg p(lrpc2_msg_parse(bytes.data(), 6, 1, table(), 3, &status));
-    ASSERT_EQ(status, 0);
-    uint32_t id = 0;
-    EXPECT_EQ(lrpc2_msg_id(p, &id), 0);
-    EXPECT_EQ(id, 10u);
-    EXPECT_EQ(lrpc2_msg_parse(bytes.data(), 6, 1, table(), 7, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_INVALID);
-}
-
-// ---- Reading ---------------------------------------------------------------------------------
 
 TEST(Lrpc2MsgGet, RefusedGetLeavesThePosition) {
     Msg m(create());
@@ -429,66 +299,6 @@ TEST(Lrpc2MsgGet, RefusedGetLeavesThePosition) {
     EXPECT_EQ(tag, 0u);
 }
 
-TEST(Lrpc2MsgGet, ReceivedValuesAsTheyCame) {
-    // bool 7, a string with a NUL inside, an empty blob, a null blob, a string set holding a null
-    // string, a kv set holding a pair of two nulls.
-    const Bytes fields = {1,    7,    4,    3,    0,    0,    0, 'a', 0, 'b', 6, 0,    0,    0,
-                          0,    6,    0xFF, 0xFF, 0xFF, 0xFF, 7, 2,   0, 0,   0, 0xFF, 0xFF, 0xFF,
-                          0xFF, 1,    0,    0,    0,    'z',  8, 2,   0, 0,   0, 0xFF, 0xFF, 0xFF,
-                          0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 1,    0, 0,   0, 'k', 0, 0,    0,    0};
-    int32_t status = -1;
-    Msg m(parse(ping_image(fields), &status));
-    ASSERT_EQ(status, 0);
-
-    int32_t b = 0;
-    ASSERT_EQ(lrpc2_get_bool(m, &b), 0);
-    EXPECT_EQ(b, 7);
-    char* s = nullptr;
-    ASSERT_EQ(lrpc2_get_string(m, &s), 0);
-    EXPECT_EQ(memcmp(s, "a\0b\0", 4), 0);
-    lrpc2_free_string(s, 0);
-    uint8_t* blob = nullptr;
-    uint32_t n = 99;
-    ASSERT_EQ(lrpc2_get_blob(m, &blob, &n), 0);
-    EXPECT_NE(blob, nullptr);  // empty, yet distinct from the null blob
-    EXPECT_EQ(n, 0u);
-    lrpc2_free_block(blob, n, 1);
-    ASSERT_EQ(lrpc2_get_blob(m, &blob, &n), 0);
-    EXPECT_EQ(blob, nullptr);
-    EXPECT_EQ(n, 0u);
-    // Null members are handed out as empty texts so the arrays keep all their members.
-    char** texts = nullptr;
-    ASSERT_EQ(lrpc2_get_string_set(m, &texts), 0);
-    ASSERT_NE(texts[0], nullptr);
-    EXPECT_STREQ(texts[0], "");
-    EXPECT_STREQ(texts[1], "z");
-    EXPECT_EQ(texts[2], nullptr);
-    lrpc2_free_string_set(texts, 0);
-    lrpc2_kv* pairs = nullptr;
-    ASSERT_EQ(lrpc2_get_kv_set(m, &pairs), 0);
-    EXPECT_STREQ(pairs[0].key, "");
-    EXPECT_EQ(pairs[0].value, nullptr);
-    EXPECT_STREQ(pairs[1].key, "k");
-    EXPECT_STREQ(pairs[1].value, "");
-    EXPECT_EQ(pairs[2].key, nullptr);
-    EXPECT_EQ(pairs[2].value, nullptr);
-    lrpc2_free_kv_set(pairs, 1);
-    EXPECT_EQ(lrpc2_get_bool(m, &b), LRPC2_MSG_NODATA);
-}
-
-TEST(Lrpc2MsgGet, IdIgnoresTheReadPosition) {
-    int32_t status = -1;
-    Msg m(parse({0, 0, 0, 0, 0, 0, 0, 0, 0x39, 0x30, 3, 1, 0, 0, 0, 0}, &status));
-    ASSERT_EQ(status, 0);
-    uint32_t id = 0;
-    uint32_t v = 0;
-    ASSERT_EQ(lrpc2_get_uint32(m, &v), 0);
-    EXPECT_EQ(lrpc2_msg_id(m, &id), 0);
-    EXPECT_EQ(id, 12345u);  // parsing accepts ids that the table does not hold
-}
-
-// ---- Parsing and validation ------------------------------------------------------------------
-
 TEST(Lrpc2MsgValidate, Bodies) {
     struct Case {
         const char* name;
@@ -497,24 +307,17 @@ TEST(Lrpc2MsgValidate, Bodies) {
     };
     const Case cases[] = {
         {"empty", {}, 0},
-        {"one byte", {10}, 0},
         {"id only", {10, 0}, 0},
         {"id and end tag", {10, 0, 0}, 1},
         {"byte after the end tag", {10, 0, 0, 0}, 0},
         {"tag 9", {10, 0, 9, 0}, 0},
-        {"tag 255", {10, 0, 0xFF, 0}, 0},
         {"bool without its byte", {10, 0, 1}, 0},
         {"bool and end", {10, 0, 1, 5, 0}, 1},
         {"uint32 cut short", {10, 0, 3, 1, 2, 3}, 0},
-        {"int32 and end", {10, 0, 2, 1, 2, 3, 4, 0}, 1},
-        {"length cut short", {10, 0, 4, 1, 0, 0}, 0},
         {"string running past the data", {10, 0, 4, 5, 0, 0, 0, 'a', 'b', 0}, 0},
         {"string filling up to the end tag", {10, 0, 4, 2, 0, 0, 0, 'a', 'b', 0}, 1},
         {"string eating the end tag", {10, 0, 4, 3, 0, 0, 0, 'a', 'b', 0}, 0},
-        {"null string", {10, 0, 4, 0xFF, 0xFF, 0xFF, 0xFF, 0}, 1},
         {"length just below null", {10, 0, 4, 0xFE, 0xFF, 0xFF, 0xFF, 0}, 0},
-        {"alt string", {10, 0, 5, 1, 0, 0, 0, 'a', 0}, 1},
-        {"null blob", {10, 0, 6, 0xFF, 0xFF, 0xFF, 0xFF, 0}, 1},
         {"blob past the data", {10, 0, 6, 2, 0, 0, 0, 1, 0}, 0},
         {"set with huge count", {10, 0, 7, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0}, 0},
         {"set count beyond its members", {10, 0, 7, 2, 0, 0, 0, 0, 0, 0, 0, 0}, 0},
@@ -523,8 +326,6 @@ TEST(Lrpc2MsgValidate, Bodies) {
          1},
         {"kv count doubling past 32 bits", {10, 0, 8, 0, 0, 0, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 0},
         {"kv pair missing its value", {10, 0, 8, 1, 0, 0, 0, 0, 0, 0, 0, 0}, 0},
-        {"kv pair of empties", {10, 0, 8, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 1},
-        {"no end tag after fields", {10, 0, 1, 1}, 0},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(lrpc2_msg_validate(c.body.data(), static_cast<uint32_t>(c.body.size())), c.valid)
@@ -547,545 +348,86 @@ TEST(Lrpc2MsgValidate, Bodies) {
     EXPECT_EQ(lrpc2_msg_validate(nullptr, 3), 0);
 }
 
-TEST(Lrpc2MsgValidate, HostileCountsAllocateNothing) {
-    // A set count of 0x3FFFFFFF (and a kv count whose double passes 32 bits) with a few bytes.
-    for (const Bytes& fields : {Bytes{7, 0xFF, 0xFF, 0xFF, 0x3F, 0, 0, 0, 0},
-                                Bytes{8, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}) {
-        Bytes img = ping_image(fields);
-        int32_t status = -1;
-        alloc_hooks::start();
-        lrpc2_msg* m = lrpc2_msg_parse(img.data(), static_cast<uint32_t>(img.size()), 1, table(),
-                                       LRPC2_HEADER_LEN, &status);
-        alloc_hooks::stop();
-        EXPECT_EQ(m, nullptr);
-        EXPECT_EQ(status, LRPC2_MSG_INVALID);
-        EXPECT_EQ(alloc_hooks::state().calls, 0u);
+}  // namespace
+
+namespace {
+
+struct Buf {
+    lrpc2_bytebuf b;
+    explicit Buf(uint32_t capacity = 0) { bytebuf_init(&b, capacity); }
+    ~Buf() { bytebuf_release(&b, 0); }
+    std::string text() const {
+        return std::string(reinterpret_cast<const char*>(bytebuf_data(&b)), bytebuf_length(&b));
     }
-}
-
-TEST(Lrpc2MsgParse, RefusesNullEmptyAndShortInput) {
-    int32_t status = -1;
-    uint8_t one = 0;
-    EXPECT_EQ(lrpc2_msg_parse(nullptr, 11, 1, table(), LRPC2_HEADER_LEN, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_INVALID);
-    status = -1;
-    EXPECT_EQ(lrpc2_msg_parse(&one, 0, 1, table(), LRPC2_HEADER_LEN, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_INVALID);
-    status = -1;
-    EXPECT_EQ(lrpc2_msg_parse(&one, 1, 1, table(), LRPC2_HEADER_LEN, &status), nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_INVALID);
-    EXPECT_EQ(lrpc2_msg_parse(&one, 1, 1, table(), LRPC2_HEADER_LEN, nullptr), nullptr);
-}
-
-TEST(Lrpc2MsgParse, CopyKeepsTheCallersBytes) {
-    Bytes img = {0x12, 0x80, 0xCD, 0xAB, 11, 0, 0, 0, 20, 0, 0};
-    int32_t status = -1;
-    Msg m(parse(img, &status));
-    ASSERT_EQ(status, 0);
-    uint32_t length = 0;
-    const uint8_t* data = lrpc2_msg_bytes(m, &length, &status);
-    EXPECT_NE(data, img.data());
-    EXPECT_EQ(Bytes(data, data + length), img);
-    uint32_t tag = 9;
-    EXPECT_EQ(lrpc2_msg_next_type(m, &tag), 0);
-    EXPECT_EQ(tag, 0u);
-}
-
-// ---- Round trips -----------------------------------------------------------------------------
-
-// One field as put, and what reading it back must give.
-struct Field {
-    int tag = 0;
-    uint32_t num = 0;
-    Text text;
-    std::vector<std::string> texts;
-    std::vector<std::pair<Text, Text>> pairs;
-    bool by_element = false;
+    size_t spare() const { return static_cast<size_t>(b.end - b.pos); }
 };
 
-class Random {
-  public:
-    explicit Random(uint32_t seed) : gen_(seed) {}
-    uint32_t below(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(gen_); }
-    uint32_t any() { return gen_(); }
-    std::string bytes() {
-        std::string s(below(4) == 0 ? below(700) : below(12), '\0');
-        for (char& c : s) {
-            c = static_cast<char>(1 + below(255));  // texts end at their first zero byte
-        }
-        return s;
-    }
-    Text text() { return below(5) == 0 ? std::nullopt : Text(bytes()); }
-
-  private:
-    std::mt19937 gen_;
-};
-
-Field random_field(Random& rnd) {
-    Field f;
-    f.tag = 1 + static_cast<int>(rnd.below(8));
-    f.num = rnd.any();
-    f.by_element = rnd.below(2) == 0;
-    if (f.tag == LRPC2_T_BOOL) {
-        f.num = rnd.below(3) == 0 ? 0 : f.num | 1;
-    }
-    if (f.tag >= LRPC2_T_STRING && f.tag <= LRPC2_T_BLOB) {
-        f.text = rnd.text();
-    }
-    const uint32_t count = rnd.below(5);
-    for (uint32_t i = 0; f.tag == LRPC2_T_STRINGSET && i < count; ++i) {
-        f.texts.push_back(rnd.bytes());
-    }
-    for (uint32_t i = 0; f.tag == LRPC2_T_KVSET && i < count; ++i) {
-        const Text key = rnd.text();
-        const Text value = key ? rnd.text() : Text(rnd.bytes());  // never both null
-        f.pairs.emplace_back(key, value);
-    }
-    return f;
-}
-
-const char* c_str(const Text& t) {
-    return t ? t->c_str() : nullptr;
-}
-
-void put_field(lrpc2_msg* m, const Field& f) {
-    switch (f.tag) {
-        case LRPC2_T_BOOL:
-            ASSERT_EQ(lrpc2_put_bool(m, static_cast<int32_t>(f.num)), 0);
-            break;
-        case LRPC2_T_INT32:
-            ASSERT_EQ(lrpc2_put_int32(m, static_cast<int32_t>(f.num)), 0);
-            break;
-        case LRPC2_T_UINT32:
-            ASSERT_EQ(lrpc2_put_uint32(m, f.num), 0);
-            break;
-        case LRPC2_T_STRING:
-            ASSERT_EQ(lrpc2_put_string(m, c_str(f.text)), 0);
-            break;
-        case LRPC2_T_STRING_ALT:
-            ASSERT_EQ(lrpc2_put_string_alt(m, c_str(f.text)), 0);
-            break;
-        case LRPC2_T_BLOB:
-            ASSERT_EQ(lrpc2_put_blob(m, c_str(f.text),
-                                     f.text ? static_cast<uint32_t>(f.text->size()) : f.num),
-                      0);
-            break;
-        case LRPC2_T_STRINGSET:
-            if (f.by_element) {
-                ASSERT_EQ(lrpc2_begin_string_set(m), 0);
-                for (const std::string& s : f.texts) {
-                    ASSERT_EQ(lrpc2_add_string(m, s.c_str()), 0);
-                }
-            } else {
-                std::vector<const char*> list;
-                for (const std::string& s : f.texts) {
-                    list.push_back(s.c_str());
-                }
-                list.push_back(nullptr);
-                ASSERT_EQ(lrpc2_put_string_set(m, list.data()), 0);
-            }
-            break;
-        case LRPC2_T_KVSET:
-            if (f.by_element) {
-                ASSERT_EQ(lrpc2_begin_kv_set(m), 0);
-                for (const auto& p : f.pairs) {
-                    ASSERT_EQ(lrpc2_add_kv(m, c_str(p.first), c_str(p.second)), 0);
-                }
-            } else {
-                std::vector<lrpc2_kv_in> list;
-                for (const auto& p : f.pairs) {
-                    list.push_back({c_str(p.first), c_str(p.second)});
-                }
-                list.push_back({nullptr, nullptr});
-                ASSERT_EQ(lrpc2_put_kv_set(m, list.data()), 0);
-            }
-            break;
+TEST(Lrpc2Bytebuf, OverwriteStaysInsideTheWrittenBytes) {
+    struct Case {
+        uint32_t offset;
+        uint32_t n;
+        bool ok;
+        const char* after;
+    };
+    const Case cases[] = {
+        {0, 4, true, "WXYZefgh"},
+        {4, 4, true, "abcdWXYZ"},
+        {5, 4, false, "abcdefgh"},
+        {8, 0, true, "abcdefgh"},
+        {9, 0, false, "abcdefgh"},
+        {0xFFFFFFFFu, 4, false, "abcdefgh"},
+        {4, 0xFFFFFFFDu, false, "abcdefgh"},
+    };
+    for (const Case& c : cases) {
+        Buf buf;
+        ASSERT_NE(bytebuf_append_str(&buf.b, "abcdefgh"), nullptr);
+        const uint8_t* pos = buf.b.pos;
+        lrpc2_bytebuf* r = bytebuf_overwrite(&buf.b, c.offset, c.n, "WXYZ");
+        EXPECT_EQ(r != nullptr, c.ok) << c.offset << "+" << c.n;
+        EXPECT_EQ(buf.text(), c.after) << c.offset << "+" << c.n;
+        EXPECT_EQ(buf.b.pos, pos);
     }
 }
 
-void check_field(lrpc2_msg* m, const Field& f) {
-    uint32_t tag = 0;
-    ASSERT_EQ(lrpc2_msg_next_type(m, &tag), 0);
-    ASSERT_EQ(tag, static_cast<uint32_t>(f.tag));
-    int32_t i = 0;
-    uint32_t u = 0;
-    char* s = nullptr;
-    switch (f.tag) {
-        case LRPC2_T_BOOL:
-            ASSERT_EQ(lrpc2_get_bool(m, &i), 0);
-            EXPECT_EQ(i, f.num != 0 ? 1 : 0);
-            break;
-        case LRPC2_T_INT32:
-            ASSERT_EQ(lrpc2_get_int32(m, &i), 0);
-            EXPECT_EQ(i, static_cast<int32_t>(f.num));
-            break;
-        case LRPC2_T_UINT32:
-            ASSERT_EQ(lrpc2_get_uint32(m, &u), 0);
-            EXPECT_EQ(u, f.num);
-            break;
-        case LRPC2_T_STRING:
-            ASSERT_EQ(lrpc2_get_string(m, &s), 0);
-            EXPECT_EQ(take_string(s), f.text);
-            break;
-        case LRPC2_T_STRING_ALT:
-            ASSERT_EQ(lrpc2_get_string_alt(m, &s), 0);
-            EXPECT_EQ(take_string(s), f.text);
-            break;
-        case LRPC2_T_BLOB: {
-            uint8_t* data = nullptr;
-            ASSERT_EQ(lrpc2_get_blob(m, &data, &u), 0);
-            const Text got = data != nullptr ? Text(std::string(reinterpret_cast<char*>(data), u))
-                                             : std::nullopt;
-            lrpc2_free_block(data, u, 0);
-            EXPECT_EQ(got, f.text);
-            break;
-        }
-        case LRPC2_T_STRINGSET: {
-            char** texts = nullptr;
-            ASSERT_EQ(lrpc2_get_string_set(m, &texts), 0);
-            std::vector<std::string> got;
-            for (char** p = texts; *p != nullptr; ++p) {
-                got.emplace_back(*p);
-            }
-            lrpc2_free_string_set(texts, 0);
-            EXPECT_EQ(got, f.texts);
-            break;
-        }
-        case LRPC2_T_KVSET: {
-            lrpc2_kv* pairs = nullptr;
-            ASSERT_EQ(lrpc2_get_kv_set(m, &pairs), 0);
-            std::vector<std::pair<Text, Text>> got;
-            for (lrpc2_kv* p = pairs; p->key != nullptr || p->value != nullptr; ++p) {
-                got.emplace_back(p->key ? Text(p->key) : std::nullopt,
-                                 p->value ? Text(p->value) : std::nullopt);
-            }
-            lrpc2_free_kv_set(pairs, 0);
-            EXPECT_EQ(got, f.pairs);
-            break;
-        }
-    }
-}
-
-void check_all(lrpc2_msg* m, const std::vector<Field>& fields) {
-    for (const Field& f : fields) {
-        ASSERT_NO_FATAL_FAILURE(check_field(m, f));
-    }
-    uint32_t tag = 99;
-    ASSERT_EQ(lrpc2_msg_next_type(m, &tag), 0);
-    EXPECT_EQ(tag, 0u);
-    int32_t b = 0;
-    EXPECT_EQ(lrpc2_get_bool(m, &b), LRPC2_MSG_NODATA);
-}
-
-TEST(Lrpc2MsgRoundTrip, RandomFieldSequences) {
-    const lrpc2_msg_table* t = table();
-    for (uint32_t seed = 1; seed <= 300; ++seed) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        Random rnd(seed);
-        std::vector<Field> fields(rnd.below(12));
-        for (Field& f : fields) {
-            f = random_field(rnd);
-        }
-        const uint32_t id = t->entries[rnd.below(t->count)].id;
-        Msg built(create(id));
-        for (const Field& f : fields) {
-            ASSERT_NO_FATAL_FAILURE(put_field(built, f));
-        }
-        ASSERT_EQ(lrpc2_msg_complete(built), 0);
-        Bytes img = image(built);
-        ASSERT_EQ(lrpc2_msg_validate(img.data() + 8, static_cast<uint32_t>(img.size() - 8)), 1);
-        ASSERT_NO_FATAL_FAILURE(check_all(built, fields));
-
-        int32_t status = -1;
-        Msg copied(parse(img, &status));
-        ASSERT_EQ(status, 0);
-        ASSERT_NO_FATAL_FAILURE(check_all(copied, fields));
-
-        uint8_t* block = malloc_copy(img);
-        Msg adopted(lrpc2_msg_parse(block, static_cast<uint32_t>(img.size()), 0, t,
-                                    LRPC2_HEADER_LEN, &status));
-        ASSERT_EQ(status, 0);
-        uint32_t length = 0;
-        EXPECT_EQ(lrpc2_msg_bytes(adopted, &length, &status), block);
-        uint32_t got_id = 0;
-        ASSERT_EQ(lrpc2_msg_id(adopted, &got_id), 0);
-        EXPECT_EQ(got_id, id);
-        ASSERT_NO_FATAL_FAILURE(check_all(adopted, fields));
-    }
-}
-
-// ---- Memory: refused allocations and wiping ----------------------------------------------------
-
-// The next field is still the one with this tag.
-void expect_next(lrpc2_msg* m, int tag) {
-    uint32_t next = 0;
-    EXPECT_EQ(lrpc2_msg_next_type(m, &next), 0);
-    EXPECT_EQ(next, static_cast<uint32_t>(tag));
-}
-
-// Runs op with the k-th allocation refused, for k = 1, 2, ... until op gets through all its
-// allocations; check sees each outcome. Nothing allocated during op may outlive it.
-void for_each_refused_allocation(const std::function<void()>& op,
-                                 const std::function<void(unsigned)>& check) {
-    for (unsigned k = 1;; ++k) {
-        alloc_hooks::start(k);
-        op();
-        alloc_hooks::stop();
-        if (!alloc_hooks::state().failed) {
-            ASSERT_GT(k, 1u) << "op allocates nothing";
-            return;
-        }
-        EXPECT_EQ(alloc_hooks::state().live, 0) << "leaked with allocation " << k << " refused";
-        check(k);
-    }
-}
-
-TEST(Lrpc2MsgMemory, CreateAndParseReportNoMemory) {
-    lrpc2_msg* m = nullptr;
-    int32_t status = -1;
-    for_each_refused_allocation(
-        [&] { m = lrpc2_msg_create(kStop, 0, table(), LRPC2_HEADER_LEN, &status); },
-        [&](unsigned k) {
-            EXPECT_EQ(m, nullptr) << k;
-            EXPECT_EQ(status, LRPC2_MSG_NOMEM) << k;
-        });
-    lrpc2_msg_free(m);
-
-    Bytes img = ping_image({4, 1, 0, 0, 0, 'x'});
-    for_each_refused_allocation([&] { m = parse(img, &status); },
-                                [&](unsigned k) {
-                                    EXPECT_EQ(m, nullptr) << k;
-                                    EXPECT_EQ(status, LRPC2_MSG_NOMEM) << k;
-                                });
-    lrpc2_msg_free(m);
-
-    uint8_t* block = malloc_copy(img);
-    alloc_hooks::start(1);
-    m = lrpc2_msg_parse(block, static_cast<uint32_t>(img.size()), 0, table(), LRPC2_HEADER_LEN,
-                        &status);
-    alloc_hooks::stop();
-    EXPECT_EQ(m, nullptr);
-    EXPECT_EQ(status, LRPC2_MSG_NOMEM);
-    free(block);  // not adopted
-}
-
-TEST(Lrpc2MsgMemory, RefusedGrowthFailsTheMessage) {
-    const std::string big(1000, 'g');
-    Msg m(create());
-    ASSERT_EQ(lrpc2_put_bool(m, 1), 0);
-    alloc_hooks::start(1);
-    EXPECT_EQ(lrpc2_put_string(m, big.c_str()), LRPC2_MSG_NOMEM);
-    alloc_hooks::stop();
-    EXPECT_TRUE(alloc_hooks::state().failed);
-    EXPECT_EQ(lrpc2_msg_complete(m), LRPC2_MSG_INVALID);
-    EXPECT_EQ(lrpc2_put_bool(m, 1), LRPC2_MSG_INVALID);
-}
-
-TEST(Lrpc2MsgMemory, RefusedEndTagFailsTheMessage) {
-    // 10 header and id bytes and a 501-byte blob field leave exactly one spare byte of 512,
-    // so the end tag needs the buffer to grow.
-    const std::string fill(496, 'f');
-    Msg m(create());
-    ASSERT_EQ(lrpc2_put_blob(m, fill.data(), 496), 0);
-    alloc_hooks::start(1);
-    EXPECT_EQ(lrpc2_msg_complete(m), LRPC2_MSG_NOMEM);
-    alloc_hooks::stop();
-    EXPECT_TRUE(alloc_hooks::state().failed);
-    EXPECT_EQ(lrpc2_msg_complete(m), LRPC2_MSG_INVALID);
-}
-
-TEST(Lrpc2MsgMemory, RefusedShrinkStillCompletes) {
-    Msg m(create());
-    ASSERT_EQ(lrpc2_put_uint32(m, 9), 0);
-    alloc_hooks::start(1);
-    EXPECT_EQ(lrpc2_msg_complete(m), 0);
-    alloc_hooks::stop();
-    EXPECT_TRUE(alloc_hooks::state().failed);
-    EXPECT_EQ(image(m), ping_image({3, 9, 0, 0, 0}));
-}
-
-TEST(Lrpc2MsgMemory, FailedGetsLeakNothingAndCanBeRetried) {
-    static const char* const kSet[] = {"one", "two", "three", nullptr};
-    static const lrpc2_kv_in kPairs[] = {
-        {"k1", "v1"}, {"k2", nullptr}, {nullptr, "v3"}, {nullptr, nullptr}};
-    Msg m(create(kStop));
-    ASSERT_EQ(lrpc2_put_string(m, "text"), 0);
-    ASSERT_EQ(lrpc2_put_blob(m, "blob", 4), 0);
-    ASSERT_EQ(lrpc2_put_string_set(m, kSet), 0);
-    ASSERT_EQ(lrpc2_put_kv_set(m, kPairs), 0);
-    ASSERT_EQ(lrpc2_msg_complete(m), 0);
-
-    int32_t rc = -1;
-    char* s = nullptr;
-    for_each_refused_allocation([&] { rc = lrpc2_get_string(m, &s); },
-                                [&](unsigned k) {
-                                    EXPECT_EQ(rc, LRPC2_MSG_NOMEM) << k;
-                                    expect_next(m, LRPC2_T_STRING);
-                                });
-    ASSERT_EQ(rc, 0);
-    EXPECT_EQ(take_string(s), "text");
-
-    uint8_t* blob = nullptr;
-    uint32_t n = 0;
-    for_each_refused_allocation([&] { rc = lrpc2_get_blob(m, &blob, &n); },
-                                [&](unsigned k) {
-                                    EXPECT_EQ(rc, LRPC2_MSG_NOMEM) << k;
-                                    expect_next(m, LRPC2_T_BLOB);
-                                });
-    ASSERT_EQ(rc, 0);
-    ASSERT_EQ(n, 4u);
-    EXPECT_EQ(memcmp(blob, "blob", 4), 0);
-    lrpc2_free_block(blob, n, 1);
-
-    char** texts = nullptr;
-    for_each_refused_allocation([&] { rc = lrpc2_get_string_set(m, &texts); },
-                                [&](unsigned k) {
-                                    EXPECT_EQ(rc, LRPC2_MSG_NOMEM) << k;
-                                    expect_next(m, LRPC2_T_STRINGSET);
-                                });
-    ASSERT_EQ(rc, 0);
-    EXPECT_STREQ(texts[2], "three");
-    lrpc2_free_string_set(texts, 1);
-
-    lrpc2_kv* pairs = nullptr;
-    for_each_refused_allocation([&] { rc = lrpc2_get_kv_set(m, &pairs); },
-                                [&](unsigned k) {
-                                    EXPECT_EQ(rc, LRPC2_MSG_NOMEM) << k;
-                                    expect_next(m, LRPC2_T_KVSET);
-                                });
-    ASSERT_EQ(rc, 0);
-    EXPECT_STREQ(pairs[1].key, "k2");
-    EXPECT_EQ(pairs[2].key, nullptr);
-    EXPECT_STREQ(pairs[2].value, "v3");
-    lrpc2_free_kv_set(pairs, 1);
-}
-
-// A text that no earlier test left in freed memory.
-std::string fresh_secret() {
-    static unsigned n = 0;
-    return "secret-" + std::to_string(++n) + "-kVq7Zr";
-}
-
-// How many blocks freed during op still held the text.
-unsigned freed_holding(const std::string& text, const std::function<void()>& op) {
-    alloc_hooks::watch_pattern(text.data(), text.size());
-    op();
-    const unsigned n = alloc_hooks::state().pattern_frees;
-    alloc_hooks::clear_pattern();
-    return n;
-}
-
-TEST(Lrpc2MsgMemory, SecureMessagesAreWipedBeforeFree) {
-    for (uint32_t id : {kPing, kStop}) {
-        const unsigned expect = id == kStop ? 0 : 1;
-        SCOPED_TRACE(id);
-        // Under construction.
-        std::string secret = fresh_secret();
-        lrpc2_msg* m = create(id);
-        ASSERT_EQ(lrpc2_put_string(m, secret.c_str()), 0);
-        EXPECT_EQ(freed_holding(secret, [&] { lrpc2_msg_free(m); }), expect);
-        // Failed.
-        secret = fresh_secret();
-        m = create(id);
-        ASSERT_EQ(lrpc2_put_string(m, secret.c_str()), 0);
-        ASSERT_EQ(lrpc2_add_string(m, "x"), LRPC2_MSG_NOSET);
-        EXPECT_EQ(freed_holding(secret, [&] { lrpc2_msg_free(m); }), expect);
-        // Complete; the record held the image's address.
-        secret = fresh_secret();
-        m = create(id);
-        ASSERT_EQ(lrpc2_put_string(m, secret.c_str()), 0);
-        ASSERT_EQ(lrpc2_msg_complete(m), 0);
-        EXPECT_EQ(freed_holding(secret, [&] { lrpc2_msg_free(m); }), expect);
-        // Parsed and adopted; the record is wiped too.
-        secret = fresh_secret();
-        Bytes fields = {4, static_cast<uint8_t>(secret.size()), 0, 0, 0};
-        fields.insert(fields.end(), secret.begin(), secret.end());
-        Bytes img = ping_image(fields);
-        img[8] = static_cast<uint8_t>(id);
-        uint8_t* block = malloc_copy(img);
-        m = lrpc2_msg_parse(block, static_cast<uint32_t>(img.size()), 0, table(), LRPC2_HEADER_LEN,
-                            nullptr);
-        ASSERT_NE(m, nullptr);
-        EXPECT_EQ(freed_holding(secret, [&] { lrpc2_msg_free(m); }), expect);
-        m = lrpc2_msg_parse(img.data(), static_cast<uint32_t>(img.size()), 1, table(),
-                            LRPC2_HEADER_LEN, nullptr);
-        ASSERT_NE(m, nullptr);
-        block = lrpc2_msg_bytes(m, nullptr, nullptr);
-        const std::string data_address(reinterpret_cast<const char*>(&block), sizeof block);
-        EXPECT_EQ(freed_holding(data_address, [&] { lrpc2_msg_free(m); }), expect);
-    }
-}
-
-// A message that outgrows its first 512 bytes moves to larger blocks; a secure one leaves no
-// copy of its bytes in a block given up on the way.
-TEST(Lrpc2MsgMemory, GrowingSecureMessageLeavesNoCopyBehind) {
-    const std::string filler(100, 'f');
-    for (uint32_t id : {kPing, kStop}) {
-        SCOPED_TRACE(id);
-        const std::string secret = fresh_secret();
+TEST(Lrpc2Bytebuf, ReleaseWipesTheWrittenBytesWhenAsked) {
+    for (int wipe : {0, 1}) {
+        const std::string secret = "bytebuf-secret-" + std::to_string(wipe);
+        Buf buf;
+        ASSERT_NE(bytebuf_append_str(&buf.b, secret.c_str()), nullptr);
         alloc_hooks::watch_pattern(secret.data(), secret.size());
-        lrpc2_msg* m = create(id);
-        ASSERT_EQ(lrpc2_put_string(m, secret.c_str()), 0);
-        for (int i = 0; i < 40; ++i) {
-            ASSERT_EQ(lrpc2_put_string(m, filler.c_str()), 0);
-        }
-        ASSERT_EQ(lrpc2_msg_complete(m), 0);
-        const Bytes img = image(m);
-        lrpc2_msg_free(m);
-        const alloc_hooks::State seen = alloc_hooks::state();
+        bytebuf_release(&buf.b, wipe);
+        const unsigned seen = alloc_hooks::state().pattern_frees;
         alloc_hooks::clear_pattern();
-        EXPECT_EQ(img.size(), 8 + 2 + (5 + secret.size()) + 40 * (5 + filler.size()) + 1);
-        if (id == kStop) {
-            EXPECT_EQ(seen.pattern_reallocs, 0u);
-            EXPECT_EQ(seen.pattern_frees, 0u);
-        } else {
-            EXPECT_GT(seen.pattern_reallocs, 0u);
-            EXPECT_EQ(seen.pattern_frees, 1u);
-        }
+        EXPECT_EQ(seen, wipe ? 0u : 1u) << wipe;
     }
 }
 
-TEST(Lrpc2MsgMemory, ReleaseOperationsWipeWhenAsked) {
+// Growing and detaching a buffer of secrets: the same sizes, but the bytes move to new blocks and
+// the old ones are zeroed before they are freed; realloc would free them as they are.
+TEST(Lrpc2Bytebuf, WipingGrowthAndDetachLeaveNoCopyBehind) {
     for (int wipe : {0, 1}) {
         SCOPED_TRACE(wipe);
-        const unsigned expect = wipe ? 0 : 1;
-        std::string secret = fresh_secret();
-        char* s = strdup(secret.c_str());
-        EXPECT_EQ(freed_holding(secret, [&] { lrpc2_free_string(s, wipe); }), expect);
-
-        secret = fresh_secret();
-        uint8_t* block = reinterpret_cast<uint8_t*>(strdup(secret.c_str()));
-        EXPECT_EQ(freed_holding(
-                      secret,
-                      [&] { lrpc2_free_block(block, static_cast<uint32_t>(secret.size()), wipe); }),
-                  expect);
-
-        // Sets as the gets hand them out; with wipe the pointer slots are zeroed as well.
-        static const char* const kSet[] = {"a", "b", nullptr};
-        Msg m(create());
-        secret = fresh_secret();
-        const lrpc2_kv_in pairs_in[] = {{secret.c_str(), secret.c_str()}, {nullptr, nullptr}};
-        ASSERT_EQ(lrpc2_put_string_set(m, kSet), 0);
-        ASSERT_EQ(lrpc2_put_kv_set(m, pairs_in), 0);
-        ASSERT_EQ(lrpc2_msg_complete(m), 0);
-        char** texts = nullptr;
-        ASSERT_EQ(lrpc2_get_string_set(m, &texts), 0);
-        const std::string slot(reinterpret_cast<const char*>(&texts[1]), sizeof texts[1]);
-        EXPECT_EQ(freed_holding(slot, [&] { lrpc2_free_string_set(texts, wipe); }), expect);
-        lrpc2_kv* pairs = nullptr;
-        ASSERT_EQ(lrpc2_get_kv_set(m, &pairs), 0);
-        EXPECT_EQ(freed_holding(secret, [&] { lrpc2_free_kv_set(pairs, wipe); }), 2 * expect);
+        const std::string secret = "bytebuf-grow-secret-" + std::to_string(wipe);
+        Buf buf;
+        ASSERT_NE(bytebuf_append_str(&buf.b, secret.c_str()), nullptr);
+        alloc_hooks::watch_pattern(secret.data(), secret.size());
+        ASSERT_NE(bytebuf_reserve_wipe(&buf.b, 600, wipe), 0);
+        EXPECT_EQ(buf.b.capacity, 1712u);
+        EXPECT_GT(buf.spare(), 600u);
+        EXPECT_EQ(buf.text(), secret);
+        uint8_t* block = bytebuf_detach_wipe(&buf.b, wipe);
+        const alloc_hooks::State seen = alloc_hooks::state();
+        alloc_hooks::clear_pattern();
+        EXPECT_EQ(seen.pattern_reallocs, wipe ? 0u : 2u);
+        EXPECT_EQ(seen.pattern_frees, 0u);
+        ASSERT_NE(block, nullptr);
+        EXPECT_LT(malloc_usable_size(block), 1712u);
+        EXPECT_EQ(memcmp(block, secret.data(), secret.size()), 0);
+        EXPECT_EQ(buf.b.start, nullptr);
+        EXPECT_EQ(buf.b.capacity, 1712u);
+        explicit_bzero(block, secret.size());
+        free(block);
     }
-    const std::string secret = fresh_secret();
-    void* block = strdup(secret.c_str());
-    EXPECT_EQ(freed_holding(secret,
-                            [&] { lrpc2_wipe_free(block, static_cast<uint32_t>(secret.size())); }),
-              0u);
-    lrpc2_wipe_free(nullptr, 5);
-    lrpc2_free_block(nullptr, 5, 1);
-    lrpc2_free_string(nullptr, 1);
-    lrpc2_free_string_set(nullptr, 1);
-    lrpc2_free_kv_set(nullptr, 1);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
@@ -17,18 +16,6 @@ namespace {
 
 const lrpc2_msg_table* table() {
     return lrpc2_default_table();
-}
-
-// The fields of a complete message: the bytes after the 8-byte header and 2-byte id.
-std::vector<uint8_t> fields(Lrpc2Message& msg) {
-    uint32_t length = 0;
-    int32_t status = -1;
-    const uint8_t* data = lrpc2_msg_bytes(msg.handle(), &length, &status);
-    EXPECT_EQ(status, 0);
-    if (data == nullptr || length < LRPC2_HEADER_LEN + 2) {
-        return {};
-    }
-    return std::vector<uint8_t>(data + LRPC2_HEADER_LEN + 2, data + length);
 }
 
 using kvtest::expectThrow;
@@ -50,24 +37,6 @@ TEST(Lrpc2MessageCreate, RefusedMemoryThrowsAndLeavesNothing) {
     EXPECT_TRUE(alloc_hooks::state().failed);
     EXPECT_EQ(alloc_hooks::state().live, 0);
     alloc_hooks::stop();
-}
-
-TEST(Lrpc2MessageCreate, EmptyRequestCompletesToIdAndEndTag) {
-    Lrpc2Message msg(LRPC2_ID_KV_STOP, table());
-    msg.complete();
-    uint32_t length = 0;
-    int32_t status = -1;
-    const uint8_t* data = lrpc2_msg_bytes(msg.handle(), &length, &status);
-    ASSERT_EQ(status, 0);
-    EXPECT_EQ(std::vector<uint8_t>(data, data + length),
-              (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0, 0, 0x14, 0, 0}));
-}
-
-TEST(Lrpc2MessageCreate, CompletingTwiceThrowsWithTheStatus) {
-    Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-    msg.complete();
-    expectThrow<zfw::SystemException>([&] { msg.complete(); }, "Unable to complete reply message",
-                                      LRPC2_MSG_NODATA);
 }
 
 TEST(Lrpc2MessageFields, WrittenFieldsReadBack) {
@@ -93,15 +62,6 @@ TEST(Lrpc2MessageFields, WrittenFieldsReadBack) {
     EXPECT_EQ(msg.readBlob(), "");
     expectThrow<zfw::EndOfFileException>([&] { msg.readBool(); }, "No more data while reading Bool",
                                          0);
-}
-
-TEST(Lrpc2MessageFields, EmptyStringTravelsAsTheNullString) {
-    Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-    msg.writeString("");
-    msg.writeString("ab");
-    msg.complete();
-    EXPECT_EQ(fields(msg),
-              (std::vector<uint8_t>{4, 0xFF, 0xFF, 0xFF, 0xFF, 4, 2, 0, 0, 0, 'a', 'b', 0}));
 }
 
 TEST(Lrpc2MessageFields, ReceivedBoolIsTrueForAnyNonZeroByte) {
@@ -160,131 +120,6 @@ TEST(Lrpc2MessageReaders, RefusedReadsThrowWithCodeZero) {
         Lrpc2Message empty;
         expectThrow<zfw::SystemException>([&] { c.read(empty); }, c.errorText, 0);
     }
-}
-
-struct WriterCase {
-    const char* text;
-    std::function<void(Lrpc2Message&)> write;
-};
-
-const std::vector<WriterCase>& writerCases() {
-    static const std::vector<WriterCase> cases = {
-        {"Unable to write bool to reply message", [](Lrpc2Message& m) { m.writeBool(true); }},
-        {"Unable to write int32 to reply message", [](Lrpc2Message& m) { m.writeInt32(1); }},
-        {"Unable to write uint32 to reply message", [](Lrpc2Message& m) { m.writeUInt32(1); }},
-        {"Unable to write string to reply message", [](Lrpc2Message& m) { m.writeString("s"); }},
-        {"Unable to write blob to reply message", [](Lrpc2Message& m) { m.writeBlob("b", 1); }},
-        {"Unable to begin writing string set to the reply message",
-         [](Lrpc2Message& m) { m.writeStringSet({"s"}); }},
-        {"Unable to begin writing key-value set to the reply message",
-         [](Lrpc2Message& m) {
-             m.writeKeyValueSet({{"k", "v"}});
-         }},
-    };
-    return cases;
-}
-
-// Every writer refuses a completed message, and a message the library failed (adding with
-// no open set fails it), which cannot be completed either.
-TEST(Lrpc2MessageWriters, CompletedOrFailedMessageRefusesWritesWithTheStatus) {
-    for (const WriterCase& c : writerCases()) {
-        SCOPED_TRACE(c.text);
-        Lrpc2Message completed(LRPC2_ID_KV_PING, table());
-        completed.complete();
-        expectThrow<zfw::SystemException>([&] { c.write(completed); }, c.text, LRPC2_MSG_NODATA);
-
-        Lrpc2Message failed(LRPC2_ID_KV_PING, table());
-        ASSERT_EQ(lrpc2_add_string(failed.handle(), "x"), LRPC2_MSG_NOSET);
-        expectThrow<zfw::SystemException>([&] { c.write(failed); }, c.text, LRPC2_MSG_INVALID);
-        expectThrow<zfw::SystemException>([&] { failed.complete(); },
-                                          "Unable to complete reply message", LRPC2_MSG_INVALID);
-    }
-}
-
-TEST(Lrpc2MessageSets, FailedAddThrowsThePerElementText) {
-    // The first element outgrows the message's initial buffer; its growth is refused.
-    const std::string big(2000, 'x');
-    const zfw::StringList texts = {big};
-    const std::vector<std::pair<std::string, std::string>> pairs = {{big, "v"}};
-    {
-        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-        alloc_hooks::start(1);
-        expectThrow<zfw::SystemException>([&] { msg.writeStringSet(texts); },
-                                          "Unable to write string to reply message",
-                                          LRPC2_MSG_NOMEM);
-        alloc_hooks::stop();
-    }
-    {
-        Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-        alloc_hooks::start(1);
-        expectThrow<zfw::SystemException>([&] { msg.writeKeyValueSet(pairs); },
-                                          "Unable to write key-value to reply message",
-                                          LRPC2_MSG_NOMEM);
-        alloc_hooks::stop();
-        // The library failed the message: it can only be released.
-        expectThrow<zfw::SystemException>([&] { msg.complete(); },
-                                          "Unable to complete reply message", LRPC2_MSG_INVALID);
-    }
-}
-
-TEST(Lrpc2MessageSets, EmptyStringSetHasCountZero) {
-    Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-    msg.writeStringSet({});
-    msg.complete();
-    EXPECT_EQ(fields(msg), (std::vector<uint8_t>{7, 0, 0, 0, 0, 0}));
-}
-
-TEST(Lrpc2MessageSets, EmptyElementsAreEmptyTextsNotNull) {
-    Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-    msg.writeStringSet({"x", ""});
-    msg.writeKeyValueSet({{"k", ""}, {"", "v"}});
-    msg.complete();
-    EXPECT_EQ(fields(msg), (std::vector<uint8_t>{7, 2, 0, 0, 0,   1, 0, 0, 0,   'x', 0, 0, 0, 0,  //
-                                                 8, 2, 0, 0, 0,                                   //
-                                                 1, 0, 0, 0, 'k', 0, 0, 0, 0,                     //
-                                                 0, 0, 0, 0, 1,   0, 0, 0, 'v',                   //
-                                                 0}));
-}
-
-TEST(Lrpc2MessageSets, SetStaysOpenUntilTheNextWrite) {
-    Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-    msg.writeStringSet({"a"});
-    // Still open: the library accepts further elements into the same set.
-    ASSERT_EQ(lrpc2_add_string(msg.handle(), "b"), 0);
-    msg.writeKeyValueSet({{"k", "v"}});
-    ASSERT_EQ(lrpc2_add_kv(msg.handle(), "k2", "v2"), 0);
-    msg.writeInt32(5);  // closes the key-value set
-    msg.complete();
-
-    char** texts = nullptr;
-    ASSERT_EQ(lrpc2_get_string_set(msg.handle(), &texts), 0);
-    ASSERT_NE(texts, nullptr);
-    EXPECT_STREQ(texts[0], "a");
-    EXPECT_STREQ(texts[1], "b");
-    EXPECT_EQ(texts[2], nullptr);
-    lrpc2_free_string_set(texts, 0);
-    lrpc2_kv* pairs = nullptr;
-    ASSERT_EQ(lrpc2_get_kv_set(msg.handle(), &pairs), 0);
-    ASSERT_NE(pairs, nullptr);
-    EXPECT_STREQ(pairs[1].key, "k2");
-    EXPECT_STREQ(pairs[1].value, "v2");
-    EXPECT_EQ(pairs[2].key, nullptr);
-    lrpc2_free_kv_set(pairs, 0);
-    EXPECT_EQ(msg.readInt32(), 5);
-}
-
-TEST(Lrpc2MessageOwnership, AdoptReplacesAndReleasesTheHeldMessage) {
-    Lrpc2Message msg(LRPC2_ID_KV_PING, table());
-    uint8_t image[] = {0, 0, 0, 0, 0, 0, 0, 0, 80, 0, LRPC2_T_INT32, 9, 0, 0, 0, 0};
-    int32_t status = -1;
-    lrpc2_msg* parsed = lrpc2_msg_parse(image, sizeof image, 1, table(), LRPC2_HEADER_LEN, &status);
-    ASSERT_EQ(status, 0);
-    msg.adopt(parsed);  // the message under construction is released (the leak checker sees it)
-    EXPECT_EQ(msg.handle(), parsed);
-    msg.adopt(parsed);  // adopting the held message again keeps it
-    EXPECT_EQ(msg.readInt32(), 9);
-    msg.adopt(nullptr);
-    EXPECT_EQ(msg.handle(), nullptr);
 }
 
 }  // namespace

@@ -1,13 +1,9 @@
 // zfw::Mutex, zfw::MaxWaitMutex, zfw::MutexLock and zfw::lazyMutex with real threads.
 #include <pthread.h>
-#include <sched.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
-#include <ctime>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,18 +17,6 @@
 namespace {
 
 using kvtest::eventually;
-
-timespec inMs(long ms) {
-    timespec t;
-    clock_gettime(CLOCK_REALTIME, &t);
-    t.tv_sec += ms / 1000;
-    t.tv_nsec += (ms % 1000) * 1000000L;
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_sec += 1;
-        t.tv_nsec -= 1000000000L;
-    }
-    return t;
-}
 
 // Runs body on another thread and waits for it.
 template <typename F>
@@ -79,93 +63,6 @@ TEST(Mutex, NestingKeepsDepthAndOwner) {
     });
 }
 
-TEST(Mutex, ExpiredWaitReturnsFalseAndRestoresTheHold) {
-    zfw::Mutex m;
-    m.lock();
-    m.lock();
-    timespec past;
-    clock_gettime(CLOCK_REALTIME, &past);
-    past.tv_sec -= 1;
-    EXPECT_FALSE(m.wait(&past));
-    EXPECT_EQ(m.depth(), 2);
-    EXPECT_TRUE(pthread_equal(m.owner(), pthread_self()));
-    m.unlock();
-    // A wait releases the mutex, so another thread may take it meanwhile.
-    std::atomic<bool> tookIt{false};
-    std::thread other([&] {
-        m.lock();
-        tookIt = true;
-        m.unlock();
-    });
-    while (!tookIt) {
-        const timespec soon = inMs(20);
-        m.wait(&soon);
-        EXPECT_EQ(m.depth(), 1);
-    }
-    other.join();
-    m.unlock();
-    EXPECT_EQ(m.depth(), 0);
-}
-
-TEST(Mutex, BroadcastWakesAWaiter) {
-    zfw::Mutex m;
-    bool ready = false;
-    std::thread waiter([&] {
-        zfw::MutexLock lock(m);
-        while (!ready) {
-            EXPECT_TRUE(m.wait());
-            // While it waited the mutex looked free; on return it is held again.
-            EXPECT_EQ(m.depth(), 1);
-        }
-    });
-    {
-        zfw::MutexLock lock(m);
-        ready = true;
-        m.broadcast();
-    }
-    waiter.join();
-}
-
-// A waiter in a timed wait; the result of its wait after signal() was called once.
-bool waitAfterSignal(zfw::Mutex& m) {
-    std::atomic<bool> waiting{false};
-    bool woken = false;
-    std::thread waiter([&] {
-        zfw::MutexLock lock(m);
-        waiting = true;
-        const timespec deadline = inMs(300);
-        woken = m.wait(&deadline);
-    });
-    EXPECT_TRUE(eventually([&] { return waiting.load(); }));
-    {
-        // Taking the mutex proves the waiter is inside its wait.
-        zfw::MutexLock lock(m);
-        m.signal();
-    }
-    waiter.join();
-    return woken;
-}
-
-TEST(Mutex, SignalNeedsAFrameworkThread) {
-    zfw::Mutex m;
-    const int32_t active = zfw::Thread::m_threadsActive;
-    zfw::Thread::m_threadsActive = 0;
-    EXPECT_FALSE(waitAfterSignal(m));
-    zfw::Thread::m_threadsActive = 1;
-    EXPECT_TRUE(waitAfterSignal(m));
-    zfw::Thread::m_threadsActive = active;
-}
-
-TEST(Mutex, DestroyingAHeldMutexRaises) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer reports the destruction of a locked mutex itself";
-#endif
-    auto* m = new zfw::Mutex();
-    m->lock();
-    kvtest::expectThrow<zfw::SystemException>(
-        [m] { delete m; }, std::string("OS call failed: ") + strerror(EBUSY), EBUSY);
-}
-
 TEST(MaxWaitMutex, RefusesContendersBeyondTheLimit) {
     zfw::MaxWaitMutex m(2);
     m.lock();
@@ -197,37 +94,6 @@ TEST(MaxWaitMutex, RefusesContendersBeyondTheLimit) {
     EXPECT_EQ(m.depth(), 0);
 }
 
-TEST(MaxWaitMutex, FailedTrylockLeavesTheCountAsItWas) {
-    zfw::MaxWaitMutex m(1);
-    m.lock();
-    onOtherThread([&] {
-        EXPECT_FALSE(m.trylock());
-        EXPECT_FALSE(m.trylock());
-    });
-    EXPECT_EQ(m.waiting(), 0);
-    m.unlock();
-}
-
-TEST(MaxWaitMutex, LimitZeroNeverRaises) {
-    zfw::MaxWaitMutex m(0);
-    m.lock();
-    std::atomic<int> entered{0};
-    std::vector<std::thread> blocked;
-    for (int i = 0; i < 4; ++i) {
-        blocked.emplace_back([&] {
-            ++entered;
-            m.lock();
-            m.unlock();
-        });
-    }
-    ASSERT_TRUE(eventually([&] { return entered == 4; }));
-    m.unlock();
-    for (std::thread& t : blocked) {
-        t.join();
-    }
-    EXPECT_EQ(m.waiting(), 0);
-}
-
 TEST(MutexLock, HoldsForTheScopeAndReleasesOnce) {
     zfw::Mutex m;
     {
@@ -250,154 +116,6 @@ TEST(MutexLock, HoldsForTheScopeAndReleasesOnce) {
         EXPECT_TRUE(m.trylock());
         m.unlock();
     });
-}
-
-TEST(MutexLock, RelativeWaitUsesWholeSeconds) {
-    zfw::Mutex m;
-    zfw::MutexLock lock(m);
-    // The deadline is the current whole second: already past.
-    EXPECT_FALSE(lock.wait(0, 0));
-    EXPECT_EQ(m.depth(), 1);
-
-    bool ready = false;
-    std::thread waker([&] {
-        zfw::MutexLock other(m);
-        ready = true;
-        m.broadcast();
-    });
-    while (!ready) {
-        lock.wait(5, 0);
-    }
-    waker.join();
-    EXPECT_TRUE(ready);
-}
-
-TEST(MutexLock, PollingFormWaitsForTheHolder) {
-    for (const long ns : {0L, 1000000L}) {
-        zfw::Mutex m;
-        std::atomic<bool> holding{false};
-        std::atomic<bool> release{false};
-        std::thread holder([&] {
-            zfw::MutexLock lock(m);
-            holding = true;
-            eventually([&] { return release.load(); });
-        });
-        ASSERT_TRUE(eventually([&] { return holding.load(); }));
-        std::atomic<bool> got{false};
-        std::thread poller([&] {
-            zfw::MutexLock lock(m, 0, ns);
-            EXPECT_TRUE(lock.held());
-            EXPECT_TRUE(pthread_equal(m.owner(), pthread_self()));
-            got = true;
-        });
-        EXPECT_FALSE(got);
-        release = true;
-        holder.join();
-        poller.join();
-        EXPECT_TRUE(got);
-        EXPECT_EQ(m.depth(), 0);
-    }
-}
-
-TEST(MutexLock, BadPollingIntervalRaisesWithoutTakingTheMutex) {
-    zfw::Mutex m;
-    m.lock();
-    onOtherThread([&] {
-        try {
-            zfw::MutexLock lock(m, 0, -1);
-            ADD_FAILURE() << "no exception";
-        } catch (const zfw::SystemException& e) {
-            EXPECT_EQ(e.rc(), EINVAL);
-        }
-        int state = -1;
-        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
-        EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
-    });
-    m.unlock();
-}
-
-// Holding a zfw::MutexLock through a cancellation request is covered with zfw::Thread in
-// thread_test.cpp; here the request is already pending when the lock is taken.
-struct CancelProbe {
-    zfw::Mutex* mutex = nullptr;
-    std::atomic<bool> ready{false};
-    std::atomic<bool> cancelSent{false};
-    std::atomic<bool> tookTheLock{false};
-};
-
-void* lockWithCancelPending(void* arg) {
-    auto* p = static_cast<CancelProbe*>(arg);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    p->ready = true;
-    while (!p->cancelSent) {
-        sched_yield();
-    }
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    zfw::MutexLock lock(*p->mutex);
-    p->tookTheLock = true;
-    return nullptr;
-}
-
-TEST(MutexLock, PendingCancellationActsBeforeTheMutexIsTaken) {
-    zfw::Mutex m;
-    CancelProbe probe;
-    probe.mutex = &m;
-    pthread_t t;
-    ASSERT_EQ(pthread_create(&t, nullptr, lockWithCancelPending, &probe), 0);
-    ASSERT_TRUE(eventually([&] { return probe.ready.load(); }));
-    ASSERT_EQ(pthread_cancel(t), 0);
-    probe.cancelSent = true;
-    void* result = nullptr;
-    ASSERT_EQ(pthread_join(t, &result), 0);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
-    EXPECT_FALSE(probe.tookTheLock);
-    EXPECT_EQ(m.depth(), 0);
-    EXPECT_TRUE(m.trylock());
-    m.unlock();
-}
-
-TEST(MutexLock, WithoutTheThreadLibraryNothingIsTaken) {
-    zfw::Mutex m;
-    zfw::MaxWaitMutex limited(1);
-    {
-        WithoutThreadLibrary noThreads;
-        zfw::MutexLock lock(m);
-        EXPECT_FALSE(lock.held());
-        zfw::MutexLock polling(m, 0, 0);
-        EXPECT_FALSE(polling.held());
-        EXPECT_TRUE(limited.trylock());
-        limited.lock();
-        m.broadcast();
-        EXPECT_EQ(m.depth(), 0);
-        EXPECT_EQ(limited.depth(), 0);
-    }
-    EXPECT_TRUE(m.trylock());
-    m.unlock();
-}
-
-TEST(LazyMutex, ConcurrentFirstUseYieldsOneMutex) {
-    for (int round = 0; round < 50; ++round) {
-        zfw::Mutex* slot = nullptr;
-        std::atomic<int> ready{0};
-        zfw::Mutex* seen[2] = {nullptr, nullptr};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 2; ++i) {
-            threads.emplace_back([&, i] {
-                ++ready;
-                while (ready < 2) {
-                }
-                seen[i] = &zfw::lazyMutex(slot);
-            });
-        }
-        for (std::thread& t : threads) {
-            t.join();
-        }
-        ASSERT_NE(slot, nullptr);
-        EXPECT_EQ(seen[0], slot);
-        EXPECT_EQ(seen[1], slot);
-        EXPECT_EQ(&zfw::lazyMutex(slot), slot);
-        delete slot;
-    }
 }
 
 }  // namespace

@@ -2,11 +2,9 @@
 // draining, interruption with several consumers, items that throw, contention, and the
 // registry. The cases that read the queue's records run in private namespaces with their own
 // "/dev/log" and configuration file (for the levels).
-#include <sched.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
@@ -25,8 +23,6 @@
 #include "zfw/thread.h"
 
 namespace {
-
-using kvtest::eventually;
 
 // Appends its name to a shared journal when run; optionally unique under its key.
 class Step : public zfw::QueueAble {
@@ -61,25 +57,6 @@ class Call : public zfw::QueueAble {
   private:
     std::function<void()> m_body;
 };
-
-zfw::RunQueue::Item call(std::function<void()> body) {
-    return boost::make_shared<Call>(std::move(body));
-}
-
-// Threads that run the queue until they are interrupted; `left` counts those that left.
-std::vector<std::thread> startConsumers(zfw::RunQueue& queue, int count, std::atomic<int>& left) {
-    std::vector<std::thread> consumers;
-    for (int i = 0; i < count; ++i) {
-        consumers.emplace_back([&queue, &left] {
-            try {
-                queue.run(0);
-            } catch (const zfw::QueueInterrupted&) {
-                ++left;
-            }
-        });
-    }
-    return consumers;
-}
 
 class RunQueueTest : public ::testing::Test {
   protected:
@@ -147,18 +124,6 @@ TEST_F(RunQueueTest, UniqueItemsReplaceTheirPendingTwin) {
     EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
 }
 
-TEST_F(RunQueueTest, DrainingRunsWhatIsPendingAndReturns) {
-    zfw::RunQueue queue(0, true);
-    queue.run(-1);
-    EXPECT_TRUE(journal().empty());
-    queue.add(step("one"));
-    queue.add(step("two"));
-    queue.add(step("three"));
-    queue.run(-1);
-    EXPECT_EQ(journal(), (std::vector<std::string>{"one", "two", "three"}));
-    EXPECT_EQ(queue.size(), 0u);
-}
-
 TEST_F(RunQueueTest, TimeOutReturnsWithTheQueueEmpty) {
     zfw::RunQueue queue(0, true);
     queue.run(1);
@@ -169,178 +134,6 @@ TEST_F(RunQueueTest, TimeOutReturnsWithTheQueueEmpty) {
     queue.run(1);
     producer.join();
     EXPECT_EQ(journal(), std::vector<std::string>{"late"});
-}
-
-TEST_F(RunQueueTest, EndlessRunLeavesOnlyWhenInterrupted) {
-    zfw::RunQueue queue(0, false);
-    std::atomic<bool> interrupted{false};
-    std::thread consumer([&] {
-        try {
-            queue.run(0);
-        } catch (const zfw::QueueInterrupted& e) {
-            EXPECT_STREQ(e.what(), "QueueInterrupted");
-            EXPECT_EQ(e.rc(), 0);
-            interrupted = true;
-        }
-    });
-    queue.add(step("first"));
-    ASSERT_TRUE(eventually([&] { return journal().size() == 1; }));
-    EXPECT_FALSE(interrupted);
-    queue.interrupt();
-    consumer.join();
-    EXPECT_TRUE(interrupted);
-
-    // The flag was cleared: a later run works normally.
-    queue.add(step("second"));
-    queue.run(-1);
-    EXPECT_EQ(journal(), (std::vector<std::string>{"first", "second"}));
-}
-
-TEST_F(RunQueueTest, InterruptionKeepsPendingItems) {
-    zfw::RunQueue queue(0, true);
-    queue.add(step("kept"));
-    queue.interrupt();
-    EXPECT_THROW(queue.run(-1), zfw::QueueInterrupted);
-    EXPECT_TRUE(journal().empty());
-    queue.run(-1);
-    EXPECT_EQ(journal(), std::vector<std::string>{"kept"});
-}
-
-TEST_F(RunQueueTest, EachInterruptStopsOneOfSeveralConsumers) {
-    zfw::RunQueue queue(0, true);
-    constexpr int kConsumers = 3;
-    std::atomic<int> left{0};
-    std::vector<std::thread> consumers = startConsumers(queue, kConsumers, left);
-    for (int round = 1; round <= kConsumers; ++round) {
-        queue.interrupt();
-        ASSERT_TRUE(eventually([&] { return left.load() >= round; }));
-        // The consumers still waiting take every item; exactly one left per interrupt.
-        const size_t before = journal().size();
-        if (round < kConsumers) {
-            for (int i = 0; i < 20; ++i) {
-                queue.add(step("r" + std::to_string(round)));
-            }
-            ASSERT_TRUE(eventually([&] { return journal().size() == before + 20; }));
-        }
-        EXPECT_EQ(left.load(), round);
-    }
-    for (std::thread& t : consumers) {
-        t.join();
-    }
-    EXPECT_EQ(left.load(), kConsumers);
-}
-
-TEST_F(RunQueueTest, ThrowingItems) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::SyslogSink sink;
-    kvtest::useProperties("log.util.runqueue=DEBUG\n");
-    zfw::RunQueue queue(0, false);
-    queue.add(call([] { ZFW_THROW(zfw::SystemException, 5, false, "item failed %d", 7); }));
-    queue.add(step("after framework exception"));
-    queue.add(call([] { throw std::runtime_error("not ours"); }));
-    queue.add(step("after foreign exception"));
-
-    EXPECT_THROW(queue.run(-1), std::runtime_error);
-    EXPECT_EQ(journal(), std::vector<std::string>{"after framework exception"});
-    EXPECT_EQ(sink.takeTexts("util.runqueue"),
-              std::vector<std::string>{"DEBUG util.runqueue unhandled exception item failed 7"});
-    // The foreign exception dropped its item only.
-    EXPECT_EQ(queue.size(), 1u);
-    queue.run(-1);
-    EXPECT_EQ(journal(),
-              (std::vector<std::string>{"after framework exception", "after foreign exception"}));
-
-    zfw::RunQueue quiet(0, true);
-    quiet.add(call([] { ZFW_THROW(zfw::SystemException, 5, false, "quiet failure"); }));
-    quiet.run(-1);
-    EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
-}
-
-TEST_F(RunQueueTest, ItemMayAddToItsOwnQueue) {
-    zfw::RunQueue queue(4, true);
-    queue.add(call([&] { queue.add(step("added by an item")); }));
-    queue.run(-1);
-    EXPECT_EQ(journal(), std::vector<std::string>{"added by an item"});
-}
-
-TEST_F(RunQueueTest, ProducersAndConsumersUnderContention) {
-    constexpr int kProducers = 4;
-    constexpr int kConsumers = 2;
-    constexpr int kItems = 2000;
-    zfw::RunQueue queue(16, true);
-    std::vector<std::atomic<int>> runs(kProducers * kItems);
-    std::atomic<int> left{0};
-    std::vector<std::thread> consumers = startConsumers(queue, kConsumers, left);
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-        producers.emplace_back([&, p] {
-            for (int i = 0; i < kItems; ++i) {
-                const int slot = p * kItems + i;
-                const zfw::RunQueue::Item item = call([&runs, slot] { ++runs[slot]; });
-                for (;;) {
-                    try {
-                        queue.add(item);
-                        break;
-                    } catch (const zfw::BufferFullException&) {
-                        sched_yield();
-                    }
-                }
-            }
-        });
-    }
-    for (std::thread& t : producers) {
-        t.join();
-    }
-    ASSERT_TRUE(eventually([&] { return queue.size() == 0; }));
-    for (int i = 1; i <= kConsumers; ++i) {
-        queue.interrupt();
-        ASSERT_TRUE(eventually([&] { return left.load() == i; }));
-    }
-    for (std::thread& t : consumers) {
-        t.join();
-    }
-    for (int slot = 0; slot < kProducers * kItems; ++slot) {
-        ASSERT_EQ(runs[slot].load(), 1) << "item " << slot;
-    }
-}
-
-TEST_F(RunQueueTest, Registry) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
-    kvtest::SyslogSink sink;
-    kvtest::useProperties("log.util.runqueue=DEBUG\n");
-    EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), nullptr);
-
-    zfw::RunQueue* created = zfw::RunQueue::find("reg.a", true, 1);
-    ASSERT_NE(created, nullptr);
-    EXPECT_EQ(zfw::RunQueue::find("reg.a", true, 5), created);
-    EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), created);
-    EXPECT_EQ(sink.takeTexts("util.runqueue"),
-              std::vector<std::string>{"DEBUG util.runqueue Created new RunQueue reg.a"});
-
-    // Created with the first call's bound, and not quiet.
-    created->add(step("only"));
-    EXPECT_THROW(created->add(step("too many")), zfw::BufferFullException);
-
-    // Concurrent first lookups of one name all get the same queue.
-    std::vector<zfw::RunQueue*> seen(8, nullptr);
-    std::vector<std::thread> finders;
-    for (size_t i = 0; i < seen.size(); ++i) {
-        finders.emplace_back([&seen, i] { seen[i] = zfw::RunQueue::find("reg.b", true, 0); });
-    }
-    for (std::thread& t : finders) {
-        t.join();
-    }
-    for (zfw::RunQueue* q : seen) {
-        EXPECT_EQ(q, seen[0]);
-    }
-    EXPECT_NE(seen[0], created);
-
-    zfw::RunQueue::remove("reg.a");
-    zfw::RunQueue::remove("reg.a");
-    zfw::RunQueue::remove("reg.b");
-    EXPECT_EQ(zfw::RunQueue::find("reg.a", false, 0), nullptr);
-    EXPECT_EQ(zfw::RunQueue::find("reg.b", false, 0), nullptr);
-    EXPECT_TRUE(journal().empty()) << "removing a queue must not run its items";
 }
 
 }  // namespace

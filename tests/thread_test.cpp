@@ -2,13 +2,11 @@
 // a zfw::MutexLock is held), sleeping, the thread count, and the stack size property (in
 // private namespaces with their own "/dev/log" and configuration file).
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
 #include <functional>
 #include <string>
 #include <vector>
@@ -29,195 +27,6 @@ using kvtest::eventually;
 void* runFunction(void* arg) {
     (*static_cast<std::function<void()>*>(arg))();
     return nullptr;
-}
-
-// A thread that records its cancellation hook.
-class HookedThread : public zfw::Thread {
-  public:
-    void onCancel() override { hookRan = true; }
-    std::atomic<bool> hookRan{false};
-};
-
-TEST(Thread, RunsEntryAndKnowsItself) {
-    EXPECT_EQ(zfw::Thread::self(), nullptr) << "the main thread was not started by zfw";
-
-    zfw::Thread thread;
-    zfw::Thread* seen = nullptr;
-    bool runningInside = false;
-    std::function<void()> body = [&] {
-        seen = zfw::Thread::self();
-        runningInside = seen != nullptr && seen->running();
-    };
-    EXPECT_EQ(thread.id(), pthread_t(0));
-    thread.start("worker.one", runFunction, &body);
-    EXPECT_NE(thread.id(), pthread_t(0));
-    thread.join();
-
-    EXPECT_EQ(seen, &thread);
-    EXPECT_TRUE(runningInside);
-    EXPECT_FALSE(thread.running());
-    EXPECT_TRUE(thread.joined());
-    EXPECT_EQ(thread.name(), "worker.one");
-    EXPECT_FALSE(thread.cancelRequested());
-}
-
-TEST(Thread, CountsObjects) {
-    const int32_t before = zfw::Thread::m_threadsActive;
-    {
-        zfw::Thread a;
-        zfw::Thread b;
-        EXPECT_EQ(zfw::Thread::m_threadsActive, before + 2);
-    }
-    EXPECT_EQ(zfw::Thread::m_threadsActive, before);
-
-    zfw::Thread::setThreadsActive(true);
-    EXPECT_EQ(zfw::Thread::m_threadsActive, before + 1);
-    zfw::Thread::setThreadsActive(false);
-    EXPECT_EQ(zfw::Thread::m_threadsActive, 0);
-    for (int32_t i = 0; i < before; ++i) {
-        zfw::Thread::setThreadsActive(true);
-    }
-}
-
-TEST(Thread, JoinAndDetachRules) {
-    std::function<void()> body = [] {};
-
-    zfw::Thread neverStarted;
-    neverStarted.join();
-    neverStarted.detach();
-    EXPECT_FALSE(neverStarted.joined());
-
-    zfw::Thread joinedTwice;
-    joinedTwice.start("twice", runFunction, &body);
-    joinedTwice.join();
-    joinedTwice.join();
-    EXPECT_TRUE(joinedTwice.joined());
-
-    // A detached thread is never joined; its object must outlive it, so it waits here.
-    std::atomic<bool> release{false};
-    std::atomic<bool> done{false};
-    std::function<void()> waiting = [&] {
-        eventually([&] { return release.load(); });
-        done = true;
-    };
-    zfw::Thread detached;
-    detached.start("detached", runFunction, &waiting);
-    detached.detach();
-    EXPECT_TRUE(detached.joined());
-    detached.join();
-    release = true;
-    EXPECT_TRUE(eventually([&] { return done.load() && !detached.running(); }));
-
-    zfw::Thread startedTwice;
-    startedTwice.start("once", runFunction, &body);
-    EXPECT_THROW(startedTwice.start("again", runFunction, &body), zfw::AlreadyException);
-    startedTwice.join();
-}
-
-TEST(Thread, JoiningItselfRaises) {
-    zfw::Thread thread;
-    int rc = 0;
-    std::string text;
-    std::function<void()> body = [&] {
-        try {
-            zfw::Thread::self()->join();
-        } catch (const zfw::SystemException& e) {
-            rc = e.rc();
-            text = e.what();
-        }
-    };
-    thread.start("self-join", runFunction, &body);
-    thread.join();
-    EXPECT_EQ(rc, EDEADLK);
-    EXPECT_EQ(text, std::string("OS call failed: ") + strerror(EDEADLK));
-    EXPECT_TRUE(thread.joined());
-}
-
-TEST(Thread, CancelRunsTheHook) {
-    HookedThread thread;
-    std::atomic<bool> started{false};
-    std::function<void()> body = [&] {
-        started = true;
-        for (;;) {
-            zfw::Thread::sleep(0, 1, 0, 0);
-        }
-    };
-    thread.start("sleeper", runFunction, &body);
-    ASSERT_TRUE(eventually([&] { return started.load(); }));
-    thread.stop();
-    EXPECT_TRUE(thread.cancelRequested());
-    EXPECT_TRUE(thread.hookRan);
-    EXPECT_FALSE(thread.running());
-    EXPECT_TRUE(thread.joined());
-}
-
-TEST(Thread, CancelAfterTheEntryReturnedDoesNothing) {
-    HookedThread thread;
-    std::function<void()> body = [] {};
-    thread.start("short", runFunction, &body);
-    ASSERT_TRUE(eventually([&] { return !thread.running(); }));
-    thread.cancel();
-    thread.join();
-    EXPECT_FALSE(thread.cancelRequested());
-    EXPECT_FALSE(thread.hookRan);
-}
-
-TEST(Thread, CancellationWaitsForTheMutexToBeReleased) {
-    zfw::Mutex mutex;
-    HookedThread thread;
-    std::atomic<bool> holding{false};
-    std::atomic<bool> proceed{false};
-    std::atomic<bool> ranUnderLock{false};
-    std::atomic<bool> ranAfterRelease{false};
-    std::function<void()> body = [&] {
-        zfw::MutexLock lock(mutex);
-        holding = true;
-        // Cancellation points while the lock is held must not act.
-        while (!proceed) {
-            zfw::Thread::sleep(0, 1, 0, 0);
-        }
-        ranUnderLock = true;
-        lock.release();
-        ranAfterRelease = true;
-    };
-    thread.start("locker", runFunction, &body);
-    ASSERT_TRUE(eventually([&] { return holding.load(); }));
-    thread.cancel();
-    proceed = true;
-    thread.join();
-
-    EXPECT_TRUE(ranUnderLock);
-    EXPECT_FALSE(ranAfterRelease);
-    EXPECT_TRUE(thread.hookRan);
-    EXPECT_EQ(mutex.depth(), 0) << "the mutex was released before the thread ended";
-    EXPECT_TRUE(mutex.trylock());
-    mutex.unlock();
-}
-
-TEST(Thread, DisabledCancellationActsWhenEnabled) {
-    HookedThread thread;
-    std::atomic<bool> disabled{false};
-    std::atomic<bool> proceed{false};
-    std::atomic<bool> beforeEnable{false};
-    std::atomic<bool> afterEnable{false};
-    std::function<void()> body = [&] {
-        zfw::Thread::disableCancel();
-        disabled = true;
-        while (!proceed) {
-            zfw::Thread::yield();
-        }
-        beforeEnable = true;
-        zfw::Thread::enableCancel();
-        afterEnable = true;
-    };
-    thread.start("disabled", runFunction, &body);
-    ASSERT_TRUE(eventually([&] { return disabled.load(); }));
-    thread.cancel();
-    proceed = true;
-    thread.join();
-    EXPECT_TRUE(beforeEnable);
-    EXPECT_FALSE(afterEnable);
-    EXPECT_TRUE(thread.hookRan);
 }
 
 void ignoreSignal(int) {}
@@ -246,16 +55,6 @@ TEST(Thread, SleepReportsInterruption) {
     thread.join();
     sigaction(SIGUSR1, &old, nullptr);
     EXPECT_EQ(result, 0);
-}
-
-TEST(Thread, SleepRejectsABadInterval) {
-    try {
-        zfw::Thread::sleep(0, 1000, 0, 0);
-        FAIL() << "a second of milliseconds was accepted";
-    } catch (const zfw::SystemException& e) {
-        EXPECT_EQ(e.rc(), EINVAL);
-    }
-    EXPECT_THROW(zfw::Thread::sleep(-1, 0, 0, 0), zfw::SystemException);
 }
 
 // The stack size that the thread library gives the calling thread.

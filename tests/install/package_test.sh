@@ -3,7 +3,8 @@
 # Makes the Debian package of BUILD_DIR with CPack and installs it with dpkg into this
 # namespace only: /etc and /var are hermetic.sh's overlays and /usr gets one here, so the
 # host's files and package database never change. Checks that kvstop and kvctl are on
-# root's PATH, that man finds every page, that kvctl's completion is installed, that the installed kvstop stops the installed kvdsim, that the
+# root's PATH, that man finds every page, that kvctl's completion is installed, that the
+# installed kvctl reads the installed kvdsim's status and kvstop stops it, that the
 # installed client library builds a C program through pkg-config, and that purging the
 # package leaves exactly the files that were there before.
 set -euo pipefail

@@ -2,7 +2,7 @@
 // chosen one fail, and looks into every block before it is freed (to see whether secrets were
 // wiped). The test executable must be linked with
 //   -Wl,--wrap=malloc,--wrap=calloc,--wrap=realloc,--wrap=free
-// (see tests/cmake/lrpc2_msg.cmake), and exactly one of its sources includes this header.
+// (tests/CMakeLists.txt), and exactly one of its sources includes this header.
 // Calls from shared libraries (libstdc++, libc itself) are not seen.
 #ifndef KV_TESTS_ALLOC_HOOKS_H
 #define KV_TESTS_ALLOC_HOOKS_H
@@ -11,7 +11,6 @@
 #include <string.h>
 
 #include <cstddef>
-#include <cstdint>
 
 extern "C" {
 void* __real_malloc(size_t size);
@@ -28,7 +27,6 @@ struct State {
     unsigned calls = 0;    // allocation calls (malloc, calloc, realloc) while active
     bool failed = false;   // the chosen call was refused
     long live = 0;         // blocks allocated minus blocks freed while active
-    size_t largest = 0;    // largest size asked for while active
     const void* pattern = nullptr;
     size_t pattern_len = 0;
     unsigned pattern_frees = 0;  // freed blocks that still held the pattern
@@ -70,15 +68,12 @@ inline void clear_pattern() {
     watch_pattern(nullptr, 0);
 }
 
-inline bool refuse(size_t size) {
+inline bool refuse() {
     State& s = state();
     if (!s.active) {
         return false;
     }
     ++s.calls;
-    if (size > s.largest) {
-        s.largest = size;
-    }
     if (s.calls == s.fail_at) {
         s.failed = true;
         return true;
@@ -103,7 +98,7 @@ inline void note_alloc(const void* block, long delta) {
 extern "C" {
 
 void* __wrap_malloc(size_t size) {
-    if (alloc_hooks::refuse(size)) {
+    if (alloc_hooks::refuse()) {
         return nullptr;
     }
     void* block = __real_malloc(size);
@@ -117,7 +112,7 @@ void* __wrap_malloc(size_t size) {
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-    if (alloc_hooks::refuse(count * size)) {
+    if (alloc_hooks::refuse()) {
         return nullptr;
     }
     void* block = __real_calloc(count, size);
@@ -126,7 +121,7 @@ void* __wrap_calloc(size_t count, size_t size) {
 }
 
 void* __wrap_realloc(void* block, size_t size) {
-    if (alloc_hooks::refuse(size)) {
+    if (alloc_hooks::refuse()) {
         return nullptr;
     }
     if (alloc_hooks::holds_pattern(block)) {

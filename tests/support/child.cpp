@@ -1,8 +1,8 @@
 #include "support/child.h"
 
 #include <errno.h>
-#include <grp.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -12,8 +12,11 @@
 
 namespace kvtest {
 
-ChildProcess::ChildProcess(const std::function<int()>& body) : m_pid(fork()) {
+ChildProcess::ChildProcess(const std::function<int()>& body) {
+    const pid_t parent = getpid();
+    m_pid = fork();
     if (m_pid == 0) {
+        dieWithParent(parent);
         _exit(body());
     }
     if (m_pid < 0) {
@@ -35,15 +38,26 @@ int ChildProcess::wait() {
     return m_pid > 0 ? m_status : -1;
 }
 
-int runAsNobody(const std::function<int()>& body) {
-    ChildProcess child([&body] {
-        if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
-            setresuid(65534, 65534, 65534) != 0) {
-            return 99;
+void dieWithParent(pid_t parent) {
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
+        _exit(126);
+    }
+}
+
+int waitExitWithin(pid_t pid, int seconds) {
+    for (int waited = 0; waited < seconds * 100; ++waited) {
+        int raw = 0;
+        const pid_t r = waitpid(pid, &raw, WNOHANG);
+        if (r == pid) {
+            return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
         }
-        return body();
-    });
-    return child.wait();
+        if (r < 0 && errno != EINTR) {
+            return -1;
+        }
+        sleepMs(10);
+    }
+    kill(pid, SIGKILL);
+    return waitExit(pid);
 }
 
 int waitExit(pid_t pid) {

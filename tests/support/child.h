@@ -12,7 +12,7 @@ namespace kvtest {
 
 class ChildProcess {
   public:
-    // Forks; the child runs `body` and exits with its result.
+    // Forks; the child runs `body` and exits with its result, or dies with the test.
     explicit ChildProcess(const std::function<int()>& body);
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -28,10 +28,6 @@ class ChildProcess {
     int m_status = -1;
 };
 
-// Runs `body` in a forked child as user and group 65534 without supplementary groups: its
-// result, or 99 when the ids could not be dropped.
-int runAsNobody(const std::function<int()>& body);
-
 // Waits for the process `pid`: its exit status, or 128 + the signal that ended it; -1 when
 // it cannot be waited for.
 int waitExit(pid_t pid);
@@ -41,6 +37,14 @@ bool writeFully(int fd, const void* data, size_t n);
 bool readFully(int fd, void* data, size_t n);
 // Sleeps for `ms` milliseconds.
 void sleepMs(int ms);
+
+// First call in a forked child: it is killed when the process that forked it ends, so no
+// test leaves anything running, whether it passes, fails or is killed for its time limit.
+void dieWithParent(pid_t parent);
+
+// Waits up to `seconds` for `pid`, then kills it: its exit status, or 128 + the signal that
+// ended it (137 after the limit).
+int waitExitWithin(pid_t pid, int seconds);
 
 }  // namespace kvtest
 

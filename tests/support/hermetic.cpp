@@ -4,7 +4,6 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -41,6 +40,12 @@ bool insideHermeticDevLog() {
     return insideHermetic() && hermeticMountOn("/dev");
 }
 
+bool clearPrivateDirs() {
+    return insideHermetic() && system(
+                                   "rm -rf /etc/zantorkv/* /etc/zantorkv/.[!.]* /var/zantormx/* "
+                                   "/var/zantormx/.[!.]*") == 0;
+}
+
 int rerunInHermetic(bool devlog) {
     // A run that was already started under hermetic.sh but does not see it must not nest again.
     if (getenv("KV_HERMETIC_RERUN") != nullptr) {
@@ -65,8 +70,10 @@ int rerunInHermetic(bool devlog) {
     argv.push_back(filter.c_str());
     argv.push_back(nullptr);
 
+    const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
+        dieWithParent(parent);
         setenv("KV_HERMETIC_RERUN", "1", 1);
         execv(argv[0], const_cast<char* const*>(argv.data()));
         _exit(127);

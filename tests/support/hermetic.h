@@ -12,6 +12,10 @@ bool insideHermetic();
 // True inside hermetic.sh --devlog (its private tmpfs is mounted on "/dev").
 bool insideHermeticDevLog();
 
+// Empties "/etc/zantorkv" and "/var/zantormx" for the next case; refuses (false) outside
+// hermetic.sh, so that the host's directories are never touched.
+bool clearPrivateDirs();
+
 // Runs the current test case again in this executable under hermetic.sh (with --devlog
 // when asked) and returns its exit status.
 int rerunInHermetic(bool devlog = false);

@@ -3,7 +3,8 @@
 # Runs CMD as root in private mount and pid namespaces in which /etc and /var are
 # writable overlays, and /etc/zantorkv, /var/zantorkv and /var/zantormx are empty
 # tmpfs directories. With --devlog, /dev is private too, so CMD may bind its own
-# /dev/log. The host's files are never changed; every process left behind ends with CMD.
+# /dev/log. The host's files are never changed; every process left behind ends with CMD,
+# and everything in the namespaces dies with the caller of this script.
 set -euo pipefail
 
 devlog=0
@@ -15,7 +16,8 @@ if [ "${KV_HERMETIC_INSIDE:-}" != 1 ]; then
   [ -n "$T" ] && [ -d "$T" ] || { echo "hermetic.sh: no temporary directory" >&2; exit 2; }
   rc=0
   KV_HERMETIC_INSIDE=1 KV_HERMETIC_T="$T" KV_HERMETIC_DEVLOG=$devlog \
-    unshare -m -p -f --mount-proc --propagation private "$0" "$@" || rc=$?
+    setpriv --pdeathsig KILL unshare -m -p --kill-child --mount-proc --propagation private \
+    "$0" "$@" || rc=$?
   # The namespace is gone: its mounts went with it, only the empty directory is left.
   rmdir "$T/etc.up" "$T/etc.wk" "$T/var.up" "$T/var.wk" "$T/olddev" 2>/dev/null || true
   rmdir "$T" 2>/dev/null || true

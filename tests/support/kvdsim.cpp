@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -39,8 +38,10 @@ Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
     if (pipe2(out, O_CLOEXEC) != 0) {
         return;
     }
+    const pid_t parent = getpid();
     m_pid = fork();
     if (m_pid == 0) {
+        dieWithParent(parent);
         dup2(out[1], 1);
         execvp(raw[0], raw.data());
         _exit(127);

@@ -42,11 +42,12 @@ bool writeDaemonConfig(const std::string& text) {
 }
 
 ProgramResult runProgram(const std::vector<std::string>& argv, bool unprivileged,
-                         const std::string& cwd) {
+                         const std::string& cwd, int limitSeconds) {
     ProgramResult result;
     std::vector<std::string> command;
     if (unprivileged) {
-        command = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+        command = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                   "--pdeathsig=KILL"};
     }
     command.insert(command.end(), argv.begin(), argv.end());
     std::vector<char*> args;
@@ -63,8 +64,10 @@ ProgramResult runProgram(const std::vector<std::string>& argv, bool unprivileged
         return result;
     }
     fflush(nullptr);
+    const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
+        dieWithParent(parent);
         const int in = open("/dev/null", O_RDONLY);
         if (in < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 ||
             (!cwd.empty() && chdir(cwd.c_str()) != 0)) {
@@ -73,7 +76,7 @@ ProgramResult runProgram(const std::vector<std::string>& argv, bool unprivileged
         execv(args[0], args.data());
         _exit(127);
     }
-    result.status = pid > 0 ? waitExit(pid) : -1;
+    result.status = pid > 0 ? waitExitWithin(pid, limitSeconds) : -1;
     if (result.status >= 0) {
         result.out = readAll(out);
         result.err = readAll(err);

@@ -20,9 +20,9 @@ struct ProgramResult {
 
 // Runs `argv` (argv[0] a path, relative to `cwd` when that is given) to its end with
 // standard input from /dev/null. With `unprivileged`, as user and group 65534 with no
-// supplementary groups.
+// supplementary groups. A program still running after `limitSeconds` is killed (status 137).
 ProgramResult runProgram(const std::vector<std::string>& argv, bool unprivileged = false,
-                         const std::string& cwd = "");
+                         const std::string& cwd = "", int limitSeconds = 20);
 
 }  // namespace kvtest
 

@@ -11,73 +11,32 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <regex>
 
 namespace kvtest {
+
+namespace {
+
+// Splits a datagram; false when it does not have the layout syslog sends.
 bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out) {
-    // "<priority>" then the timestamp "%h %e %T" (15 characters) and a blank.
-    const size_t close = datagram.find('>');
-    if (datagram.size() < 2 || datagram[0] != '<' || close == std::string::npos || close < 2 ||
-        datagram.find_first_not_of("0123456789", 1) != close) {
+    // "<priority>", the timestamp "%h %e %T", the identity, an optional "[pid]", ": ", text.
+    static const std::regex layout(
+        "<([0-9]+)>([A-Z][a-z]{2} [ 1-3][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2}) ([^:\\[]+)"
+        "(\\[([0-9]+)\\])?: ([\\s\\S]*)");
+    std::smatch m;
+    if (!std::regex_match(datagram, m, layout)) {
         return false;
     }
-    const std::string stamp = datagram.substr(close + 1, 15);
-    const char* shape = "Aaa _d dd:dd:dd";
-    bool stampOk =
-        stamp.size() == 15 && datagram.size() > close + 16 && datagram[close + 16] == ' ';
-    for (size_t i = 0; stampOk && i < stamp.size(); ++i) {
-        const char c = stamp[i];
-        switch (shape[i]) {
-            case 'A':
-                stampOk = isupper(static_cast<unsigned char>(c)) != 0;
-                break;
-            case 'a':
-                stampOk = islower(static_cast<unsigned char>(c)) != 0;
-                break;
-            case 'd':
-                stampOk = isdigit(static_cast<unsigned char>(c)) != 0;
-                break;
-            case '_':
-                stampOk = c == ' ' || (c >= '1' && c <= '3');
-                break;
-            default:
-                stampOk = c == shape[i];
-                break;
-        }
-    }
-    if (!stampOk) {
-        return false;
-    }
-    // The identity, an optional "[pid]", then ": " and the text.
-    const size_t identStart = close + 17;
-    const size_t identEnd = datagram.find_first_of("[:", identStart);
-    if (identEnd == std::string::npos) {
-        return false;
-    }
-    size_t colon = identEnd;
-    int pid = -1;
-    if (datagram[identEnd] == '[') {
-        const size_t pidEnd = datagram.find(']', identEnd);
-        if (pidEnd == std::string::npos || pidEnd == identEnd + 1 ||
-            datagram.find_first_not_of("0123456789", identEnd + 1) != pidEnd) {
-            return false;
-        }
-        pid = std::stoi(datagram.substr(identEnd + 1, pidEnd - identEnd - 1));
-        colon = pidEnd + 1;
-    }
-    if (datagram.compare(colon, 2, ": ") != 0) {
-        return false;
-    }
-    out.priority = std::stoi(datagram.substr(1, close - 1));
-    out.timestamp = stamp;
-    out.identity = datagram.substr(identStart, identEnd - identStart);
-    out.pid = pid;
-    out.text = datagram.substr(colon + 2);
-    out.raw = datagram;
+    out.priority = std::stoi(m[1]);
+    out.identity = m[3];
+    out.pid = m[5].matched ? std::stoi(m[5]) : -1;
+    out.text = m[6];
     return true;
 }
+
+}  // namespace
 
 SyslogSink::SyslogSink(bool reading) {
     if (!insideHermeticDevLog()) {

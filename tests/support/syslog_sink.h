@@ -14,15 +14,10 @@ namespace kvtest {
 // One datagram as syslog sends it: "<priority>Mmm dd hh:mm:ss ident[pid]: text".
 struct SyslogRecord {
     int priority = -1;
-    std::string timestamp;
     std::string identity;
     int pid = -1;  // -1 when the record carries no "[pid]"
     std::string text;
-    std::string raw;
 };
-
-// Splits a datagram; false when it does not have the layout above.
-bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out);
 
 class SyslogSink {
   public:

@@ -1,0 +1,337 @@
+// The properties store: the reader's syntax, variables, lists, getters and the process-wide
+// instance loaded from "/etc/zantorkv/zantorkv.conf".
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/child.h"
+#include "support/files.h"
+#include "support/hermetic.h"
+#include "zfw/file_util.h"
+#include "zfw/logger.h"
+#include "zfw/properties.h"
+#include "zfw/setting.h"
+
+namespace {
+
+using kvtest::writeFile;
+using zfw::Properties;
+using zfw::StringList;
+
+class PropertiesTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "run under tests/support/hermetic.sh";
+        Properties::destroyProperties();
+        zfw::MutexLock lock(zfw::gSettingsMutex);
+        zfw::clearSettingsCache();
+    }
+    void TearDown() override { Properties::destroyProperties(); }
+
+    // A store parsed from text.
+    static std::unique_ptr<Properties> parsed(const std::string& text, bool expand = true) {
+        std::unique_ptr<Properties> props(new Properties(expand, false));
+        std::istringstream in(text);
+        props->parse(in, expand);
+        return props;
+    }
+    static std::vector<std::string> listOf(const boost::shared_ptr<StringList>& list) {
+        return std::vector<std::string>(list->begin(), list->end());
+    }
+};
+
+struct LineCase {
+    const char* line;
+    const char* key;
+    const char* value;
+};
+
+TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
+    writeFile("/var/zantormx/kset.host", "myhost\n");
+    setenv("PROPS_TEST_HOME", "/home/t", 1);
+    const LineCase cases[] = {
+        {"a=1", "a", "1"},
+        {"a:1", "a", "1"},
+        {"a 1", "a", "1"},
+        {"a:=1", "a", "1"},
+        {"a =1", "a", "1"},
+        {"  a=1", "a", "1"},
+        {"a\t=\t1", "a", "1"},
+        {"a : 1", "a", ": 1"},
+        {"a=", "a", ""},
+        {"a", "a", ""},
+        {" #x=1", "#x", "1"},
+        {"  # text", "#", "text"},
+        {"key\\ name=v", "key name", "v"},
+        {"a\\:b=c", "a:b", "c"},
+        {"a=x\\,y", "a", "x,y"},
+        {"a=\"b  c\"", "a", "b  c"},
+        {"a=b   c", "a", "b c"},
+        {"a=b \t\f c  ", "a", "b c"},
+        {"a='x\\ty'", "a", "x\ty"},
+        {"a=x\\ty", "a", "x\ty"},
+        {"a=x\\\\ty", "a", "x\\ty"},
+        {"a=\"x\\\"y\"", "a", "x\"y"},
+        {"a=x\\ ", "a", "x "},
+        {"a=\\\\", "a", "\\"},
+        {"'qk'=v", "qk", "v"},
+        {"a=1 # not a comment", "a", "1 # not a comment"},
+        {"a=x\r", "a", "x"},
+        {"h=$JOINNAME", "h", "myhost"},
+        {"p=$PROPS_TEST_HOME/x", "p", "/home/t/x"},
+        {"c='$a'", "c", "$a"},
+        {"d=\\$a", "d", "$a"},
+        {"e=$nosuch", "e", ""},
+        {"f=\"$PROPS_TEST_HOME\"", "f", "/home/t"},
+        {"g=a$", "g", "a"},
+        {"n=$1abc", "n", "abc"},
+        {"w=$$", "w", ""},
+        {"v=${PROPS_TEST_HOME}", "v", "{PROPS_TEST_HOME}"},
+    };
+    for (const LineCase& c : cases) {
+        SCOPED_TRACE(c.line);
+        const auto props = parsed(std::string(c.line) + "\n");
+        EXPECT_EQ(props->get(c.key), c.value);
+        std::ostringstream all;
+        props->write(all, "");
+        EXPECT_EQ(all.str(), std::string(c.key) + "=" + c.value + "\n");
+    }
+}
+
+TEST_F(PropertiesTest, Getters) {
+    const auto props = parsed(
+        "i1=12abc\ni2=abc\ni3=-7\ni4=\n"
+        "b1=Yes\nb2=maybe\nb3=0\nb4=TRUE\nb5=No\nb6=\nb7=false\nb8=1\n");
+    EXPECT_EQ(props->getInt("i1", 3), 12);
+    EXPECT_EQ(props->getInt("i2", 3), 0);
+    EXPECT_EQ(props->getInt("i3", 3), -7);
+    EXPECT_EQ(props->getInt("i4", 3), 3);
+    EXPECT_EQ(props->getInt("absent", 3), 3);
+    const struct {
+        const char* key;
+        bool withFalse;
+        bool withTrue;
+    } bools[] = {
+        {"b1", true, true},   {"b2", false, true},  {"b3", false, false},
+        {"b4", true, true},   {"b5", false, false}, {"b6", false, true},
+        {"b7", false, false}, {"b8", true, true},   {"absent", false, true},
+    };
+    for (const auto& b : bools) {
+        EXPECT_EQ(props->getBool(b.key, false), b.withFalse) << b.key;
+        EXPECT_EQ(props->getBool(b.key, true), b.withTrue) << b.key;
+    }
+    EXPECT_EQ(props->get("absent"), "");
+}
+
+}  // namespace
+
+// Properties list editing, escaping back into file syntax and saving to a file: real files
+// in a private temporary directory, read back by the store's own parser, and real
+// processes competing for the lock.
+namespace {
+
+using zfw::Properties;
+using zfw::StringList;
+
+using kvtest::present;
+using kvtest::readFile;
+using kvtest::TempDir;
+using kvtest::writeFile;
+
+// A store holding exactly what the text says, read by the real parser.
+std::unique_ptr<Properties> storeOf(const std::string& text, bool expand = true) {
+    std::unique_ptr<Properties> props(new Properties(expand, false));
+    std::istringstream in(text);
+    props->parse(in, expand);
+    return props;
+}
+
+StringList listOf(std::initializer_list<const char*> items) {
+    StringList list;
+    for (const char* item : items) {
+        list.push_back(item);
+    }
+    return list;
+}
+
+TEST(PropertiesEscape, ValuesInFileSyntax) {
+    struct Case {
+        const char* value;
+        bool escapeDollars;
+        const char* escaped;
+    };
+    const Case cases[] = {
+        {"plain", false, "plain"},
+        {"a b", false, "\"a b\""},
+        {"a, b", false, "\"a, b\""},
+        {"a,b", false, "a\\,b"},
+        {"x\"y", false, "x\\\"y"},
+        {"it's", false, "it\\'s"},
+        {"a\\b", false, "a\\\\b"},
+        {"\t", false, "\\t"},
+        {"1\n2\r3\v4\f", false, "1\\n2\\r3\\v4\\f"},
+        {"$$", false, "\\$"},
+        {"$HOME$", false, "$HOME"},
+        {"$A$B", false, "$A\\B"},
+        {"$A$/b", false, "$A/b"},
+        {"x$", false, "x$"},
+        {"$$", true, "\\$\\$"},
+        {"$HOME$", true, "\\$HOME\\$"},
+        {"a $b", true, "\"a \\$b\""},
+        {"", false, ""},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(Properties::escapeValue(c.value, c.escapeDollars), c.escaped)
+            << "value [" << c.value << "] escapeDollars " << c.escapeDollars;
+    }
+    EXPECT_EQ(Properties::formatEntry("k.x", "a b", false), "k.x: \"a b\"");
+    EXPECT_EQ(Properties::formatList(listOf({"a b", "c,d", "$e"}), true), "\"a b\" c\\,d \\$e");
+    EXPECT_EQ(Properties::formatListEntry("l", listOf({"x", "y"}), false), "l: x y");
+    EXPECT_EQ(Properties::formatList(StringList(), false), "");
+}
+
+TEST(PropertiesSave, UnchangedStoreKeepsTheFile) {
+    TempDir dir;
+    const std::string path = dir.file("p.conf");
+    const std::string original =
+        "# header\n"
+        "\n"
+        "\n"
+        "a=1\n"
+        "b = two   words\n"
+        "  indented: yes\n"
+        "c=x\\\n"
+        "   y\n"
+        "# a comment that ends with a backslash \\\n"
+        "d=4\n"
+        "\n"
+        "\n"
+        "\n"
+        "e:5\n";
+    writeFile(path, original);
+    Properties props(true, false);
+    props.load(path, true);
+    ASSERT_EQ(props.get("d"), "4");
+
+    ASSERT_EQ(props.save(path), 0);
+    // Blank runs shrink to one, continued lines come out joined, the comment swallows the
+    // line after it (so "d" is appended), and the final line feed yields one blank line.
+    EXPECT_EQ(readFile(path),
+              "# header\n"
+              "\n"
+              "a=1\n"
+              "b = two   words\n"
+              "  indented: yes\n"
+              "c=x    y\n"
+              "# a comment that ends with a backslash  d=4\n"
+              "\n"
+              "e:5\n"
+              "\n"
+              "d: 4\n");
+    EXPECT_FALSE(present(path + ".lock"));
+    EXPECT_FALSE(present(path + ".new"));
+    EXPECT_EQ(kvtest::modeOf(path), 0644u);
+
+    writeFile(path, "a=1\nb=2\n");
+    Properties again(true, false);
+    again.load(path, true);
+    ASSERT_EQ(again.save(path), 0);
+    EXPECT_EQ(readFile(path), "a=1\nb=2\n\n");
+    ASSERT_EQ(again.save(path), 0);
+    EXPECT_EQ(readFile(path), "a=1\nb=2\n\n");
+}
+
+TEST(PropertiesSave, ChangedNewAndRemovedKeys) {
+    TempDir dir;
+    const std::string path = dir.file("p.conf");
+    writeFile(path, "# keep me\na=1\nb=2\nc=3\nl=x y\nq='$HOME'");
+    std::unique_ptr<Properties> props = storeOf("a=1\nc=30\nn=new  value\nl=x y\nq='$HOME'\n");
+    EXPECT_TRUE(props->addToList("l", listOf({"w v"}), false));
+
+    ASSERT_EQ(props->save(path), 0);
+    EXPECT_EQ(readFile(path),
+              "# keep me\n"
+              "a=1\n"
+              "c: 30\n"
+              "l: \"w v\" x y\n"
+              "q='$HOME'\n"
+              "n: new value\n");
+    std::unique_ptr<Properties> reread(new Properties(true, false));
+    reread->load(path, true);
+    EXPECT_EQ(reread->get("b"), "");
+    EXPECT_EQ(reread->get("c"), "30");
+    EXPECT_EQ(reread->get("n"), "new value");
+    EXPECT_EQ(*reread->getList("l"), listOf({"w v", "x", "y"}));
+}
+
+// Sets a file's access and modification times to `age` seconds ago.
+void ageFile(const std::string& name, int age) {
+    struct timespec times[2];
+    clock_gettime(CLOCK_REALTIME, &times[0]);
+    times[0].tv_sec -= age;
+    times[1] = times[0];
+    ASSERT_EQ(utimensat(AT_FDCWD, name.c_str(), times, 0), 0);
+}
+
+// A child takes the lock with createLockFile and keeps it until the parent writes to
+// the pipe; optionally the lock is made to look abandoned.
+class LockHolder {
+  public:
+    LockHolder(const std::string& lockPath, int age) {
+        EXPECT_EQ(pipe(m_release), 0);
+        EXPECT_EQ(pipe(m_ready), 0);
+        m_child.reset(new kvtest::ChildProcess([this, lockPath]() {
+            const int fd = Properties::createLockFile(lockPath);
+            if (fd < 0) {
+                return 1;
+            }
+            char byte = 'r';
+            if (!kvtest::writeFully(m_ready[1], &byte, 1) ||
+                !kvtest::readFully(m_release[0], &byte, 1)) {
+                return 2;
+            }
+            return Properties::removeLockFile(lockPath, fd) == 0 ? 0 : 3;
+        }));
+        char byte = 0;
+        EXPECT_TRUE(kvtest::readFully(m_ready[0], &byte, 1));
+        if (age > 0) {
+            ageFile(lockPath, age);
+        }
+    }
+    ~LockHolder() {
+        for (int fd : {m_release[0], m_release[1], m_ready[0], m_ready[1]}) {
+            close(fd);
+        }
+    }
+    int release() {
+        const char byte = 'x';
+        EXPECT_TRUE(kvtest::writeFully(m_release[1], &byte, 1));
+        return m_child->wait();
+    }
+
+  private:
+    int m_release[2] = {-1, -1};
+    int m_ready[2] = {-1, -1};
+    std::unique_ptr<kvtest::ChildProcess> m_child;
+};
+
+// A lock file goes only with the descriptor that holds it: one that cannot be closed may
+// not be ours, and its lock file stays.
+TEST(PropertiesLock, RemovedOnlyWithItsDescriptor) {
+    TempDir dir;
+    const std::string lockPath = dir.file("p.conf.lock");
+    const int fd = Properties::createLockFile(lockPath);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(Properties::removeLockFile(lockPath, -1), -1);
+    EXPECT_TRUE(present(lockPath));
+    EXPECT_EQ(Properties::removeLockFile(lockPath, fd), 0);
+    EXPECT_FALSE(present(lockPath));
+}
+
+}  // namespace

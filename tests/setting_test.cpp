@@ -1,0 +1,121 @@
+// Host settings: kset files in "/var/zantormx/" and in a data directory of the test's own,
+// the cache, property overrides, deferred writes and the join checks.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "support/expect_throw.h"
+#include "support/files.h"
+#include "support/hermetic.h"
+#include "zfw/exception.h"
+#include "zfw/mutex.h"
+#include "zfw/path.h"
+#include "zfw/properties.h"
+#include "zfw/setting.h"
+
+namespace {
+
+using kvtest::modeOf;
+using kvtest::present;
+using kvtest::readFile;
+using kvtest::thrownText;
+using kvtest::writeFile;
+
+const std::string kDir = "/var/zantormx/";
+
+class SettingTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "run under tests/support/hermetic.sh";
+        zfw::Properties::destroyProperties();
+        forget();
+        zfw::changeDataDir(kDir);
+    }
+    void TearDown() override { zfw::Properties::destroyProperties(); }
+
+    static void forget() {
+        zfw::MutexLock lock(zfw::gSettingsMutex);
+        zfw::clearSettingsCache();
+    }
+};
+
+TEST_F(SettingTest, ReadKsetFileValues) {
+    const struct {
+        std::string content;
+        const char* value;
+    } cases[] = {
+        {"dom1\n", "dom1"},
+        {"dom1", "dom1"},
+        {"  x  ", "x"},
+        {"", ""},
+        {"\n", ""},
+        {"a b c", "a b c"},
+        {std::string(1024, 'v'), nullptr},
+        {"caf\xc3\xa9", "caf\xc3\xa9"},
+    };
+    for (const auto& c : cases) {
+        writeFile(kDir + "kset.k", c.content);
+        const std::string expected = c.value != nullptr ? c.value : c.content;
+        EXPECT_EQ(zfw::readKsetFile("k"), expected) << c.content;
+        EXPECT_EQ(zfw::readKsetFile("k", kDir), expected) << c.content;
+    }
+}
+
+TEST_F(SettingTest, ReadKsetFileErrors) {
+    const std::string file = kDir + "kset.k";
+    const std::string control = "Control character is disallowed in " + file + " file.";
+    for (const std::string& content :
+         {std::string("a\nb"), std::string("a\r"), std::string("a\tb"), std::string("a\n\n"),
+          std::string("\x7f"), std::string("a\0b", 3)}) {
+        writeFile(file, content);
+        kvtest::expectThrow<zfw::BadDataException>([] { zfw::readKsetFile("k"); }, control, -1);
+    }
+    writeFile(file, std::string(1025, 'v'));
+    kvtest::expectThrow<zfw::IOException>(
+        [] { zfw::readKsetFile("k"); },
+        "Size of kset file(" + file + ") exceeded max size(1024 bytes)", -1);
+    kvtest::expectThrow<zfw::IOException>(
+        [] { zfw::readKsetFile("missing"); },
+        "Cannot open file " + kDir + "kset.missing: " + strerror(ENOENT), ENOENT);
+    // A directory under the name cannot be read; a FIFO reads as empty without blocking.
+    ASSERT_EQ(mkdir((kDir + "kset.dir").c_str(), 0755), 0);
+    EXPECT_THROW(zfw::readKsetFile("dir"), zfw::IOException);
+    ASSERT_EQ(mkfifo((kDir + "kset.fifo").c_str(), 0600), 0);
+    EXPECT_EQ(zfw::readKsetFile("fifo"), "");
+}
+
+TEST_F(SettingTest, WriteKsetFile) {
+    zfw::writeKsetFile("k", "  x  ", 0);
+    EXPECT_EQ(readFile(kDir + "kset.k"), "x");
+    EXPECT_EQ(modeOf(kDir + "kset.k"), 0600u);
+    zfw::writeKsetFile("k", "shared", 1);
+    EXPECT_EQ(readFile(kDir + "kset.k"), "shared");
+    EXPECT_EQ(modeOf(kDir + "kset.k"), 0644u);
+    zfw::writeKsetFile("k", std::string(1024, 'v'), 0);
+    EXPECT_EQ(readFile(kDir + "kset.k").size(), 1024u);
+
+    const std::string over = "Size of kset file(" + kDir + "kset.k) exceeded max size(1024 bytes)";
+    EXPECT_EQ(
+        thrownText<zfw::IOException>([] { zfw::writeKsetFile("k", std::string(1025, 'v'), 0); }),
+        over);
+    EXPECT_EQ(readFile(kDir + "kset.k").size(), 1024u);
+
+    for (const char* empty : {"", "   "}) {
+        zfw::writeKsetFile("k", "x", 0);
+        zfw::writeKsetFile("k", empty, 0);
+        EXPECT_FALSE(present(kDir + "kset.k")) << "'" << empty << "'";
+    }
+    // Nothing temporary is left behind.
+    int entries = 0;
+    for (zfw::directory_iterator it{zfw::path(kDir)}; it != zfw::directory_iterator::end(); ++it) {
+        ++entries;
+    }
+    EXPECT_EQ(entries, 0);
+}
+
+}  // namespace
