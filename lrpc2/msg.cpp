@@ -4,6 +4,7 @@
 
 #include "lrpc2/status.h"
 #include "msg_internal.h"
+#include "spare.h"
 
 namespace {
 
@@ -96,7 +97,10 @@ lrpc2_msg* lrpc2_msg_parse(uint8_t* bytes, uint32_t length, int copy, const lrpc
     }
     uint8_t* data = bytes;
     if (copy) {
-        data = static_cast<uint8_t*>(malloc(length));
+        data = lrpc2_spare_take(length);
+        if (data == nullptr) {
+            data = static_cast<uint8_t*>(malloc(length));
+        }
         if (data == nullptr) {
             free(msg);
             set_status(status, LRPC2_MSG_NOMEM);
@@ -121,8 +125,10 @@ void lrpc2_msg_free(lrpc2_msg* msg) {
         if (secure) {
             explicit_bzero(msg->u.done.data,
                            static_cast<size_t>(msg->u.done.end - msg->u.done.data));
+            free(msg->u.done.data);
+        } else {
+            lrpc2_spare_free(msg->u.done.data);
         }
-        free(msg->u.done.data);
     } else {
         bytebuf_release(&msg->u.build.buf, secure);
     }

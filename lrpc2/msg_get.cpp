@@ -4,6 +4,7 @@
 
 #include "lrpc2/status.h"
 #include "msg_internal.h"
+#include "spare.h"
 
 namespace {
 
@@ -142,7 +143,10 @@ int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length) {
         return LRPC2_MSG_NODATA;
     }
     // An empty blob still gets a block of its own, so it stays distinct from the null blob.
-    uint8_t* block = static_cast<uint8_t*>(malloc(n != 0 ? n : 1));
+    uint8_t* block = lrpc2_spare_take(n);
+    if (block == nullptr) {
+        block = static_cast<uint8_t*>(malloc(n != 0 ? n : 1));
+    }
     if (block == nullptr) {
         return LRPC2_MSG_NOMEM;
     }
