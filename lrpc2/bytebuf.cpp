@@ -31,19 +31,27 @@ uint8_t* grow(const lrpc2_bytebuf* b, uint64_t size) {
         return static_cast<uint8_t*>(realloc(b->start, size));
     }
     memcpy(block, b->start, bytebuf_length(b));
-    lrpc2_spare_free(b->start);
+    lrpc2_spare_free(b->start, b->capacity);
     return block;
 }
+
+// Up to this length a new block and a copy are cheaper than splitting the block in place:
+// both blocks come from and go back to the allocator's per-thread cache, where the next
+// message's first block is found again.
+constexpr uint32_t kCopyShrinkLength = 1024;
 
 // The written bytes moved to a block of their own length. A large buffer goes to a kept block
 // of that length and is itself kept for the next message's growth.
 uint8_t* shrink(const lrpc2_bytebuf* b, uint32_t length) {
     uint8_t* block = lrpc2_spare_take(length);
+    if (block == nullptr && length <= kCopyShrinkLength) {
+        block = static_cast<uint8_t*>(malloc(length));
+    }
     if (block == nullptr) {
         return static_cast<uint8_t*>(realloc(b->start, length));
     }
     memcpy(block, b->start, length);
-    lrpc2_spare_free(b->start);
+    lrpc2_spare_free(b->start, b->capacity);
     return block;
 }
 
@@ -197,7 +205,7 @@ void bytebuf_release(lrpc2_bytebuf* b, int wipe) {
         explicit_bzero(b->start, bytebuf_length(b));
         free(b->start);
     } else {
-        lrpc2_spare_free(b->start);
+        lrpc2_spare_free(b->start, b->capacity);
     }
     bytebuf_init(b, b->capacity);
 }

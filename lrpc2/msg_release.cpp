@@ -56,7 +56,7 @@ void lrpc2_free_block(void* block, uint32_t length, int wipe) {
         }
         free(block);
     } else {
-        lrpc2_spare_free(block);
+        lrpc2_spare_free(block, length);
     }
 }
 

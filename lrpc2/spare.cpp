@@ -50,11 +50,15 @@ uint8_t* lrpc2_spare_take(size_t size) {
     return nullptr;
 }
 
-void lrpc2_spare_free(void* block) {
+void lrpc2_spare_free(void* block, size_t size) {
     if (block == nullptr) {
         return;
     }
-    const size_t size = malloc_usable_size(block);
+    // Small blocks go straight back: asking the allocator for their size costs more than
+    // keeping them would save.
+    if (size >= kSmallest) {
+        size = malloc_usable_size(block);
+    }
     if (size < kSmallest || size > kLargest) {
         free(block);
         return;

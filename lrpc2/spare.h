@@ -12,7 +12,8 @@
  * are never kept). The caller owns it and may free() it. */
 uint8_t* lrpc2_spare_take(size_t size);
 
-/* Frees a block from malloc, keeping it for a later lrpc2_spare_take when it is large. */
-void lrpc2_spare_free(void* block);
+/* Frees a block from malloc of at least `size` bytes, keeping it for a later lrpc2_spare_take
+ * when it is large. */
+void lrpc2_spare_free(void* block, size_t size);
 
 #endif
