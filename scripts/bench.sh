@@ -58,6 +58,15 @@ dirty=$(git -C "$top" status --porcelain 2>/dev/null | grep -qv '^??' && echo " 
   echo
   echo "$table"
   echo
+  echo "## Floating-point output against the C library"
+  echo
+  echo "The framework's formatter prints every floating conversion (\`%e\`, \`%g\` too) in fixed"
+  echo "point with at most 16 fraction digits, rounds the fraction half up after multiplying it in"
+  echo "double precision, and makes every digit by division in double precision; the C library"
+  echo "rounds the exact binary value to nearest-even and prints its exact digits. Where this shows:"
+  echo
+  "$dir/bench/format_bench" --compare-floats
+  echo
   cat "$top/bench/performance_notes.md"
 } >"$top/docs/performance.md"
 echo "bench: wrote $top/docs/performance.md; raw results: $out" >&2
