@@ -6,9 +6,9 @@
 namespace {
 
 // From here up the allocator maps blocks on their own; smaller ones it recycles itself.
-constexpr size_t kSmallest = 64 * 1024;
+constexpr size_t kSmallest = size_t{64} * 1024;
 // Kept memory stays resident for the thread's life: large blocks beyond this are let go.
-constexpr size_t kLargest = 64 * 1024 * 1024;
+constexpr size_t kLargest = size_t{64} * 1024 * 1024;
 // Building a message needs its growing buffer and the image it shrinks to, reading one needs
 // the image and a field's copy.
 constexpr int kSlots = 3;
