@@ -40,12 +40,15 @@ uint8_t* grow(const lrpc2_bytebuf* b, uint64_t size) {
 // message's first block is found again.
 constexpr uint32_t kCopyShrinkLength = 1024;
 
-// The written bytes moved to a block of their own length. A large buffer goes to a kept block
-// of that length and is itself kept for the next message's growth.
+// The written bytes moved to a block of their own length, or null when that failed. A large
+// buffer goes to a kept block of that length and is itself kept for the next message's growth.
 uint8_t* shrink(const lrpc2_bytebuf* b, uint32_t length) {
     uint8_t* block = lrpc2_spare_take(length);
     if (block == nullptr && length <= kCopyShrinkLength) {
         block = static_cast<uint8_t*>(malloc(length));
+        if (block == nullptr) {
+            return nullptr;
+        }
     }
     if (block == nullptr) {
         return static_cast<uint8_t*>(realloc(b->start, length));
