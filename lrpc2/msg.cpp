@@ -15,12 +15,18 @@ void set_status(int32_t* out, int32_t status) {
 }
 
 lrpc2_msg* new_record(const lrpc2_msg_table* table, uint32_t header_len) {
-    // malloc and a cleared record: calloc would bypass the allocator's per-thread cache.
+    // Every field set one by one: a cleared allocation (calloc, or what the compiler makes of
+    // malloc and memset) bypasses the allocator's per-thread cache.
     lrpc2_msg* msg = static_cast<lrpc2_msg*>(malloc(sizeof(lrpc2_msg)));
     if (msg != nullptr) {
-        memset(msg, 0, sizeof *msg);
+        msg->state = 0;
         msg->table = table;
+        msg->flags = 0;
         msg->header_len = header_len;
+        msg->u.build.open_set = 0;
+        msg->u.build.set_count = 0;
+        msg->u.build.count_pos = 0;
+        bytebuf_init(&msg->u.build.buf, 0);
     }
     return msg;
 }
