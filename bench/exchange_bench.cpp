@@ -27,6 +27,7 @@
 #include "lrpc2/exchange.h"
 #include "lrpc2/msg.h"
 #include "lrpc2/table.h"
+#include "placement.h"
 
 // System calls that the client thread makes, counted by wrappers that take the place of the
 // C library's functions in this executable (the library's calls reach them too). Only the
@@ -126,13 +127,6 @@ bool writeExact(int fd, const void* data, size_t n) {
     return true;
 }
 
-void pinToCpu0() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(0, &set);
-    sched_setaffinity(0, sizeof set, &set);
-}
-
 // The peer: one connection at a time; answers the hello with 1 and every frame with an
 // empty reply of the frame's id.
 [[noreturn]] void servePeer(int listener) {
@@ -180,7 +174,7 @@ bool startPeer(int placement) {
     const pid_t pid = fork();
     if (pid == 0) {
         if (placement == 1) {
-            pinToCpu0();
+            kvbench::pinToCpu0();
         }
         servePeer(listener);
     }
@@ -202,23 +196,6 @@ void stopPeers() {
     rmdir(gDir.c_str());
 }
 
-// Pins the calling thread for the pinned placement, restores its mask afterwards.
-class Placement {
-  public:
-    explicit Placement(int placement) {
-        sched_getaffinity(0, sizeof m_saved, &m_saved);
-        if (placement == 1) {
-            pinToCpu0();
-        }
-    }
-    ~Placement() { sched_setaffinity(0, sizeof m_saved, &m_saved); }
-    Placement(const Placement&) = delete;
-    Placement& operator=(const Placement&) = delete;
-
-  private:
-    cpu_set_t m_saved;
-};
-
 int rawConnect(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
@@ -235,7 +212,7 @@ int rawConnect(const std::string& path) {
 
 void BM_PingExchange(benchmark::State& state) {
     const int placement = static_cast<int>(state.range(0));
-    Placement pin(placement);
+    const kvbench::Placement pin(placement);
     int32_t status = 0;
     lrpc2_conn* conn =
         lrpc2_connect_timeout(gPath[placement].c_str(), lrpc2_default_table(), 30, &status);
@@ -263,7 +240,7 @@ BENCHMARK(BM_PingExchange)->Arg(0)->Arg(1)->UseRealTime();
 // The same bytes with blocking write and read on a plain socket.
 void BM_PingRawBlocking(benchmark::State& state) {
     const int placement = static_cast<int>(state.range(0));
-    Placement pin(placement);
+    const kvbench::Placement pin(placement);
     const int fd = rawConnect(gPath[placement]);
     const uint32_t hello = 2;
     uint32_t answer = 0;
@@ -289,7 +266,7 @@ BENCHMARK(BM_PingRawBlocking)->Arg(0)->Arg(1)->UseRealTime();
 
 void BM_ConnectHandshakeClose(benchmark::State& state) {
     const int placement = static_cast<int>(state.range(0));
-    Placement pin(placement);
+    const kvbench::Placement pin(placement);
     int32_t status = 0;
     for (auto _ : state) {
         lrpc2_conn* conn =
@@ -306,7 +283,7 @@ BENCHMARK(BM_ConnectHandshakeClose)->Arg(0)->Arg(1)->UseRealTime();
 
 void BM_ConnectRawBlocking(benchmark::State& state) {
     const int placement = static_cast<int>(state.range(0));
-    Placement pin(placement);
+    const kvbench::Placement pin(placement);
     const uint32_t hello = 2;
     uint32_t answer = 0;
     for (auto _ : state) {

@@ -1,6 +1,7 @@
 // Run-queue throughput: one producer (the benchmark thread) adds small items to a queue,
-// unbounded (max size 0) or bounded, one consumer zfw::Thread runs them; the time runs until
-// the consumer has run every item. Wall time and the CPU time of the whole process (both
+// unbounded (max size 0) or bounded, one consumer zfw::Thread runs them (a second argument
+// of 1 puts both on CPU 0, where the scheduler's placement cannot swing the figure); the time
+// runs until the consumer has run every item. Wall time and the CPU time of the whole process (both
 // threads) per item. Beside them the two costs a bounded add may carry: a walk over a list of
 // pending items and a yield of the CPU.
 #include <sched.h>
@@ -16,6 +17,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "placement.h"
 #include "zfw/exception.h"
 #include "zfw/runqueue.h"
 #include "zfw/thread.h"
@@ -51,6 +53,7 @@ void* consume(void* queue) {
 
 void BM_RunQueueOneProducerOneConsumer(benchmark::State& state) {
     const uint32_t bound = static_cast<uint32_t>(state.range(0));
+    const kvbench::Placement pin(static_cast<int>(state.range(1)));
     zfw::RunQueue queue(bound, true);
     zfw::Thread consumer;
     consumer.start("bench.consumer", consume, &queue);
@@ -80,9 +83,10 @@ void BM_RunQueueOneProducerOneConsumer(benchmark::State& state) {
         benchmark::Counter(static_cast<double>(refused) / static_cast<double>(added));
 }
 BENCHMARK(BM_RunQueueOneProducerOneConsumer)
-    ->Arg(0)
-    ->Arg(256)
-    ->Arg(4096)
+    ->Args({0, 0})
+    ->Args({0, 1})
+    ->Args({256, 0})
+    ->Args({4096, 0})
     ->MeasureProcessCPUTime()
     ->UseRealTime();
 
@@ -134,6 +138,7 @@ class StdRunQueue {
 };
 
 void BM_StdQueueOneProducerOneConsumer(benchmark::State& state) {
+    const kvbench::Placement pin(static_cast<int>(state.range(1)));
     StdRunQueue queue(static_cast<size_t>(state.range(0)));
     std::thread consumer([&queue] { queue.run(); });
     std::atomic<long> done{0};
@@ -150,9 +155,10 @@ void BM_StdQueueOneProducerOneConsumer(benchmark::State& state) {
     state.SetItemsProcessed(added);
 }
 BENCHMARK(BM_StdQueueOneProducerOneConsumer)
-    ->Arg(0)
-    ->Arg(256)
-    ->Arg(4096)
+    ->Args({0, 0})
+    ->Args({0, 1})
+    ->Args({256, 0})
+    ->Args({4096, 0})
     ->MeasureProcessCPUTime()
     ->UseRealTime();
 
