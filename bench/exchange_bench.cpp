@@ -5,17 +5,20 @@
 //  - lrpc2_connect_timeout + lrpc2_close against socket/connect/4-byte hello/close.
 // The argument picks the placement: 0 lets the scheduler spread client and peer over the
 // cores, 1 pins both to CPU 0 (no cross-core wake-up, so the client's own system calls
-// weigh more).
+// weigh more). Both loops report their system calls per round trip.
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -24,8 +27,75 @@
 #include "lrpc2/exchange.h"
 #include "lrpc2/msg.h"
 #include "lrpc2/table.h"
+#include "placement.h"
+
+// System calls that the client thread makes, counted by wrappers that take the place of the
+// C library's functions in this executable (the library's calls reach them too). Only the
+// calls of the thread that set gCounting are counted: the peers are other processes, and
+// the benchmark library's own threads do not count.
+enum Call { kSendmsg, kRecv, kPpoll, kWrite, kRead, kCalls };
+const char* const kCallNames[kCalls] = {"sendmsg", "recv", "ppoll", "write", "read"};
+thread_local bool gCounting = false;
+thread_local long gCalls[kCalls] = {};
+
+long counted(Call call, long result) {
+    if (gCounting) {
+        ++gCalls[call];
+    }
+    return result;
+}
+
+extern "C" {
+
+ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    return counted(kSendmsg, syscall(SYS_sendmsg, fd, message, flags));
+}
+
+ssize_t recv(int fd, void* data, size_t n, int flags) {
+    return counted(kRecv, syscall(SYS_recvfrom, fd, data, n, flags, nullptr, nullptr));
+}
+
+int ppoll(pollfd* fds, nfds_t n, const timespec* limit, const sigset_t* mask) {
+    return static_cast<int>(counted(kPpoll, syscall(SYS_ppoll, fds, n, limit, mask, _NSIG / 8)));
+}
+
+ssize_t write(int fd, const void* data, size_t n) {
+    return counted(kWrite, syscall(SYS_write, fd, data, n));
+}
+
+ssize_t read(int fd, void* data, size_t n) {
+    return counted(kRead, syscall(SYS_read, fd, data, n));
+}
+
+}  // extern "C"
 
 namespace {
+
+// Counts the calls of the timed loop and reports them per round trip.
+class CallCount {
+  public:
+    explicit CallCount(benchmark::State& state) : m_state(state) {
+        std::fill(std::begin(gCalls), std::end(gCalls), 0);
+        gCounting = true;
+    }
+    ~CallCount() {
+        gCounting = false;
+        const double trips = static_cast<double>(m_state.iterations());
+        long all = 0;
+        for (int c = 0; c < kCalls; ++c) {
+            all += gCalls[c];
+            if (gCalls[c] != 0 && trips > 0) {
+                m_state.counters[kCallNames[c]] = static_cast<double>(gCalls[c]) / trips;
+            }
+        }
+        m_state.counters["syscalls"] = trips > 0 ? static_cast<double>(all) / trips : 0;
+    }
+    CallCount(const CallCount&) = delete;
+    CallCount& operator=(const CallCount&) = delete;
+
+  private:
+    benchmark::State& m_state;
+};
 
 std::string gDir;
 std::string gPath[2];
@@ -55,13 +125,6 @@ bool writeExact(int fd, const void* data, size_t n) {
         n -= static_cast<size_t>(r);
     }
     return true;
-}
-
-void pinToCpu0() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(0, &set);
-    sched_setaffinity(0, sizeof set, &set);
 }
 
 // The peer: one connection at a time; answers the hello with 1 and every frame with an
@@ -111,7 +174,7 @@ bool startPeer(int placement) {
     const pid_t pid = fork();
     if (pid == 0) {
         if (placement == 1) {
-            pinToCpu0();
+            kvbench::pinToCpu0();
         }
         servePeer(listener);
     }
@@ -133,23 +196,6 @@ void stopPeers() {
     rmdir(gDir.c_str());
 }
 
-// Pins the calling thread for the pinned placement, restores its mask afterwards.
-class Placement {
-  public:
-    explicit Placement(int placement) {
-        sched_getaffinity(0, sizeof m_saved, &m_saved);
-        if (placement == 1) {
-            pinToCpu0();
-        }
-    }
-    ~Placement() { sched_setaffinity(0, sizeof m_saved, &m_saved); }
-    Placement(const Placement&) = delete;
-    Placement& operator=(const Placement&) = delete;
-
-  private:
-    cpu_set_t m_saved;
-};
-
 int rawConnect(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
@@ -166,7 +212,7 @@ int rawConnect(const std::string& path) {
 
 void BM_PingExchange(benchmark::State& state) {
     const int placement = static_cast<int>(state.range(0));
-    Placement pin(placement);
+    const kvbench::Placement pin(placement);
     int32_t status = 0;
     lrpc2_conn* conn =
         lrpc2_connect_timeout(gPath[placement].c_str(), lrpc2_default_table(), 30, &status);
@@ -176,6 +222,7 @@ void BM_PingExchange(benchmark::State& state) {
         state.SkipWithError("no connection to the peer");
         return;
     }
+    const CallCount calls(state);
     for (auto _ : state) {
         lrpc2_msg* reply = lrpc2_exchange_timeout(conn, ping, 30, &status);
         if (reply == nullptr) {
@@ -193,7 +240,7 @@ BENCHMARK(BM_PingExchange)->Arg(0)->Arg(1)->UseRealTime();
 // The same bytes with blocking write and read on a plain socket.
 void BM_PingRawBlocking(benchmark::State& state) {
     const int placement = static_cast<int>(state.range(0));
-    Placement pin(placement);
+    const kvbench::Placement pin(placement);
     const int fd = rawConnect(gPath[placement]);
     const uint32_t hello = 2;
     uint32_t answer = 0;
@@ -205,6 +252,7 @@ void BM_PingRawBlocking(benchmark::State& state) {
     lrpc2_frame_stamp(frame, sizeof frame);
     frame[8] = LRPC2_ID_KV_PING;
     uint8_t reply[11];
+    const CallCount calls(state);
     for (auto _ : state) {
         if (write(fd, frame, sizeof frame) != sizeof frame || !readExact(fd, reply, sizeof reply)) {
             state.SkipWithError("ping-pong failed");
@@ -218,7 +266,7 @@ BENCHMARK(BM_PingRawBlocking)->Arg(0)->Arg(1)->UseRealTime();
 
 void BM_ConnectHandshakeClose(benchmark::State& state) {
     const int placement = static_cast<int>(state.range(0));
-    Placement pin(placement);
+    const kvbench::Placement pin(placement);
     int32_t status = 0;
     for (auto _ : state) {
         lrpc2_conn* conn =
@@ -235,7 +283,7 @@ BENCHMARK(BM_ConnectHandshakeClose)->Arg(0)->Arg(1)->UseRealTime();
 
 void BM_ConnectRawBlocking(benchmark::State& state) {
     const int placement = static_cast<int>(state.range(0));
-    Placement pin(placement);
+    const kvbench::Placement pin(placement);
     const uint32_t hello = 2;
     uint32_t answer = 0;
     for (auto _ : state) {

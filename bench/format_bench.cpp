@@ -68,12 +68,44 @@ void BM_FormatFloat(benchmark::State& state, Impl impl) {
 BENCHMARK_CAPTURE(BM_FormatFloat, zfw, kZfw);
 BENCHMARK_CAPTURE(BM_FormatFloat, libc, kLibc);
 
+// One floating-point case printed by both formatters, as a table row.
+void compareRow(const char* format, const char* shown, double value) {
+    char ours[512];
+    char theirs[512];
+    snprintf(ours, sizeof ours, format, value);
+    gLibc(theirs, sizeof theirs, format, value);
+    printf("| `%s` | %s | `%s` | `%s` | %s |\n", format, shown, ours, theirs,
+           strcmp(ours, theirs) == 0 ? "same" : "differs");
+}
+
+// The outputs of both for floating-point conversions, where the framework's formatter prints
+// fixed point for every conversion, rounds half up in double precision and makes its digits by
+// division in double precision.
+void compareFloats() {
+    printf("| Format | Value | Ours | C library | |\n|---|---|---|---|---|\n");
+    compareRow("%f", "3.14159265358979", 3.14159265358979);
+    compareRow("%.3f", "-2.5e-3", -2.5e-3);
+    compareRow("%.10f", "123456.789", 123456.789);
+    compareRow("%.1f", "0.25", 0.25);
+    compareRow("%.0f", "2.5", 2.5);
+    compareRow("%.2f", "1.005", 1.005);
+    compareRow("%.17f", "0.1", 0.1);
+    compareRow("%.20f", "0.1", 0.1);
+    compareRow("%f", "1e22", 1e22);
+    compareRow("%e", "1234.5", 1234.5);
+    compareRow("%g", "0.0001", 0.0001);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     gLibc = reinterpret_cast<SnprintfFn>(dlsym(RTLD_NEXT, "snprintf"));
     if (gLibc == &snprintf) {
         gLibc = nullptr;
+    }
+    if (argc == 2 && strcmp(argv[1], "--compare-floats") == 0 && gLibc != nullptr) {
+        compareFloats();
+        return 0;
     }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

@@ -4,6 +4,7 @@
 
 #include "lrpc2/status.h"
 #include "msg_internal.h"
+#include "spare.h"
 
 namespace {
 
@@ -14,10 +15,18 @@ void set_status(int32_t* out, int32_t status) {
 }
 
 lrpc2_msg* new_record(const lrpc2_msg_table* table, uint32_t header_len) {
-    lrpc2_msg* msg = static_cast<lrpc2_msg*>(calloc(1, sizeof(lrpc2_msg)));
+    // Every field set one by one: a cleared allocation (calloc, or what the compiler makes of
+    // malloc and memset) bypasses the allocator's per-thread cache.
+    lrpc2_msg* msg = static_cast<lrpc2_msg*>(malloc(sizeof(lrpc2_msg)));
     if (msg != nullptr) {
+        msg->state = 0;
         msg->table = table;
+        msg->flags = 0;
         msg->header_len = header_len;
+        msg->u.build.open_set = 0;
+        msg->u.build.set_count = 0;
+        msg->u.build.count_pos = 0;
+        bytebuf_init(&msg->u.build.buf, 0);
     }
     return msg;
 }
@@ -96,7 +105,10 @@ lrpc2_msg* lrpc2_msg_parse(uint8_t* bytes, uint32_t length, int copy, const lrpc
     }
     uint8_t* data = bytes;
     if (copy) {
-        data = static_cast<uint8_t*>(malloc(length));
+        data = lrpc2_spare_take(length);
+        if (data == nullptr) {
+            data = static_cast<uint8_t*>(malloc(length));
+        }
         if (data == nullptr) {
             free(msg);
             set_status(status, LRPC2_MSG_NOMEM);
@@ -121,8 +133,11 @@ void lrpc2_msg_free(lrpc2_msg* msg) {
         if (secure) {
             explicit_bzero(msg->u.done.data,
                            static_cast<size_t>(msg->u.done.end - msg->u.done.data));
+            free(msg->u.done.data);
+        } else {
+            lrpc2_spare_free(msg->u.done.data,
+                             static_cast<size_t>(msg->u.done.end - msg->u.done.data));
         }
-        free(msg->u.done.data);
     } else {
         bytebuf_release(&msg->u.build.buf, secure);
     }

@@ -4,6 +4,7 @@
 
 #include "lrpc2/status.h"
 #include "msg_internal.h"
+#include "spare.h"
 
 namespace {
 
@@ -56,8 +57,18 @@ int32_t read_string(lrpc2_reader* r, char** out) {
 // Set members that would end the handed-out array early (a null text in a string set, a pair of
 // two nulls in a key-value set) are handed out as the empty text, so no member is lost.
 int32_t empty_text(char** out) {
-    *out = static_cast<char*>(calloc(1, 1));
-    return *out != nullptr ? 0 : LRPC2_MSG_NOMEM;
+    *out = static_cast<char*>(malloc(1));
+    if (*out == nullptr) {
+        return LRPC2_MSG_NOMEM;
+    }
+    **out = '\0';
+    return 0;
+}
+
+// An array of count + 1 entries whose last one ends it; the others are filled by the caller.
+// count is 32 bits wide, so the size cannot overflow.
+void* new_array(uint32_t count, size_t entry) {
+    return malloc((static_cast<size_t>(count) + 1) * entry);
 }
 
 int32_t get_text(lrpc2_msg* msg, uint8_t tag, char** text) {
@@ -142,7 +153,10 @@ int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length) {
         return LRPC2_MSG_NODATA;
     }
     // An empty blob still gets a block of its own, so it stays distinct from the null blob.
-    uint8_t* block = static_cast<uint8_t*>(malloc(n != 0 ? n : 1));
+    uint8_t* block = lrpc2_spare_take(n);
+    if (block == nullptr) {
+        block = static_cast<uint8_t*>(malloc(n != 0 ? n : 1));
+    }
     if (block == nullptr) {
         return LRPC2_MSG_NOMEM;
     }
@@ -163,11 +177,14 @@ int32_t lrpc2_get_string_set(lrpc2_msg* msg, char*** texts) {
     if (rc != 0) {
         return rc;
     }
-    char** array = static_cast<char**>(calloc(static_cast<size_t>(count) + 1, sizeof(char*)));
+    auto** array = static_cast<char**>(new_array(count, sizeof(char*)));
     if (array == nullptr) {
         return LRPC2_MSG_NOMEM;
     }
+    array[count] = nullptr;
     for (uint32_t i = 0; i < count; ++i) {
+        // Null until read, so that a failure here ends the array for its release.
+        array[i] = nullptr;
         rc = read_string(&r, &array[i]);
         if (rc == 0 && array[i] == nullptr) {
             rc = empty_text(&array[i]);
@@ -191,23 +208,28 @@ int32_t lrpc2_get_kv_set(lrpc2_msg* msg, lrpc2_kv** pairs) {
     if (rc != 0) {
         return rc;
     }
-    lrpc2_kv* array =
-        static_cast<lrpc2_kv*>(calloc(static_cast<size_t>(count) + 1, sizeof(lrpc2_kv)));
+    auto* array = static_cast<lrpc2_kv*>(new_array(count, sizeof(lrpc2_kv)));
     if (array == nullptr) {
         return LRPC2_MSG_NOMEM;
     }
-    for (uint32_t i = 0; i < count && rc == 0; ++i) {
-        rc = read_string(&r, &array[i].key);
+    array[count] = lrpc2_kv{nullptr, nullptr};
+    for (uint32_t i = 0; i < count; ++i) {
+        lrpc2_kv& pair = array[i];
+        // Null until read: a pair that fails halfway keeps only what was read, and the array
+        // ends after it for its release.
+        pair = lrpc2_kv{nullptr, nullptr};
+        rc = read_string(&r, &pair.key);
         if (rc == 0) {
-            rc = read_string(&r, &array[i].value);
+            rc = read_string(&r, &pair.value);
         }
-        if (rc == 0 && array[i].key == nullptr && array[i].value == nullptr) {
-            rc = empty_text(&array[i].key);
+        if (rc == 0 && pair.key == nullptr && pair.value == nullptr) {
+            rc = empty_text(&pair.key);
         }
-    }
-    if (rc != 0) {
-        lrpc2_free_kv_set(array, lrpc2_msg_secure(msg));
-        return rc;
+        if (rc != 0) {
+            array[i + 1] = lrpc2_kv{nullptr, nullptr};
+            lrpc2_free_kv_set(array, lrpc2_msg_secure(msg));
+            return rc;
+        }
     }
     *pairs = array;
     return finish_get(msg, r);

@@ -2,6 +2,7 @@
 #ifndef LRPC2_MSG_INTERNAL_H
 #define LRPC2_MSG_INTERNAL_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -79,12 +80,21 @@ inline void lrpc2_msg_set_secure(lrpc2_msg* msg) {
     msg->flags |= LRPC2_MSGF_SECURE;
 }
 
-/* Appends n bytes (none for null data) to a message under construction. A secure message's
- * buffer grows with its old block wiped; the append then finds the room reserved. */
+/* Appends n bytes (none for null data) to a message under construction. When the room is
+ * there, the bytes go straight in; otherwise one reservation makes it, and a secure message's
+ * buffer then grows with its old block wiped. */
 inline bool lrpc2_msg_append(lrpc2_msg* msg, uint32_t n, const void* data) {
+    if (data == nullptr) {
+        return true;
+    }
     lrpc2_bytebuf* buf = &msg->u.build.buf;
-    return data == nullptr ||
-           (bytebuf_reserve_wipe(buf, n, lrpc2_msg_secure(msg)) && bytebuf_append(buf, n, data));
+    if ((buf->start == nullptr || buf->end - buf->pos <= static_cast<ptrdiff_t>(n)) &&
+        !bytebuf_reserve_wipe(buf, n, lrpc2_msg_secure(msg))) {
+        return false;
+    }
+    memcpy(buf->pos, data, n);
+    buf->pos += n;
+    return true;
 }
 
 inline bool lrpc2_msg_append_byte(lrpc2_msg* msg, uint8_t byte) {

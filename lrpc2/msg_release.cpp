@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "lrpc2/msg.h"
+#include "spare.h"
 
 extern "C" {
 
@@ -49,10 +50,14 @@ void lrpc2_free_block(void* block, uint32_t length, int wipe) {
     if (block == nullptr) {
         return;
     }
-    if (wipe && length != 0) {
-        explicit_bzero(block, length);
+    if (wipe) {
+        if (length != 0) {
+            explicit_bzero(block, length);
+        }
+        free(block);
+    } else {
+        lrpc2_spare_free(block, length);
     }
-    free(block);
 }
 
 void lrpc2_wipe_free(void* block, uint32_t length) {

@@ -418,8 +418,10 @@ TEST(Lrpc2Bytebuf, WipingGrowthAndDetachLeaveNoCopyBehind) {
         uint8_t* block = bytebuf_detach_wipe(&buf.b, wipe);
         const alloc_hooks::State seen = alloc_hooks::state();
         alloc_hooks::clear_pattern();
-        EXPECT_EQ(seen.pattern_reallocs, wipe ? 0u : 2u);
-        EXPECT_EQ(seen.pattern_frees, 0u);
+        // Without wiping, the growth reallocates and the detach (a short buffer) copies to a
+        // new block and frees the old one, both with the bytes left in.
+        EXPECT_EQ(seen.pattern_reallocs, wipe ? 0u : 1u);
+        EXPECT_EQ(seen.pattern_frees, wipe ? 0u : 1u);
         ASSERT_NE(block, nullptr);
         EXPECT_LT(malloc_usable_size(block), 1712u);
         EXPECT_EQ(memcmp(block, secret.data(), secret.size()), 0);

@@ -71,15 +71,19 @@ Mutex::~Mutex() noexcept(false) {
     check(pthread_cond_destroy(&m_cond));
 }
 
+// Depth and owner change only under the mutex, so plain loads and stores suffice (no locked
+// read-modify-write); they are atomic only for the readers that do not hold it.
 void Mutex::lock() {
     check(pthread_mutex_lock(&m_mutex));
     ++tHeld;
-    m_depth.fetch_add(1, std::memory_order_relaxed);
+    m_depth.store(m_depth.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     m_owner.store(pthread_self(), std::memory_order_relaxed);
 }
 
 void Mutex::unlock() {
-    if (m_depth.fetch_sub(1, std::memory_order_relaxed) == 1) {
+    const int32_t depth = m_depth.load(std::memory_order_relaxed);
+    m_depth.store(depth - 1, std::memory_order_relaxed);
+    if (depth == 1) {
         m_owner.store(0, std::memory_order_relaxed);
     }
     check(pthread_mutex_unlock(&m_mutex));
@@ -93,15 +97,17 @@ bool Mutex::trylock() {
     }
     check(err);
     ++tHeld;
-    m_depth.fetch_add(1, std::memory_order_relaxed);
+    m_depth.store(m_depth.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     m_owner.store(pthread_self(), std::memory_order_relaxed);
     return true;
 }
 
 bool Mutex::wait(const struct timespec* deadline) {
     // The condition wait releases the mutex, so it must not look held meanwhile.
-    const int32_t depth = m_depth.exchange(0, std::memory_order_relaxed);
-    const pthread_t owner = m_owner.exchange(0, std::memory_order_relaxed);
+    const int32_t depth = m_depth.load(std::memory_order_relaxed);
+    const pthread_t owner = m_owner.load(std::memory_order_relaxed);
+    m_depth.store(0, std::memory_order_relaxed);
+    m_owner.store(0, std::memory_order_relaxed);
     const int err = deadline != nullptr ? pthread_cond_timedwait(&m_cond, &m_mutex, deadline)
                                         : pthread_cond_wait(&m_cond, &m_mutex);
     m_depth.store(depth, std::memory_order_relaxed);

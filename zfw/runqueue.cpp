@@ -89,7 +89,7 @@ void RunQueue::run(int timeoutSeconds) {
                 lock.release();
                 ZFW_THROW(QueueInterrupted, 0, !m_quiet, "QueueInterrupted");
             }
-            item = m_items.front();
+            item = std::move(m_items.front());
             m_items.pop_front();
         }
         try {
