@@ -51,6 +51,13 @@ void* consume(void* queue) {
     return nullptr;
 }
 
+// Both queues at the same sizes (max size, 0 unbounded) and placements (1: both threads on
+// CPU 0).
+void queueSizes(benchmark::internal::Benchmark* b) {
+    b->Args({0, 0})->Args({0, 1})->Args({256, 0})->Args({4096, 0});
+    b->MeasureProcessCPUTime()->UseRealTime();
+}
+
 void BM_RunQueueOneProducerOneConsumer(benchmark::State& state) {
     const uint32_t bound = static_cast<uint32_t>(state.range(0));
     const kvbench::Placement pin(static_cast<int>(state.range(1)));
@@ -82,13 +89,7 @@ void BM_RunQueueOneProducerOneConsumer(benchmark::State& state) {
     state.counters["refused_per_item"] =
         benchmark::Counter(static_cast<double>(refused) / static_cast<double>(added));
 }
-BENCHMARK(BM_RunQueueOneProducerOneConsumer)
-    ->Args({0, 0})
-    ->Args({0, 1})
-    ->Args({256, 0})
-    ->Args({4096, 0})
-    ->MeasureProcessCPUTime()
-    ->UseRealTime();
+BENCHMARK(BM_RunQueueOneProducerOneConsumer)->Apply(queueSizes);
 
 // What a user would otherwise write: a std::deque (bounded unless the bound is 0) under a
 // std::mutex with two condition variables, the producer blocking while it is full, the consumer
@@ -154,13 +155,7 @@ void BM_StdQueueOneProducerOneConsumer(benchmark::State& state) {
     consumer.join();
     state.SetItemsProcessed(added);
 }
-BENCHMARK(BM_StdQueueOneProducerOneConsumer)
-    ->Args({0, 0})
-    ->Args({0, 1})
-    ->Args({256, 0})
-    ->Args({4096, 0})
-    ->MeasureProcessCPUTime()
-    ->UseRealTime();
+BENCHMARK(BM_StdQueueOneProducerOneConsumer)->Apply(queueSizes);
 
 // Counting the pending items by walking a list of state.range(0) of them.
 void BM_ListWalk(benchmark::State& state) {
