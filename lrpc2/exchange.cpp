@@ -32,10 +32,7 @@ lrpc2_msg* read_reply(const lrpc2_conn* conn, int32_t timeout, int32_t* status) 
     if (magic != LRPC2_MAGIC || length < LRPC2_HEADER_LEN || length > LRPC2_MAX_REPLY_LEN) {
         return fail(status, LRPC2_ERR_SOCKET);
     }
-    uint8_t* block = lrpc2_spare_take(length);
-    if (block == nullptr) {
-        block = static_cast<uint8_t*>(malloc(length));
-    }
+    uint8_t* block = lrpc2_spare_alloc(length);
     if (block == nullptr) {
         return fail(status, LRPC2_ERR_NOMEM);
     }

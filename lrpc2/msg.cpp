@@ -105,10 +105,7 @@ lrpc2_msg* lrpc2_msg_parse(uint8_t* bytes, uint32_t length, int copy, const lrpc
     }
     uint8_t* data = bytes;
     if (copy) {
-        data = lrpc2_spare_take(length);
-        if (data == nullptr) {
-            data = static_cast<uint8_t*>(malloc(length));
-        }
+        data = lrpc2_spare_alloc(length);
         if (data == nullptr) {
             free(msg);
             set_status(status, LRPC2_MSG_NOMEM);

@@ -153,10 +153,7 @@ int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length) {
         return LRPC2_MSG_NODATA;
     }
     // An empty blob still gets a block of its own, so it stays distinct from the null blob.
-    uint8_t* block = lrpc2_spare_take(n);
-    if (block == nullptr) {
-        block = static_cast<uint8_t*>(malloc(n != 0 ? n : 1));
-    }
+    uint8_t* block = lrpc2_spare_alloc(n);
     if (block == nullptr) {
         return LRPC2_MSG_NOMEM;
     }

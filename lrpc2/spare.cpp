@@ -50,6 +50,11 @@ uint8_t* lrpc2_spare_take(size_t size) {
     return nullptr;
 }
 
+uint8_t* lrpc2_spare_alloc(size_t size) {
+    uint8_t* block = lrpc2_spare_take(size);
+    return block != nullptr ? block : static_cast<uint8_t*>(malloc(size != 0 ? size : 1));
+}
+
 void lrpc2_spare_free(void* block, size_t size) {
     if (block == nullptr) {
         return;

@@ -12,6 +12,10 @@
  * are never kept). The caller owns it and may free() it. */
 uint8_t* lrpc2_spare_take(size_t size);
 
+/* A block of at least `size` bytes (one for 0): a kept one when there is one, else from
+ * malloc; null when that fails. */
+uint8_t* lrpc2_spare_alloc(size_t size);
+
 /* Frees a block from malloc of at least `size` bytes, keeping it for a later lrpc2_spare_take
  * when it is large. */
 void lrpc2_spare_free(void* block, size_t size);
