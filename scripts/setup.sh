@@ -20,7 +20,7 @@ build=(cmake ninja-build g++ libboost-dev nlohmann-json3-dev)
 profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;
-  test) packages=("${build[@]}" libgtest-dev libgmock-dev util-linux valgrind dpkg-dev file
+  test) packages=("${build[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind dpkg-dev file
                   pkgconf groff-base man-db) ;;
   # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table.
   bench) packages=("${build[@]}" libbenchmark-dev libprotobuf-dev protobuf-compiler python3) ;;

@@ -20,6 +20,7 @@ namespace {
 
 const std::string kKvctl = KV_BIN_DIR "/tools/kvctl/kvctl";
 const char kSocket[] = "{socket}";  // replaced by the case's socket in kvctl's arguments
+const char kUsage[] = "{usage}";    // at the end of `err`: replaced by what --help prints
 
 struct CtlCase {
     const char* name;
@@ -28,7 +29,7 @@ struct CtlCase {
     int status;
     std::string
         out;  // exact text; a JSON text is compared as parsed; a regex when it starts with ^
-    std::string err;  // the start of standard error
+    std::string err;  // exact text
 };
 
 std::vector<std::string> words(const char* text) {
@@ -94,12 +95,6 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
          2,
          R"({"reload_result": 7})",
          "kvctl: reload: the daemon answered 7\n"},
-        {"stop",
-         "--exit-on-stop",
-         {"--socket", kSocket, "stop"},
-         0,
-         "Zantor Kavelo daemon stopped successfully.\n",
-         ""},
         {"stop json",
          "--exit-on-stop",
          {"--json", "--socket", kSocket, "stop"},
@@ -119,12 +114,6 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
          1,
          "",
          std::string("kvctl: status: ") + kUnreachable + "\n"},
-        {"stop, not reachable",
-         nullptr,
-         {"--socket", kSocket, "stop"},
-         1,
-         "",
-         std::string(kUnreachable) + ".\n"},
         {"authentication refused",
          "--auth --auth-answer one-path",
          {"--socket", kSocket, "ping"},
@@ -136,7 +125,7 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
          {"--socket", kSocket, "status"},
          2,
          "",
-         "kvctl: status: Error reading string"},
+         "kvctl: status: Error reading string from request message\n"},
         {"time-out of this run",
          "--fault silent-request",
          {"--timeout", "1", "--socket", kSocket, "ping"},
@@ -148,21 +137,29 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
          {"restart"},
          2,
          "",
-         "kvctl: unknown command: 'restart'\nUsage: kvctl "},
+         std::string("kvctl: unknown command: 'restart'\n") + kUsage},
         {"unknown option",
          nullptr,
          {"--force", "stop"},
          2,
          "",
-         "kvctl: unknown option or missing argument: --force\nUsage: kvctl "},
+         std::string("kvctl: unknown option or missing argument: --force\n") + kUsage},
         {"bad time-out",
          nullptr,
          {"--timeout", "-1", "ping"},
          2,
          "",
-         "kvctl: bad time-out: '-1'\nUsage: kvctl "},
-        {"two commands", nullptr, {"ping", "stop"}, 2, "", "kvctl: one command only\nUsage: "},
+         std::string("kvctl: bad time-out: '-1'\n") + kUsage},
+        {"two commands",
+         nullptr,
+         {"ping", "stop"},
+         2,
+         "",
+         std::string("kvctl: one command only\n") + kUsage},
     };
+    const kvtest::ProgramResult help = kvtest::runProgram({kKvctl, "--help"});
+    ASSERT_EQ(help.status, 0);
+    ASSERT_EQ(help.out.rfind("Usage: kvctl ", 0), 0u) << help.out;
     for (const CtlCase& c : cases) {
         SCOPED_TRACE(c.name);
         kvtest::TempDir dir;
@@ -180,8 +177,12 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
         const kvtest::ProgramResult r = kvtest::runProgram(argv);
         EXPECT_EQ(r.status, c.status);
         expectOutput(c.out, r.out);
-        EXPECT_EQ(r.err.substr(0, c.err.size()), c.err) << r.err;
-        EXPECT_EQ(r.err.empty(), c.err.empty()) << r.err;
+        std::string err = c.err;
+        const size_t usage = err.find(kUsage);
+        if (usage != std::string::npos) {
+            err.replace(usage, sizeof kUsage - 1, help.out);
+        }
+        EXPECT_EQ(r.err, err);
     }
 }
 

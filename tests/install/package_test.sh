@@ -90,6 +90,9 @@ rc=0
 out=$(as_root kvstop 2>&1) || rc=$?
 check "kvstop exits 0 (status $rc)" test "$rc" = 0
 check "kvstop says it stopped the daemon" test "$out" = "Zantor Kavelo daemon stopped successfully."
+for _ in $(seq 100); do kill -0 "$daemon" 2>/dev/null || break; sleep 0.05; done
+check "kvdsim exits after the stop request" bash -c '! kill -0 "$1" 2>/dev/null' _ "$daemon"
+kill -KILL "$daemon" 2>/dev/null || true
 wait "$daemon" 2>/dev/null || true
 daemon=
 

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Usage: hermetic.sh [--devlog] CMD [ARGS...]
-# Runs CMD as root in private mount and pid namespaces in which /etc and /var are
-# writable overlays, and /etc/zantorkv, /var/zantorkv and /var/zantormx are empty
-# tmpfs directories. With --devlog, /dev is private too, so CMD may bind its own
+# Runs CMD as root in private mount, pid and network namespaces (loopback up) in which
+# /etc and /var are writable overlays, and /etc/zantorkv, /var/zantorkv and /var/zantormx
+# are empty tmpfs directories. With --devlog, /dev is private too, so CMD may bind its own
 # /dev/log. The host's files are never changed; every process left behind ends with CMD,
 # and everything in the namespaces dies with the caller of this script.
 set -euo pipefail
@@ -16,7 +16,7 @@ if [ "${KV_HERMETIC_INSIDE:-}" != 1 ]; then
   [ -n "$T" ] && [ -d "$T" ] || { echo "hermetic.sh: no temporary directory" >&2; exit 2; }
   rc=0
   KV_HERMETIC_INSIDE=1 KV_HERMETIC_T="$T" KV_HERMETIC_DEVLOG=$devlog \
-    setpriv --pdeathsig KILL unshare -m -p --kill-child --mount-proc --propagation private \
+    setpriv --pdeathsig KILL unshare -m -p -n --kill-child --mount-proc --propagation private \
     "$0" "$@" || rc=$?
   # The namespace is gone: its mounts went with it, only the empty directory is left.
   rmdir "$T/etc.up" "$T/etc.wk" "$T/var.up" "$T/var.wk" "$T/olddev" 2>/dev/null || true
@@ -25,6 +25,7 @@ if [ "${KV_HERMETIC_INSIDE:-}" != 1 ]; then
 fi
 
 T=${KV_HERMETIC_T:?}
+ip link set lo up
 mount -t tmpfs -o mode=755 kvhermetic "$T"
 mkdir -p "$T/etc.up" "$T/etc.wk" "$T/var.up" "$T/var.wk"
 mount -t overlay overlay -o "lowerdir=/etc,upperdir=$T/etc.up,workdir=$T/etc.wk" /etc
