@@ -1,5 +1,5 @@
-// Loggers: the registry, levels and their cache, thread tags, and the records that reach a
-// private "/dev/log" as syslog datagrams.
+// Loggers: the registry, levels and their cache, and the records that reach a private
+// "/dev/log" as syslog datagrams.
 #include <gtest/gtest.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -32,15 +32,20 @@ kvtest::SyslogSink& sink() {
     return s;
 }
 
+// The process-wide store loaded from an empty file, before the first record would load it
+// (a missing file is reported at ERROR).
+void loadEmptyConfigFile() {
+    std::ofstream(zfw::Properties::gConfigPath).close();
+    zfw::Properties::getProperties(false);
+}
+
 class LoggerTest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (!kvtest::insideHermeticDevLog()) {
             return;  // the test body runs itself again inside
         }
-        // An empty configuration, loaded before the first record would load it.
-        std::ofstream(zfw::Properties::gConfigPath).close();
-        zfw::Properties::getProperties(false);
+        loadEmptyConfigFile();
         sink().take();
     }
 };
@@ -109,13 +114,6 @@ void configureFrom(const std::string& text) {
     props.parse(in, true);
 }
 
-// The process-wide store loaded from an empty file, before the first record would load it
-// (a missing file is reported at ERROR).
-void loadEmptyConfigFile() {
-    std::ofstream(zfw::Properties::gConfigPath).close();
-    zfw::Properties::getProperties(false);
-}
-
 std::vector<std::string> complaints() {
     return sink().takeTexts("com.zantor.logger");
 }
@@ -149,6 +147,9 @@ TEST_F(LogConfigTest, LevelsFollowTheProperties) {
     EXPECT_EQ(sink().takeTexts(),
               (std::vector<std::string>{"ERROR a.b shown", "DEBUG zkv.cli.kvstop debug shown"}));
     EXPECT_TRUE(complaints().empty());
+    // The next configuration forgets every level of the last, cached ones included.
+    configureFrom("log=warn\n");
+    EXPECT_EQ(Logger::get("a.b")->effectiveLevel(), Logger::WARN);
 }
 
 TEST_F(LogConfigTest, BadLevelsAreReportedAndSkipped) {
@@ -169,7 +170,7 @@ TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
     configureFrom(
         "logger.facility.*=bogus\n"
         "logger.facility.*.=local2\n"
-        "logger.facility.*.net.x=local3\n"
+        "logger.facility.*.net.x=Local3\n"
         "logger.facility.*.net.y=nope\n");
     EXPECT_EQ(complaints(),
               (std::vector<std::string>{
@@ -187,6 +188,9 @@ TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
         priorities.push_back(r.priority);
     }
     EXPECT_EQ(priorities, (std::vector<int>{156, 38}));
+    // The program's own key comes after "*" and overrides it.
+    configureFrom("logger.facility.*=daemon\nlogger.facility." + zfw::processName() + "=local1\n");
+    EXPECT_EQ(Logger::get("")->facility(), LOG_LOCAL1);
 }
 
 // The first record of the process decides about openlog from "logger.openlog.<program>";
@@ -233,9 +237,9 @@ TEST_F(LogConfigTest, ComplaintsUnderTheLoadDecideAboutOpenlog) {
 }  // namespace
 
 // The log queue and its background thread, writing real syslog datagrams to a private
-// "/dev/log": starting and stopping, records formatted on the logging thread, overflow
-// while syslog blocks (records dropped, the warning in their place, no deadlock), and
-// stopQueue and shutdown writing what is still queued. Every case runs in private namespaces.
+// "/dev/log": a size of 0 keeps delivery direct; overflow while syslog blocks drops records
+// with the warning in their place, and stopQueue writes what is still queued. Every case
+// runs in private namespaces.
 namespace {
 
 const char kDropWarning[] =

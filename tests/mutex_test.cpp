@@ -1,10 +1,8 @@
-// zfw::Mutex, zfw::MaxWaitMutex, zfw::MutexLock and zfw::lazyMutex with real threads.
+// zfw::Mutex, zfw::MaxWaitMutex and zfw::MutexLock (with its timed wait) with real threads.
 #include <pthread.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -12,7 +10,6 @@
 #include "support/wait.h"
 #include "zfw/exception.h"
 #include "zfw/mutex.h"
-#include "zfw/thread.h"
 
 namespace {
 
@@ -24,16 +21,6 @@ void onOtherThread(F body) {
     std::thread t(body);
     t.join();
 }
-
-// Simulates a process without the thread library for the length of a scope.
-class WithoutThreadLibrary {
-  public:
-    WithoutThreadLibrary() {
-        zfw::threadsSupported();
-        zfw::Thread::m_threadsSupported = false;
-    }
-    ~WithoutThreadLibrary() { zfw::Thread::m_threadsSupported = true; }
-};
 
 TEST(Mutex, NestingKeepsDepthAndOwner) {
     zfw::Mutex m;
@@ -92,6 +79,10 @@ TEST(MaxWaitMutex, RefusesContendersBeyondTheLimit) {
     }
     EXPECT_EQ(m.waiting(), 0);
     EXPECT_EQ(m.depth(), 0);
+
+    zfw::MaxWaitMutex unlimited(0);  // 0: no limit
+    unlimited.lock();
+    unlimited.unlock();
 }
 
 TEST(MutexLock, HoldsForTheScopeAndReleasesOnce) {
@@ -109,7 +100,10 @@ TEST(MutexLock, HoldsForTheScopeAndReleasesOnce) {
     {
         zfw::MutexLock outer(m);
         zfw::MutexLock inner(m);
+        // A deadline that has passed: false, with the mutex held as before the wait.
+        EXPECT_FALSE(inner.wait(-1, 0));
         EXPECT_EQ(m.depth(), 2);
+        EXPECT_TRUE(pthread_equal(m.owner(), pthread_self()));
     }
     EXPECT_EQ(m.depth(), 0);
     onOtherThread([&] {

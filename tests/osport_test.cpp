@@ -23,17 +23,9 @@
 
 namespace {
 
-std::vector<long> lrand48Sequence(long seed, size_t n) {
-    srand48(seed);
-    std::vector<long> values(n);
-    for (long& v : values) {
-        v = lrand48();
-    }
-    return values;
-}
-
 TEST(OsportRandom, RandomFollowsLrand48AfterTheSameSeed) {
-    std::vector<long> expected = lrand48Sequence(7, 4);
+    srand48(7);
+    const std::vector<long> expected = {lrand48(), lrand48(), lrand48(), lrand48()};
     srandom(7);
     EXPECT_EQ(random(), expected[0]);
     EXPECT_EQ(random(), expected[1]);
@@ -124,6 +116,25 @@ TEST(OsportFsIds, ReadWithoutChangingAndSet) {
         EXPECT_EQ(zfw::getFsGid(), getegid());
     });
     worker.join();
+}
+
+// The cached down state expires after the stale limit, for the override thread after its own.
+TEST(OsportCachedDns, DownStateExpires) {
+    KV_REQUIRE_HERMETIC_DEVLOG();
+    kvtest::SyslogSink sink;
+    zfw::setDnsState(false);
+    zfw::setDnsOverrideThread();
+    EXPECT_FALSE(zfw::isDnsUp());
+    zfw::setDnsStaleTimes(1000, -1);
+    EXPECT_TRUE(zfw::isDnsUp());
+    std::thread([] { EXPECT_FALSE(zfw::isDnsUp()); }).join();
+    zfw::setDnsStaleTimes(-1, 1000);
+    std::thread([] { EXPECT_TRUE(zfw::isDnsUp()); }).join();
+    EXPECT_TRUE(zfw::isDnsUp()) << "the stale state was reset to up";
+    EXPECT_EQ(sink.takeTexts(" dns.state "),
+              (std::vector<std::string>{
+                  "INFO  dns.state DNS is down",
+                  "INFO  dns.state Cached DNS state is stale, resetting to: DNS is up"}));
 }
 
 }  // namespace

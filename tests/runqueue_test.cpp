@@ -1,26 +1,24 @@
-// zfw::RunQueue with real consumer threads: the bound, duplicate replacement, time-outs,
-// draining, interruption with several consumers, items that throw, contention, and the
-// registry. The cases that read the queue's records run in private namespaces with their own
-// "/dev/log" and configuration file (for the levels).
+// zfw::RunQueue: the bound, duplicate replacement, the time-out, draining, interruption and
+// items that throw. The case that reads the queue's records runs in private namespaces with
+// its own "/dev/log" and configuration file (for the levels).
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <boost/make_shared.hpp>
 
 #include "support/hermetic.h"
 #include "support/syslog_sink.h"
-#include "support/wait.h"
 #include "support/zfw_config.h"
 #include "zfw/exception.h"
 #include "zfw/runqueue.h"
-#include "zfw/thread.h"
 
 namespace {
 
@@ -124,16 +122,26 @@ TEST_F(RunQueueTest, UniqueItemsReplaceTheirPendingTwin) {
     EXPECT_TRUE(sink.takeTexts("util.runqueue").empty());
 }
 
-TEST_F(RunQueueTest, TimeOutReturnsWithTheQueueEmpty) {
+TEST_F(RunQueueTest, TimeOutInterruptionAndFailingItems) {
     zfw::RunQueue queue(0, true);
-    queue.run(1);
-    EXPECT_TRUE(journal().empty());
+    // The deadline is the start second plus one: run(1) returns only once the clock got there.
+    const time_t before = time(nullptr);
+    auto consumer = std::async(std::launch::async, [&] { queue.run(1); });
+    if (consumer.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        queue.interrupt();  // ends the consumer, so that the future can be destroyed
+        FAIL() << "run(1) on an empty queue did not return within 10 s";
+    }
+    EXPECT_GE(time(nullptr), before + 1);
 
-    // An item that arrives while the consumer waits is run.
-    std::thread producer([&] { queue.add(step("late")); });
-    queue.run(1);
-    producer.join();
-    EXPECT_EQ(journal(), std::vector<std::string>{"late"});
+    // An item that throws does not stop the consumer; an interruption keeps pending items.
+    queue.add(boost::make_shared<Call>([] { ZFW_THROW(zfw::SystemException, 0, false, "x"); }));
+    queue.add(step("after"));
+    queue.run(-1);
+    queue.add(step("kept"));
+    queue.interrupt();
+    EXPECT_THROW(queue.run(0), zfw::QueueInterrupted);
+    queue.run(-1);
+    EXPECT_EQ(journal(), (std::vector<std::string>{"after", "kept"}));
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// zfw::Thread with real threads: start and self, join and detach, cancellation (also while
-// a zfw::MutexLock is held), sleeping, the thread count, and the stack size property (in
-// private namespaces with their own "/dev/log" and configuration file).
+// zfw::Thread with real threads: self and cancellation, sleeping, and the stack size property
+// (in private namespaces with their own "/dev/log" and configuration file).
 #include <pthread.h>
 #include <signal.h>
 
@@ -15,8 +14,6 @@
 #include "support/syslog_sink.h"
 #include "support/wait.h"
 #include "support/zfw_config.h"
-#include "zfw/exception.h"
-#include "zfw/mutex.h"
 #include "zfw/thread.h"
 
 namespace {
@@ -30,6 +27,22 @@ void* runFunction(void* arg) {
 }
 
 void ignoreSignal(int) {}
+
+TEST(Thread, SelfAndCancellation) {
+    EXPECT_EQ(zfw::Thread::self(), nullptr);
+    zfw::Thread thread;
+    zfw::Thread* seen = nullptr;  // set before the first cancellation point
+    std::function<void()> body = [&] {
+        seen = zfw::Thread::self();
+        zfw::Thread::sleep(60, 0, 0, 0);  // until cancelled
+    };
+    thread.start("cancelled", runFunction, &body);
+    ASSERT_TRUE(eventually([&] { return thread.running(); }));
+    thread.stop();
+    EXPECT_EQ(seen, &thread);
+    EXPECT_TRUE(thread.cancelRequested());
+    EXPECT_FALSE(thread.running()) << "ended by cancellation";
+}
 
 TEST(Thread, SleepReportsInterruption) {
     EXPECT_TRUE(zfw::Thread::sleep(0, 50, 0, 0));
