@@ -54,13 +54,15 @@ TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
     EXPECT_EQ(s3, "kvdsim");
     EXPECT_TRUE(flag);
     EXPECT_EQ(s5, "local");
-    EXPECT_EQ(s6, "");  // sent as the null string
+    EXPECT_EQ(s6, "");
     EXPECT_EQ(client.queryDBSize(), "1048576");
     EXPECT_EQ(client.queryDespoolRate(), "0");
     EXPECT_EQ(client.reloadProperties(), 0);
     EXPECT_TRUE(client.ping(0));
     client.stopDaemon();
     client.disconnect();
+    kvtest::expectThrow<zfw::SystemException>([&] { client.stopDaemon(); },
+                                              "Can't send an lrpc2 message yet, not connected");
 
     EXPECT_EQ(daemon.log(), (std::vector<std::string>{
                                 std::string("1 ") + kHello,
@@ -73,6 +75,20 @@ TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
                                 "1 " + emptyRequest("0a"),  // 10
                                 "1 " + emptyRequest("14"),  // 20
                             }));
+}
+
+// Exchanges that fail as I/O: ping says false and reloadProperties gives 501.
+TEST_F(SessionTest, FailedExchangesGiveFallbacks) {
+    KV_REQUIRE_HERMETIC();
+    configure();
+    kvtest::Kvdsim daemon(m_dir, {"--fault", "close-request"});
+    ASSERT_TRUE(daemon.ready());
+    Lrpc2Client client;
+    ASSERT_TRUE(client.connect());
+    EXPECT_FALSE(client.ping());
+    client.disconnect();
+    ASSERT_TRUE(client.connect());
+    EXPECT_EQ(client.reloadProperties(), 501);
 }
 
 enum Reached { kNone, kSock, kAudit, kDefault };

@@ -1,14 +1,16 @@
 #include "support/kvdsim.h"
 
-#include "support/child.h"
-
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
+
+#include "support/child.h"
 
 namespace kvtest {
 
@@ -47,10 +49,19 @@ Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
         _exit(127);
     }
     close(out[1]);
-    // Ready once it printed its listening line; end of file means it gave up.
+    // Ready once it printed its listening line, within a few seconds; end of file means it
+    // gave up.
+    const std::string listening = "kvdsim: listening on " + m_socket;
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(5);
     std::string text;
     pollfd p = {out[0], POLLIN, 0};
-    while (m_pid > 0 && text.find('\n') == std::string::npos && poll(&p, 1, 10000) > 0) {
+    while (m_pid > 0 && text.find('\n') == std::string::npos) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0) {
+            break;
+        }
         char buf[256];
         const ssize_t n = read(out[0], buf, sizeof buf);
         if (n <= 0) {
@@ -59,7 +70,11 @@ Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
         text.append(buf, static_cast<size_t>(n));
     }
     close(out[0]);
-    m_ready = text == "kvdsim: listening on " + m_socket + "\n";
+    m_ready = text == listening + "\n";
+    if (!m_ready) {
+        ADD_FAILURE() << "kvdsim did not print \"" << listening
+                      << "\" within 5 seconds; it printed \"" << text << "\"";
+    }
 }
 
 Kvdsim::~Kvdsim() {
