@@ -11,9 +11,6 @@
 
 namespace kvtest {
 
-// Path of the built kvdsim executable.
-std::string kvdsimPath();
-
 class Kvdsim {
   public:
     // Starts kvdsim with `--socket <dir>/sock --log <dir>/frames.log` and `args`, and
