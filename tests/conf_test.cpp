@@ -108,6 +108,12 @@ TEST(Conf, ValueSyntax) {
     // A list file, after a blank: its items joined with ",", blanks inside them kept.
     Conf list(dir.write("c.conf", "k= file:" + dir.write("list", "x y\n# not an item\n\n  z\n")));
     EXPECT_EQ(list.str("k"), "x y,z");
+    // A prefix list: other lines are skipped, and a prefix is tried only if it shares the start.
+    const char* const pre[] = {"kvd.", "lrpc2.", nullptr};
+    conf_file* some = conf_open(dir.write("p", "k=1\nlrpc2.k=2\nkrpc2.k=9").c_str(), pre, nullptr);
+    EXPECT_STREQ(conf_get_string(some, "lrpc2.k", "", nullptr), "2");
+    EXPECT_STREQ(conf_get_string(some, "k", "skipped", nullptr), "skipped");
+    conf_free(some);
 }
 
 TEST(Conf, LongReferenceChains) {

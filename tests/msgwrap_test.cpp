@@ -53,8 +53,7 @@ TEST(Lrpc2MessageFields, WrittenFieldsReadBack) {
     msg.writeStringSet({"x", ""});
     msg.writeKeyValueSet({{"k", ""}});
     msg.complete();
-    // "" goes out as the null string, inside a set as the empty text. The end tag: the zero
-    // that ends the literal.
+    // "" is the null string, in a set the empty text; the literal's own zero is the end tag.
     const char image[] =
         "\0\0\0\0\0\0\0\0\x5b\0\1\1\1\0\2\xf9\xff\xff\xff\3\xfe\xff\xff\xff"
         "\4\x0c\0\0\0collector up\4\xff\xff\xff\xff\6\4\0\0\0a\0b\0\6\xff\xff\xff\xff"

@@ -44,8 +44,7 @@ Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
         _exit(127);
     }
     close(out[1]);
-    // Ready once it printed its listening line; end of file means it gave up. At most 50
-    // polls of 100 ms.
+    // Ready once it printed its listening line (end of file: it gave up); 50 polls of 100 ms.
     const std::string listening = "kvdsim: listening on " + m_socket;
     std::string text;
     pollfd p = {out[0], POLLIN, 0};
