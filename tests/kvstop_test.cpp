@@ -141,7 +141,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         StopCase{"stopped", "", "--exit-on-stop", 0, kStopped, "", kStop},
         StopCase{"no_socket", "", nullptr, 1, "", kUnreachable, kNothing},
-        StopCase{"handshake_refused", "", "--handshake 0", 1, "", kUnreachable, kHelloOnly},
+        StopCase{"silent_hello", kTimeout, "--fault silent-hello", 1, "", kUnreachable, kHelloOnly},
         StopCase{"stop_closed", "", "--fault close-request", 2, "", failed("404 (Socket closed)"),
                  kStop},
         StopCase{"stop_timed_out", kTimeout, "--fault silent-request", 2, "",

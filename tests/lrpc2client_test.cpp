@@ -2,19 +2,15 @@
 // with its own "/etc/zantorkv/zantorkv.conf".
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "lrpc2/status.h"
-#include "lrpc2/table.h"
 #include "support/expect_throw.h"
 #include "support/hermetic.h"
 #include "support/kvdsim.h"
 #include "support/program.h"
 #include "zfw/exception.h"
 #include "zkvfw/lrpc2client.h"
-#include "zkvfw/msgwrap.h"
 
 namespace {
 
@@ -24,21 +20,11 @@ std::string emptyRequest(const char* idHex) {
     return std::string("frame 1280cdab0b000000") + idHex + "0000";
 }
 
-class SessionTest : public ::testing::Test {
-  protected:
-    // The configuration naming the test's own socket, plus `extra` lines.
-    void configure(const std::string& extra = "") {
-        ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + m_dir.path() +
-                                              "\nkvd.socket=sock\n" + extra));
-    }
-
-    kvtest::TempDir m_dir;
-};
-
-TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
+TEST(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
     KV_REQUIRE_HERMETIC();
-    configure();
-    kvtest::Kvdsim daemon(m_dir, {});
+    kvtest::TempDir dir;
+    ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
+    kvtest::Kvdsim daemon(dir, {"--fault", "close-request", "--fault-conn", "2"});
     ASSERT_TRUE(daemon.ready());
     Lrpc2Client client;
     ASSERT_TRUE(client.connect());
@@ -54,13 +40,20 @@ TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
     EXPECT_EQ(s3, "kvdsim");
     EXPECT_TRUE(flag);
     EXPECT_EQ(s5, "local");
-    EXPECT_EQ(s6, "");  // sent as the null string
+    EXPECT_EQ(s6, "");
     EXPECT_EQ(client.queryDBSize(), "1048576");
     EXPECT_EQ(client.queryDespoolRate(), "0");
     EXPECT_EQ(client.reloadProperties(), 0);
     EXPECT_TRUE(client.ping(0));
     client.stopDaemon();
     client.disconnect();
+    kvtest::expectThrow<zfw::SystemException>([&] { client.stopDaemon(); },
+                                              "Can't send an lrpc2 message yet, not connected");
+    // The second connection's request is read, then the daemon closes it: the failed ping
+    // says false, and the reload sent on that closed connection gives 501.
+    ASSERT_TRUE(client.connect());
+    EXPECT_FALSE(client.ping());
+    EXPECT_EQ(client.reloadProperties(), 501);
 
     EXPECT_EQ(daemon.log(), (std::vector<std::string>{
                                 std::string("1 ") + kHello,
@@ -72,6 +65,8 @@ TEST_F(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
                                 "1 " + emptyRequest("78"),  // 120
                                 "1 " + emptyRequest("0a"),  // 10
                                 "1 " + emptyRequest("14"),  // 20
+                                std::string("2 ") + kHello,
+                                "2 " + emptyRequest("0a"),
                             }));
 }
 
@@ -83,8 +78,9 @@ struct SocketConfig {
     Reached reached;
 };
 
-TEST_F(SessionTest, SocketPathFromDataDirectoryAndName) {
+TEST(SessionTest, SocketPathFromDataDirectoryAndName) {
     KV_REQUIRE_HERMETIC();
+    kvtest::TempDir dir;
     const std::vector<SocketConfig> cases = {
         {"directory and name", "kvd.data.dir=DIR\nkvd.socket=sock\n", kSock},
         {"trailing slash doubles it", "kvd.data.dir=DIR/\nkvd.socket=sock\n", kSock},
@@ -93,24 +89,21 @@ TEST_F(SessionTest, SocketPathFromDataDirectoryAndName) {
         {"expanded from another key", "base=DIR\nkvd.data.dir=$base\nkvd.socket=sock\n", kSock},
         {"default name", "kvd.data.dir=DIR\n", kAudit},
         {"default directory and name", "lrpc2.timeout=5\n", kDefault},
-        {"relative directory", "kvd.data.dir=DIR_RELATIVE\nkvd.socket=sock\n", kNone},
+        {"relative directory", "kvd.data.dir=srv\nkvd.socket=sock\n", kNone},
         // Set but unexpandable (no host settings here): no fallback to the default socket.
         {"unexpandable directory", "kvd.data.dir=$JOINNAME\nkvd.socket=audit\n", kNone},
         {"unexpandable name", "kvd.data.dir=/var/zantorkv\nkvd.socket=$SITE\n", kNone},
     };
     kvtest::TempDir auditLog, defaultLog;
-    kvtest::Kvdsim sock(m_dir, {});
-    kvtest::Kvdsim audit(auditLog, {}, {}, m_dir.file("audit"));
+    kvtest::Kvdsim sock(dir, {});
+    kvtest::Kvdsim audit(auditLog, {}, {}, dir.file("audit"));
     kvtest::Kvdsim byDefault(defaultLog, {}, {}, "/var/zantorkv/audit");
     ASSERT_TRUE(sock.ready() && audit.ready() && byDefault.ready());
     for (const SocketConfig& c : cases) {
         SCOPED_TRACE(c.name);
         std::string text = c.config;
-        for (size_t at; (at = text.find("DIR_RELATIVE")) != std::string::npos;) {
-            text.replace(at, 12, m_dir.path().substr(1));
-        }
         for (size_t at; (at = text.find("DIR")) != std::string::npos;) {
-            text.replace(at, 3, m_dir.path());
+            text.replace(at, 3, dir.path());
         }
         ASSERT_TRUE(kvtest::writeDaemonConfig(text));
         const size_t before[] = {sock.log().size(), audit.log().size(), byDefault.log().size()};

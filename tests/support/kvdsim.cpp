@@ -1,20 +1,17 @@
 #include "support/kvdsim.h"
 
-#include "support/child.h"
-
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <fstream>
 
-namespace kvtest {
+#include "support/child.h"
 
-std::string kvdsimPath() {
-    return KVDSIM_PATH;
-}
+namespace kvtest {
 
 Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
                const std::vector<std::string>& prefix)
@@ -24,7 +21,7 @@ Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
                const std::vector<std::string>& prefix, const std::string& socket)
     : m_socket(socket), m_log(dir.file("frames.log")) {
     std::vector<std::string> argv = prefix;
-    argv.push_back(kvdsimPath());
+    argv.push_back(KVDSIM_PATH);
     for (const std::string& a : {std::string("--socket"), m_socket, std::string("--log"), m_log}) {
         argv.push_back(a);
     }
@@ -47,10 +44,16 @@ Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
         _exit(127);
     }
     close(out[1]);
-    // Ready once it printed its listening line; end of file means it gave up.
+    // Ready once it printed its listening line (end of file: it gave up); 50 polls of 100 ms.
+    const std::string listening = "kvdsim: listening on " + m_socket;
     std::string text;
     pollfd p = {out[0], POLLIN, 0};
-    while (m_pid > 0 && text.find('\n') == std::string::npos && poll(&p, 1, 10000) > 0) {
+    for (int polls = 0;
+         m_pid > 0 && text.find('\n') == std::string::npos && polls < 50 && poll(&p, 1, 100) >= 0;
+         ++polls) {
+        if (p.revents == 0) {
+            continue;  // this poll timed out
+        }
         char buf[256];
         const ssize_t n = read(out[0], buf, sizeof buf);
         if (n <= 0) {
@@ -59,7 +62,11 @@ Kvdsim::Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
         text.append(buf, static_cast<size_t>(n));
     }
     close(out[0]);
-    m_ready = text == "kvdsim: listening on " + m_socket + "\n";
+    m_ready = text == listening + "\n";
+    if (!m_ready) {
+        ADD_FAILURE() << "kvdsim did not print \"" << listening
+                      << "\" within 5 seconds; it printed \"" << text << "\"";
+    }
 }
 
 Kvdsim::~Kvdsim() {

@@ -11,13 +11,11 @@
 
 namespace kvtest {
 
-// Path of the built kvdsim executable.
-std::string kvdsimPath();
-
 class Kvdsim {
   public:
     // Starts kvdsim with `--socket <dir>/sock --log <dir>/frames.log` and `args`, and
-    // waits until it listens. `prefix` (for example setpriv and its options) runs it.
+    // waits until it listens: not listening within five seconds fails the case (and
+    // `ready`). `prefix` (for example setpriv and its options) runs it.
     Kvdsim(const TempDir& dir, const std::vector<std::string>& args,
            const std::vector<std::string>& prefix = {});
     // The same, listening on `socket` instead of <dir>/sock.
