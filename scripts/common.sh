@@ -12,12 +12,14 @@ kv_flavour() {
     plain)   kv_dir=$top/build;         kv_args=() ;;
     asan)    kv_dir=$top/build-asan;    kv_args=(-DKV_SANITIZE=address) ;;
     tsan)    kv_dir=$top/build-tsan;    kv_args=(-DKV_SANITIZE=thread) ;;
+    coverage) kv_dir=$top/build-coverage; kv_args=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=--coverage
+                                                 -DCMAKE_EXE_LINKER_FLAGS=--coverage) ;;
     release) kv_dir=$top/build-release; kv_args=(-DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=OFF -DKV_BUILD_BENCH=ON) ;;
     # Only the two programs, no test framework; lightly optimised and without debug information,
     # which compiles in half the time of the default -O2 -g.
     demo)    kv_dir=$top/build-demo;    kv_args=(-DKV_BUILD_TESTS=OFF -DCMAKE_BUILD_TYPE=Release
                                                  "-DCMAKE_CXX_FLAGS_RELEASE=-O1 -DNDEBUG") ;;
-    *) echo "$kv_name: unknown flavour '$1' (plain, asan, tsan, release or demo)" >&2; exit 2 ;;
+    *) echo "$kv_name: unknown flavour '$1' (plain, asan, tsan, coverage, release or demo)" >&2; exit 2 ;;
   esac
 }
 

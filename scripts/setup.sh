@@ -5,6 +5,7 @@
 #   test   building and running the test suite (scripts/test.sh)
 #   bench  building and running the benchmarks (scripts/bench.sh)
 #   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
+#   coverage  the test set and gcovr (scripts/coverage.sh)
 # The install starts, enables and reconfigures no service of the host: policy-rc.d refuses
 # every start while it runs, and units that the install enabled are disabled again.
 # With KV_SETUP_STATUS_FD set, says what it does on that descriptor ("kv:" lines) and has
@@ -17,15 +18,17 @@ say() {
 }
 
 build=(cmake ninja-build g++ libboost-dev nlohmann-json3-dev)
+test=("${build[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind dpkg-dev file pkgconf
+      groff-base man-db)
 profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;
-  test) packages=("${build[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind dpkg-dev file
-                  pkgconf groff-base man-db) ;;
+  test) packages=("${test[@]}") ;;
   # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table.
   bench) packages=("${build[@]}" libbenchmark-dev libprotobuf-dev protobuf-compiler python3) ;;
   fuzz) packages=("${build[@]}" clang libclang-rt-14-dev) ;;
-  *) echo "setup: unknown profile '$profile' (demo, test, bench or fuzz)" >&2; exit 2 ;;
+  coverage) packages=("${test[@]}" gcovr) ;;
+  *) echo "setup: unknown profile '$profile' (demo, test, bench, fuzz or coverage)" >&2; exit 2 ;;
 esac
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
