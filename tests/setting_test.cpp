@@ -1,5 +1,5 @@
-// Host settings: kset files in "/var/zantormx/" and in a data directory of the test's own,
-// the cache, property overrides, deferred writes and the join checks.
+// Host settings: kset files in "/var/zantormx/", the cache, property overrides, the data
+// directory and the key-set checks.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -96,6 +96,8 @@ TEST_F(SettingTest, WriteKsetFile) {
     zfw::writeKsetFile("k", "shared", 1);
     EXPECT_EQ(readFile(kDir + "kset.k"), "shared");
     EXPECT_EQ(modeOf(kDir + "kset.k"), 0644u);
+    zfw::writeKsetFile("k", "private", 2);
+    EXPECT_EQ(modeOf(kDir + "kset.k"), 0600u);
     zfw::writeKsetFile("k", std::string(1024, 'v'), 0);
     EXPECT_EQ(readFile(kDir + "kset.k").size(), 1024u);
 
@@ -116,6 +118,44 @@ TEST_F(SettingTest, WriteKsetFile) {
         ++entries;
     }
     EXPECT_EQ(entries, 0);
+}
+
+// A "kset." property overrides the file; what was read once is served from the cache, and
+// the data directory is fixed from then on.
+TEST_F(SettingTest, OverridesAndCache) {
+    writeFile("/etc/zantorkv/zantorkv.conf", "kset.host=override\n");
+    writeFile(kDir + "kset.host", "fromfile");
+    EXPECT_EQ(zfw::getSetting("host", false), "override");
+    EXPECT_EQ(zfw::getSetting("host", true), "fromfile");
+    writeFile(kDir + "kset.host", "changed");
+    EXPECT_EQ(zfw::getSetting("host", true), "fromfile");
+    kvtest::expectThrow<zfw::AlreadyException>([] { zfw::changeDataDir("/tmp/"); },
+                                               "change data dir", -1);
+}
+
+TEST_F(SettingTest, VerifyKeySets) {
+    const std::string autoZone = "00112233445566778899aabbccddeeff";
+    const struct {
+        const char* host;
+        const char* schema;
+        std::string zone;
+        const char* error;
+    } cases[] = {
+        {"", "", "", "Cannot find key sets of host."},
+        {"h", "", "", "Cannot find key sets of zone schema."},
+        {"h", "AD", autoZone, "Cannot find key sets of zone name or zone guid."},
+        {"h", "NULL", "", ""},
+        {"h", "NULL_AUTO", autoZone, ""},
+        {"h", "NULL_AUTO", "00112233445566778899aabbccddeef0",
+         "Incorrect key sets of zone guid for auto zone."},
+    };
+    for (const auto& c : cases) {
+        forget();
+        zfw::writeKsetFile("host", c.host, 0);
+        zfw::writeKsetFile("schema", c.schema, 0);
+        zfw::writeKsetFile("zone", c.zone, 0);
+        EXPECT_EQ(thrownText<zfw::IOException>(zfw::verifyKeySets), c.error) << c.schema;
+    }
 }
 
 }  // namespace

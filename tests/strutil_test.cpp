@@ -1,3 +1,5 @@
+// The framework's string utilities: trimming, rendering, splitting, joining, matching and
+// numbers.
 #include "zfw/strutil.h"
 
 #include <gtest/gtest.h>
@@ -61,6 +63,23 @@ TEST(StrUtil, ParseUnsigned) {
         EXPECT_EQ(zfw::parseUnsigned(c.text), c.value) << c.text;
     }
     EXPECT_EQ(zfw::parseUnsigned(nullptr), 0u);
+}
+
+TEST(StrUtil, RenderJoinSplitAndMatch) {
+    EXPECT_EQ(zfw::printableOrHex("a\tb"), "a\tb");
+    EXPECT_EQ(zfw::printableOrHex("\x01\xaf"), "01af");
+    EXPECT_EQ(zfw::join(StringList{"", "a", "", "b"}, ","), "a,,b");
+    for (const auto& c : std::vector<std::pair<std::string, std::vector<std::string>>>{
+             {",a,,b,", {"", "a", "", "b", ""}}, {"", {""}}}) {
+        std::vector<std::string> pieces;
+        zfw::split(',', c.first, pieces);
+        EXPECT_EQ(pieces, c.second) << c.first;
+    }
+    EXPECT_EQ(zfw::toString(int32_t(-1), 16), "ffffffff");
+    EXPECT_EQ(zfw::toString(int32_t(-1), 10), "-1");
+    const char* const levels[] = {"INFO", "WARN", nullptr};
+    EXPECT_TRUE(zfw::isOneOf(levels, "warn"));
+    EXPECT_TRUE(zfw::containsIgnoreCase("kset.k.kset.temp.x1", ".KSET.TEMP"));
 }
 
 }  // namespace
