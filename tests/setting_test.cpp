@@ -1,10 +1,10 @@
 // Host settings: kset files in "/var/zantormx/", the cache, property overrides, the data
 // directory and the key-set checks.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -120,8 +120,7 @@ TEST_F(SettingTest, WriteKsetFile) {
     EXPECT_EQ(entries, 0);
 }
 
-// A "kset." property overrides the file; what was read once is served from the cache, and
-// the data directory is fixed from then on.
+// Property overrides; a setting read once comes from the cache, and fixes the data directory.
 TEST_F(SettingTest, OverridesAndCache) {
     writeFile("/etc/zantorkv/zantorkv.conf", "kset.host=override\n");
     writeFile(kDir + "kset.host", "fromfile");
@@ -135,12 +134,8 @@ TEST_F(SettingTest, OverridesAndCache) {
 
 TEST_F(SettingTest, VerifyKeySets) {
     const std::string autoZone = "00112233445566778899aabbccddeeff";
-    const struct {
-        const char* host;
-        const char* schema;
-        std::string zone;
-        const char* error;
-    } cases[] = {
+    // host, schema, zone and the error.
+    const std::array<std::string, 4> cases[] = {
         {"", "", "", "Cannot find key sets of host."},
         {"h", "", "", "Cannot find key sets of zone schema."},
         {"h", "AD", autoZone, "Cannot find key sets of zone name or zone guid."},
@@ -151,10 +146,10 @@ TEST_F(SettingTest, VerifyKeySets) {
     };
     for (const auto& c : cases) {
         forget();
-        zfw::writeKsetFile("host", c.host, 0);
-        zfw::writeKsetFile("schema", c.schema, 0);
-        zfw::writeKsetFile("zone", c.zone, 0);
-        EXPECT_EQ(thrownText<zfw::IOException>(zfw::verifyKeySets), c.error) << c.schema;
+        zfw::writeKsetFile("host", c[0], 0);
+        zfw::writeKsetFile("schema", c[1], 0);
+        zfw::writeKsetFile("zone", c[2], 0);
+        EXPECT_EQ(thrownText<zfw::IOException>(zfw::verifyKeySets), c[3]) << c[1];
     }
 }
 
