@@ -1,16 +1,15 @@
-// Paths, directory iteration and file utilities, on real files in a temporary directory.
+// Paths, directory removal, temporary names and file utilities, on real files in a
+// temporary directory.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "support/child.h"
-#include "support/expect_throw.h"
 #include "support/files.h"
 #include "zfw/exception.h"
 #include "zfw/file_util.h"
@@ -30,12 +29,8 @@ using kvtest::thrownText;
 class PathFiles : public ::testing::Test {
   protected:
     std::string at(const std::string& rest) const { return m_tmp.file(rest); }
-    static void touch(const std::string& name, const std::string& content = "") {
-        kvtest::writeFile(name, content);
-    }
 
     kvtest::TempDir m_tmp;
-    const std::string m_dir = m_tmp.path();
 };
 
 struct ParseCase {
@@ -105,6 +100,7 @@ TEST_F(PathFiles, CreateDirectories) {
     // Spaces become '_' in what is created.
     path(at("my dir/sub")).createDirectories(0700);
     EXPECT_TRUE(path(at("my_dir/sub")).isDirectory());
+    EXPECT_FALSE(path(at("my dir")).exists());
     EXPECT_EQ(thrownText<zfw::IOException>([&] { path(deep).createDirectories(0750); }),
               "Cannot create directory " + deep + ": " + strerror(EEXIST));
     EXPECT_EQ(thrownText<zfw::BadDataException>([] { path().createDirectories(0755); }),
@@ -113,9 +109,30 @@ TEST_F(PathFiles, CreateDirectories) {
     EXPECT_EQ(thrownText<zfw::BadDataException>([] { path("rel").createDirectories(0755); }),
               "Empty path");
     // A file in the way: the mode change after the failed mkdir reports first.
-    touch(at("file"));
+    kvtest::writeFile(at("file"), "");
     EXPECT_EQ(thrownText<zfw::IOException>([&] { path(at("file/x")).createDirectories(0755); }),
               "can't change permissions of " + at("file/x") + " to 1ed: " + strerror(ENOTDIR));
+}
+
+TEST_F(PathFiles, Remove) {
+    path(at("missing")).remove(false);
+    path(at("d/e/")).createDirectories(0755);
+    kvtest::writeFile(at("d/e/f"), "x");
+    EXPECT_EQ(thrownText<zfw::IOException>([&] { path(at("d")).remove(false); }),
+              "Cannot remove directory " + at("d") + ": " + strerror(ENOTEMPTY));
+    path(at("d")).remove(true);
+    EXPECT_FALSE(kvtest::present(at("d")));
+}
+
+TEST_F(PathFiles, TemporaryFiles) {
+    const std::string name = path::uniqueTempName();
+    EXPECT_EQ(name.compare(0, 9, "/tmp/zhub"), 0) << name;
+    EXPECT_FALSE(kvtest::present(name)) << name;
+    std::string made = at("tXXXXXX");
+    const int fd = zfw::makeTempFile(made, 0640, getuid(), getgid());
+    ASSERT_GE(fd, 0);
+    close(fd);
+    EXPECT_EQ(zfw::fileMode(made), 0640u);
 }
 
 }  // namespace

@@ -1,28 +1,39 @@
-// The properties store: the reader's syntax, variables, lists, getters and the process-wide
-// instance loaded from "/etc/zantorkv/zantorkv.conf".
+// The properties store: syntax, quotes, variables, getters and lists; list editing, escaping
+// into file syntax, and saving real files under a lock file, stale locks included.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <vector>
 
-#include "support/child.h"
 #include "support/files.h"
 #include "support/hermetic.h"
-#include "zfw/file_util.h"
-#include "zfw/logger.h"
 #include "zfw/properties.h"
 #include "zfw/setting.h"
 
 namespace {
 
+using kvtest::present;
+using kvtest::readFile;
+using kvtest::TempDir;
 using kvtest::writeFile;
 using zfw::Properties;
 using zfw::StringList;
+
+// A store holding exactly what the text says, read by the real parser.
+std::unique_ptr<Properties> storeOf(const std::string& text, bool expand = true) {
+    std::unique_ptr<Properties> props(new Properties(expand, false));
+    std::istringstream in(text);
+    props->parse(in, expand);
+    return props;
+}
+
+StringList listOf(std::initializer_list<const char*> items) {
+    return StringList(items.begin(), items.end());
+}
 
 class PropertiesTest : public ::testing::Test {
   protected:
@@ -33,17 +44,6 @@ class PropertiesTest : public ::testing::Test {
         zfw::clearSettingsCache();
     }
     void TearDown() override { Properties::destroyProperties(); }
-
-    // A store parsed from text.
-    static std::unique_ptr<Properties> parsed(const std::string& text, bool expand = true) {
-        std::unique_ptr<Properties> props(new Properties(expand, false));
-        std::istringstream in(text);
-        props->parse(in, expand);
-        return props;
-    }
-    static std::vector<std::string> listOf(const boost::shared_ptr<StringList>& list) {
-        return std::vector<std::string>(list->begin(), list->end());
-    }
 };
 
 struct LineCase {
@@ -55,11 +55,13 @@ struct LineCase {
 TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
     writeFile("/var/zantormx/kset.host", "myhost\n");
     setenv("PROPS_TEST_HOME", "/home/t", 1);
+    setenv("PROPS_TEST_QUOTED", "\"a\\tb\"", 1);
     const LineCase cases[] = {
         {"a=1", "a", "1"},
         {"a:1", "a", "1"},
         {"a 1", "a", "1"},
         {"a:=1", "a", "1"},
+        {"a==1", "a", "=1"},
         {"a =1", "a", "1"},
         {"  a=1", "a", "1"},
         {"a\t=\t1", "a", "1"},
@@ -78,25 +80,29 @@ TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
         {"a=x\\ty", "a", "x\ty"},
         {"a=x\\\\ty", "a", "x\\ty"},
         {"a=\"x\\\"y\"", "a", "x\"y"},
+        {"a=\"x\\\"  y\"", "a", "x\"  y"},
+        {"a=\"it's\"   b", "a", "\"it's\" b"},
+        {"a=\"b\" \"c\"", "a", "\"b\" \"c\""},
         {"a=x\\ ", "a", "x "},
         {"a=\\\\", "a", "\\"},
         {"'qk'=v", "qk", "v"},
         {"a=1 # not a comment", "a", "1 # not a comment"},
         {"a=x\r", "a", "x"},
         {"h=$JOINNAME", "h", "myhost"},
+        {"q=$PROPS_TEST_QUOTED", "q", "a\tb"},
         {"p=$PROPS_TEST_HOME/x", "p", "/home/t/x"},
         {"c='$a'", "c", "$a"},
         {"d=\\$a", "d", "$a"},
         {"e=$nosuch", "e", ""},
         {"f=\"$PROPS_TEST_HOME\"", "f", "/home/t"},
         {"g=a$", "g", "a"},
-        {"n=$1abc", "n", "abc"},
+        {"n=$9abc", "n", "abc"},
         {"w=$$", "w", ""},
         {"v=${PROPS_TEST_HOME}", "v", "{PROPS_TEST_HOME}"},
     };
     for (const LineCase& c : cases) {
         SCOPED_TRACE(c.line);
-        const auto props = parsed(std::string(c.line) + "\n");
+        const auto props = storeOf(std::string(c.line) + "\n");
         EXPECT_EQ(props->get(c.key), c.value);
         std::ostringstream all;
         props->write(all, "");
@@ -104,10 +110,15 @@ TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
     }
 }
 
-TEST_F(PropertiesTest, Getters) {
-    const auto props = parsed(
+// Getters; variables naming earlier keys, after a set but empty environment variable.
+TEST_F(PropertiesTest, GettersAndEarlierKeys) {
+    setenv("PROPS_TEST_EMPTY", "", 1);
+    const auto props = storeOf(
         "i1=12abc\ni2=abc\ni3=-7\ni4=\n"
-        "b1=Yes\nb2=maybe\nb3=0\nb4=TRUE\nb5=No\nb6=\nb7=false\nb8=1\n");
+        "b1=Yes\nb2=maybe\nb3=0\nb4=TRUE\nb5=No\nb6=\nb7=false\nb8=1\n"
+        "x=5\ny=$x\nPROPS_TEST_EMPTY=raw\nz=[$PROPS_TEST_EMPTY]\n");
+    EXPECT_EQ(props->get("y"), "5");
+    EXPECT_EQ(props->get("z"), "[]");
     EXPECT_EQ(props->getInt("i1", 3), 12);
     EXPECT_EQ(props->getInt("i2", 3), 0);
     EXPECT_EQ(props->getInt("i3", 3), -7);
@@ -129,35 +140,17 @@ TEST_F(PropertiesTest, Getters) {
     EXPECT_EQ(props->get("absent"), "");
 }
 
-}  // namespace
-
-// Properties list editing, escaping back into file syntax and saving to a file: real files
-// in a private temporary directory, read back by the store's own parser, and real
-// processes competing for the lock.
-namespace {
-
-using zfw::Properties;
-using zfw::StringList;
-
-using kvtest::present;
-using kvtest::readFile;
-using kvtest::TempDir;
-using kvtest::writeFile;
-
-// A store holding exactly what the text says, read by the real parser.
-std::unique_ptr<Properties> storeOf(const std::string& text, bool expand = true) {
-    std::unique_ptr<Properties> props(new Properties(expand, false));
-    std::istringstream in(text);
-    props->parse(in, expand);
-    return props;
-}
-
-StringList listOf(std::initializer_list<const char*> items) {
-    StringList list;
-    for (const char* item : items) {
-        list.push_back(item);
+TEST_F(PropertiesTest, Lists) {
+    TempDir dir;
+    const std::string items = dir.write("items", "  one  \n\n# c\n!c\n\"a\\tb\"\n'x y'\n");
+    const std::pair<std::string, StringList> cases[] = {
+        {"a, b,c", {"a", "b", "c"}},
+        {"'a b' c", {"a b", "c"}},
+        {"file:" + items, {"one", "a\tb", "x y"}},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(*storeOf("l=" + c.first + "\n")->getList("l"), c.second) << c.first;
     }
-    return list;
 }
 
 TEST(PropertiesEscape, ValuesInFileSyntax) {
@@ -180,6 +173,7 @@ TEST(PropertiesEscape, ValuesInFileSyntax) {
         {"$HOME$", false, "$HOME"},
         {"$A$B", false, "$A\\B"},
         {"$A$/b", false, "$A/b"},
+        {"$A$_b", false, "$A\\_b"},
         {"x$", false, "x$"},
         {"$$", true, "\\$\\$"},
         {"$HOME$", true, "\\$HOME\\$"},
@@ -215,11 +209,15 @@ TEST(PropertiesSave, UnchangedStoreKeepsTheFile) {
         "\n"
         "e:5\n";
     writeFile(path, original);
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
     Properties props(true, false);
     props.load(path, true);
     ASSERT_EQ(props.get("d"), "4");
 
+    // The saved file is readable by all whatever the old file's mode and the umask.
+    const mode_t umaskBefore = umask(077);
     ASSERT_EQ(props.save(path), 0);
+    umask(umaskBefore);
     // Blank runs shrink to one, continued lines come out joined, the comment swallows the
     // line after it (so "d" is appended), and the final line feed yields one blank line.
     EXPECT_EQ(readFile(path),
@@ -251,8 +249,14 @@ TEST(PropertiesSave, ChangedNewAndRemovedKeys) {
     TempDir dir;
     const std::string path = dir.file("p.conf");
     writeFile(path, "# keep me\na=1\nb=2\nc=3\nl=x y\nq='$HOME'");
-    std::unique_ptr<Properties> props = storeOf("a=1\nc=30\nn=new  value\nl=x y\nq='$HOME'\n");
+    std::unique_ptr<Properties> props =
+        storeOf("a=1\nc=30\nn=new  value\nl=x y\nq='$HOME'\nr=x y x\n");
     EXPECT_TRUE(props->addToList("l", listOf({"w v"}), false));
+    EXPECT_FALSE(props->addToList("l", listOf({"x"}), false));
+    EXPECT_FALSE(props->removeFromList("r", listOf({"z"}), false));
+    EXPECT_TRUE(props->removeFromList("r", listOf({"x", "z"}), false));
+    EXPECT_EQ(props->save(dir.file("missing")), -1);
+    EXPECT_FALSE(present(dir.file("missing")));
 
     ASSERT_EQ(props->save(path), 0);
     EXPECT_EQ(readFile(path),
@@ -261,65 +265,25 @@ TEST(PropertiesSave, ChangedNewAndRemovedKeys) {
               "c: 30\n"
               "l: \"w v\" x y\n"
               "q='$HOME'\n"
-              "n: new value\n");
+              "n: new value\n"
+              "r: y x\n");
     std::unique_ptr<Properties> reread(new Properties(true, false));
     reread->load(path, true);
-    EXPECT_EQ(reread->get("b"), "");
-    EXPECT_EQ(reread->get("c"), "30");
-    EXPECT_EQ(reread->get("n"), "new value");
     EXPECT_EQ(*reread->getList("l"), listOf({"w v", "x", "y"}));
 }
 
-// Sets a file's access and modification times to `age` seconds ago.
-void ageFile(const std::string& name, int age) {
-    struct timespec times[2];
-    clock_gettime(CLOCK_REALTIME, &times[0]);
-    times[0].tv_sec -= age;
-    times[1] = times[0];
-    ASSERT_EQ(utimensat(AT_FDCWD, name.c_str(), times, 0), 0);
+// A lock last accessed over 60 s ago is stale and taken over; a recent one makes the save fail.
+TEST(PropertiesLock, StaleLocksAreTakenOver) {
+    TempDir dir;
+    const std::string path = dir.write("p.conf", "a=1\n");
+    for (const time_t accessedAgo : {0, 120}) {
+        writeFile(path + ".lock", "");
+        struct timespec times[2] = {{time(nullptr) - accessedAgo, 0}, {0, UTIME_NOW}};
+        ASSERT_EQ(utimensat(AT_FDCWD, (path + ".lock").c_str(), times, 0), 0);
+        EXPECT_EQ(Properties(true, false).save(path), accessedAgo > 60 ? 0 : -1) << accessedAgo;
+        EXPECT_EQ(present(path + ".lock"), accessedAgo <= 60) << accessedAgo;
+    }
 }
-
-// A child takes the lock with createLockFile and keeps it until the parent writes to
-// the pipe; optionally the lock is made to look abandoned.
-class LockHolder {
-  public:
-    LockHolder(const std::string& lockPath, int age) {
-        EXPECT_EQ(pipe(m_release), 0);
-        EXPECT_EQ(pipe(m_ready), 0);
-        m_child.reset(new kvtest::ChildProcess([this, lockPath]() {
-            const int fd = Properties::createLockFile(lockPath);
-            if (fd < 0) {
-                return 1;
-            }
-            char byte = 'r';
-            if (!kvtest::writeFully(m_ready[1], &byte, 1) ||
-                !kvtest::readFully(m_release[0], &byte, 1)) {
-                return 2;
-            }
-            return Properties::removeLockFile(lockPath, fd) == 0 ? 0 : 3;
-        }));
-        char byte = 0;
-        EXPECT_TRUE(kvtest::readFully(m_ready[0], &byte, 1));
-        if (age > 0) {
-            ageFile(lockPath, age);
-        }
-    }
-    ~LockHolder() {
-        for (int fd : {m_release[0], m_release[1], m_ready[0], m_ready[1]}) {
-            close(fd);
-        }
-    }
-    int release() {
-        const char byte = 'x';
-        EXPECT_TRUE(kvtest::writeFully(m_release[1], &byte, 1));
-        return m_child->wait();
-    }
-
-  private:
-    int m_release[2] = {-1, -1};
-    int m_ready[2] = {-1, -1};
-    std::unique_ptr<kvtest::ChildProcess> m_child;
-};
 
 // A lock file goes only with the descriptor that holds it: one that cannot be closed may
 // not be ours, and its lock file stays.

@@ -1,10 +1,10 @@
-// Host settings: kset files in "/var/zantormx/" and in a data directory of the test's own,
-// the cache, property overrides, deferred writes and the join checks.
+// Host settings: kset files in "/var/zantormx/", the cache, property overrides, the data
+// directory and the key-set checks.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -96,6 +96,8 @@ TEST_F(SettingTest, WriteKsetFile) {
     zfw::writeKsetFile("k", "shared", 1);
     EXPECT_EQ(readFile(kDir + "kset.k"), "shared");
     EXPECT_EQ(modeOf(kDir + "kset.k"), 0644u);
+    zfw::writeKsetFile("k", "private", 2);
+    EXPECT_EQ(modeOf(kDir + "kset.k"), 0600u);
     zfw::writeKsetFile("k", std::string(1024, 'v'), 0);
     EXPECT_EQ(readFile(kDir + "kset.k").size(), 1024u);
 
@@ -116,6 +118,39 @@ TEST_F(SettingTest, WriteKsetFile) {
         ++entries;
     }
     EXPECT_EQ(entries, 0);
+}
+
+// Property overrides; a setting read once comes from the cache, and fixes the data directory.
+TEST_F(SettingTest, OverridesAndCache) {
+    writeFile("/etc/zantorkv/zantorkv.conf", "kset.host=override\n");
+    writeFile(kDir + "kset.host", "fromfile");
+    EXPECT_EQ(zfw::getSetting("host", false), "override");
+    EXPECT_EQ(zfw::getSetting("host", true), "fromfile");
+    writeFile(kDir + "kset.host", "changed");
+    EXPECT_EQ(zfw::getSetting("host", true), "fromfile");
+    kvtest::expectThrow<zfw::AlreadyException>([] { zfw::changeDataDir("/tmp/"); },
+                                               "change data dir", -1);
+}
+
+TEST_F(SettingTest, VerifyKeySets) {
+    const std::string autoZone = "00112233445566778899aabbccddeeff";
+    // host, schema, zone and the error.
+    const std::array<std::string, 4> cases[] = {
+        {"", "", "", "Cannot find key sets of host."},
+        {"h", "", "", "Cannot find key sets of zone schema."},
+        {"h", "AD", autoZone, "Cannot find key sets of zone name or zone guid."},
+        {"h", "NULL", "", ""},
+        {"h", "NULL_AUTO", autoZone, ""},
+        {"h", "NULL_AUTO", "00112233445566778899aabbccddeef0",
+         "Incorrect key sets of zone guid for auto zone."},
+    };
+    for (const auto& c : cases) {
+        forget();
+        zfw::writeKsetFile("host", c[0], 0);
+        zfw::writeKsetFile("schema", c[1], 0);
+        zfw::writeKsetFile("zone", c[2], 0);
+        EXPECT_EQ(thrownText<zfw::IOException>(zfw::verifyKeySets), c[3]) << c[1];
+    }
 }
 
 }  // namespace

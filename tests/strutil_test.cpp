@@ -1,3 +1,4 @@
+// String utilities on their own.
 #include "zfw/strutil.h"
 
 #include <gtest/gtest.h>
@@ -61,6 +62,20 @@ TEST(StrUtil, ParseUnsigned) {
         EXPECT_EQ(zfw::parseUnsigned(c.text), c.value) << c.text;
     }
     EXPECT_EQ(zfw::parseUnsigned(nullptr), 0u);
+}
+
+TEST(StrUtil, RenderJoinSplitAndMatch) {
+    EXPECT_EQ(zfw::printableOrHex("a\tb"), "a\tb");
+    EXPECT_EQ(zfw::printableOrHex("\x01\xaf"), "01af");
+    EXPECT_EQ(zfw::join(StringList{"", "a", "", "b"}, ","), "a,,b");
+    std::vector<std::string> pieces;
+    zfw::split(',', ",a,,b,", pieces);
+    zfw::split(',', "", pieces);
+    EXPECT_EQ(pieces, (std::vector<std::string>{"", "a", "", "b", "", ""}));
+    EXPECT_EQ(zfw::toString(int32_t(-1), 16), "ffffffff");
+    const char* const levels[] = {"INFO", "WARN", nullptr};
+    EXPECT_TRUE(zfw::isOneOf(levels, "warn"));
+    EXPECT_TRUE(zfw::containsIgnoreCase("kset.k.KSET.TEMP.x1", ".kset.temp"));
 }
 
 }  // namespace
