@@ -339,9 +339,9 @@ Seen stopWatching(const Kvdsim& daemon, const std::string& secret, const std::st
 
 TEST(Lrpc2AuthWipe, NothingSecretStaysInFreedMemory) {
     TempDir files;
-    // Large enough that the response message grows past its first block several times.
-    const std::string content1 = repeated("P1-proof-q8Zk3w|", 3000);
-    const std::string content2 = repeated("P2-proof-Vt5nXe|", 2000);
+    // The first fits the response's first block; the second makes that block grow with it inside.
+    const std::string content1 = repeated("P1-proof-q8Zk3w|", 300);
+    const std::string content2 = repeated("P2-proof-Vt5nXe|", 40000);
     const std::string path1 = files.file("proof-first-Hw4b");
     const std::string path2 = files.file("proof-second-Jm7c");
     std::ofstream(path1, std::ios::binary) << content1;
