@@ -1,5 +1,5 @@
-// Connection, handshake and exact-count transfers against peers in child processes,
-// over real Unix sockets, socket pairs and pipes.
+// Connection and handshake against peers in child processes, over real Unix sockets and
+// adopted pipes, and what the transfers report once the peer is gone.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -47,15 +47,14 @@ int listenAt(const std::string& path) {
     return fd;
 }
 
-// The daemon side of one handshake: checks the client's hello, then does `then`.
-// Exit status 0 when everything the peer expected happened.
-int daemonSide(int listener, const std::function<int(int)>& then) {
-    const int fd = accept(listener, nullptr, nullptr);
+// The daemon side of one handshake: checks the client's hello on `in`, then does `then` with
+// `out`. Exit status 0 when everything the peer expected happened.
+int daemonSide(int in, int out, const std::function<int(int)>& then) {
     uint32_t hello = 0;
-    if (fd < 0 || !kvtest::readFully(fd, &hello, 4)) {
+    if (in < 0 || !kvtest::readFully(in, &hello, 4)) {
         return 10;
     }
-    return hello == LRPC2_HANDSHAKE_HELLO ? then(fd) : 11;
+    return hello == LRPC2_HANDSHAKE_HELLO ? then(out) : 11;
 }
 
 int answer(int fd, uint32_t value) {
@@ -82,12 +81,18 @@ struct HandshakeCase {
     const char* name;
     std::function<int(int)> daemon;
     int32_t status;
+    int32_t timeout = 1;
+    bool pipes = false;  // adopt a pair of pipes instead of connecting by path
 };
 
 TEST(Lrpc2Connect, HandshakeOutcomes) {
     const std::vector<HandshakeCase> cases = {
         {"accepted", [](int fd) { return answer(fd, 1); }, 0},
         {"accepted in single bytes", [](int fd) { return answerInPieces(fd, 1, 4); }, 0},
+        {"accepted in single bytes, no time-out", [](int fd) { return answerInPieces(fd, 1, 4); },
+         0, 0},
+        {"accepted over pipes", [](int fd) { return answer(fd, 1); }, 0, 1, true},
+        {"refused over pipes", [](int fd) { return answer(fd, 0); }, LRPC2_ERR_OPEN, 1, true},
         {"refused with 0", [](int fd) { return answer(fd, 0); }, LRPC2_ERR_OPEN},
         {"refused with 2", [](int fd) { return answer(fd, 2); }, LRPC2_ERR_OPEN},
         {"refused with bytes 01 00 00 01", [](int fd) { return answer(fd, 0x01000001); },
@@ -105,30 +110,42 @@ TEST(Lrpc2Connect, HandshakeOutcomes) {
         SCOPED_TRACE(c.name);
         TempDir dir;
         const std::string path = dir.file("sock");
-        const int listener = listenAt(path);
-        ASSERT_GE(listener, 0);
-        ChildProcess daemon([&] { return daemonSide(listener, c.daemon); });
-        close(listener);
+        const int listener = c.pipes ? -1 : listenAt(path);
+        int up[2], down[2];  // pipes to the daemon and to the client
+        ASSERT_TRUE(c.pipes ? pipe(up) == 0 && pipe(down) == 0 : listener >= 0);
+        ChildProcess daemon([&] {
+            const int fd = c.pipes ? -1 : accept(listener, nullptr, nullptr);
+            return c.pipes ? daemonSide(up[0], down[1], c.daemon) : daemonSide(fd, fd, c.daemon);
+        });
+        close(c.pipes ? up[0] : listener);
+        close(c.pipes ? down[1] : -1);
         int32_t status = -1;
-        lrpc2_conn* conn = lrpc2_connect_timeout(path.c_str(), table(), 1, &status);
+        lrpc2_conn* conn = c.pipes
+                               ? lrpc2_attach(down[0], up[1], table(), c.timeout, &status)
+                               : lrpc2_connect_timeout(path.c_str(), table(), c.timeout, &status);
         EXPECT_EQ(status, c.status);
         if (c.status != 0) {
             EXPECT_EQ(conn, nullptr);
+            // Adopted descriptors stay the caller's.
+            EXPECT_TRUE(!c.pipes || (close(down[0]) == 0 && close(up[1]) == 0));
             continue;
         }
         ASSERT_NE(conn, nullptr);
-        EXPECT_EQ(conn->read_fd, conn->write_fd);
-        EXPECT_EQ(conn->is_socket, 1);
+        EXPECT_EQ(daemon.wait(), 0);
+        EXPECT_EQ(conn->read_fd == conn->write_fd, !c.pipes);
+        EXPECT_EQ(conn->is_socket, c.pipes ? 0 : 1);
         EXPECT_EQ(conn->table, table());
-        EXPECT_TRUE(isNonBlocking(conn->read_fd));
+        EXPECT_TRUE(isNonBlocking(conn->read_fd) && isNonBlocking(conn->write_fd));
         int passcred = 0;
         socklen_t len = sizeof passcred;
-        ASSERT_EQ(getsockopt(conn->read_fd, SOL_SOCKET, SO_PASSCRED, &passcred, &len), 0);
-        EXPECT_EQ(passcred, 1);
-        const int fd = conn->read_fd;
+        getsockopt(conn->read_fd, SOL_SOCKET, SO_PASSCRED, &passcred, &len);
+        EXPECT_EQ(passcred, c.pipes ? 0 : 1);
+        // The daemon is gone: a count of 0 still succeeds, a write gets 404 and no signal.
+        EXPECT_EQ(lrpc2_read_all(conn->read_fd, nullptr, 0, 0, conn->is_socket), 0);
+        EXPECT_EQ(lrpc2_write_all(conn->write_fd, "x", 1, 1, conn->is_socket), LRPC2_ERR_CLOSED);
+        const int fds[] = {conn->read_fd, conn->write_fd};
         lrpc2_close(conn);
-        EXPECT_FALSE(isOpen(fd));
-        EXPECT_EQ(daemon.wait(), 0);
+        EXPECT_FALSE(isOpen(fds[0]) || isOpen(fds[1]));
     }
 }
 
@@ -157,6 +174,9 @@ TEST(Lrpc2Connect, UnusablePaths) {
         EXPECT_EQ(status, c.status);
     }
     EXPECT_EQ(lrpc2_connect(nullptr, table(), nullptr), nullptr);
+    int32_t status = -1;
+    EXPECT_EQ(lrpc2_attach(0, -1, table(), 1, &status), nullptr);
+    EXPECT_EQ(status, LRPC2_ERR_NOPATH);
 }
 
 }  // namespace
