@@ -21,7 +21,7 @@ profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;
   test) packages=("${build[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind dpkg-dev file
-                  pkgconf groff-base man-db) ;;
+                  pkgconf groff-base man-db python3-jsonschema zsh fish) ;;
   # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table.
   bench) packages=("${build[@]}" libbenchmark-dev libprotobuf-dev protobuf-compiler python3) ;;
   fuzz) packages=("${build[@]}" clang libclang-rt-14-dev) ;;
