@@ -75,6 +75,8 @@ for page in "8 kvstop:kvstop - stop the local Kavelo audit daemon" \
   check "man ${page%%:*} shows the page" grep -qF "${page#*:}" <<<"$out"
   check "man ${page%%:*} renders without warnings" test ! -s "$T/man.err"
 done
+check "kvctl(8) names every option of kvctl --help" as_root 'm=$(MANPAGER=cat MANWIDTH=200 man kvctl)
+  for o in $(kvctl --help | grep -o -- "--[a-z]*" | sort -u); do grep -qF -- "$o" <<<"$m" || exit 1; done'
 out=$(MANPAGER=cat man -l /usr/share/man/man8/kvstop.8.gz 2>&1) || true
 check "man -l on the installed kvstop(8)" grep -q '^EXIT STATUS' <<<"$out"
 
