@@ -40,12 +40,12 @@ std::string bash() {
                                                        std::string(o.values) + "' -- \"$cur\"))"
                                                  : ":";
         if (o.arg == Arg::Required) {
-            files += "        " + forms + ")\n            " + action +
-                     "\n            return\n            ;;\n";
+            files.append("        ").append(forms).append(")\n            ").append(action);
+            files += "\n            return\n            ;;\n";
         } else if (o.arg == Arg::Optional) {
-            bare += "        --" + std::string(o.longName) +
-                    ")\n            if [[ $split ]]; then\n                " + action +
-                    "\n                return\n            fi\n            ;;\n";
+            bare.append("        --").append(o.longName).append(")\n            if [[ $split ]]");
+            bare.append("; then\n                ").append(action);
+            bare += "\n                return\n            fi\n            ;;\n";
         }
     }
     return "# bash completion for kvctl(8), made from kvctl's list of commands and options\n"
@@ -92,8 +92,13 @@ std::string zsh() {
     for (const kvctl::Option& o : kvctl::kOptions) {
         const std::string s = std::string("-") + o.shortName;
         const std::string l = std::string("--") + o.longName;
+        // --help and --version end the run: nothing else goes with them.
         const bool exits = o.arg == Arg::None && strchr("hV", o.shortName) != nullptr;
-        const std::string exclude = exits ? "(- *)" : "(" + s + " " + l + ")";
+        std::string exclude = "(- *)";
+        if (!exits) {
+            exclude = "(";
+            exclude.append(s).append(" ").append(l).append(")");
+        }
         // The argument: in the next word or the same (+, =), or only in the same (-, =-).
         const char* shortMark = o.arg == Arg::Required ? "+" : o.arg == Arg::Optional ? "-" : "";
         const char* longMark = o.arg == Arg::Required ? "=" : o.arg == Arg::Optional ? "=-" : "";
@@ -105,8 +110,9 @@ std::string zsh() {
                                                      : " ");
         }
         const std::string spec = "[" + zshEscape(o.help, ']') + "]" + action;
-        out += "  " + quoted(exclude, false) + "{" + s + shortMark + "," + l + longMark + "}" +
-               quoted(spec, false) + " \\\n";
+        out.append("  ").append(quoted(exclude, false)).append("{").append(s).append(shortMark);
+        out.append(",").append(l).append(longMark).append("}").append(quoted(spec, false));
+        out += " \\\n";
     }
     std::string choices;
     for (const kvctl::Command& c : kvctl::kCommands) {
