@@ -278,7 +278,7 @@ bool apply(int opt, const char* arg, Options& o) {
             return true;
         case kLinger:
             o.exitOnStop = true;
-            return parseNumber(arg, o.lingerMs);
+            return parseNumber(arg, o.lingerMs) && o.lingerMs <= 86400000;
         case kHandshake:
             return parseNumber(arg, o.handshake);
         case kAuth:
