@@ -151,11 +151,11 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
          std::string("kvctl: status: {socket}: ") + kDown + "\n"},
         {"not reachable json",
          nullptr,
-         {"--json", "--socket", s, "ping"},
+         {"--json", "--socket", s, "status"},
          1,
          std::string(R"({"error":{"kind":"not reachable","message":")") + kDown +
              R"(","socket":"{socket}"}})" + "\n",
-         std::string("kvctl: ping: {socket}: ") + kDown + "\n"},
+         std::string("kvctl: status: {socket}: ") + kDown + "\n"},
         {"permission",
          "",
          {"--json", "--socket", s, "status"},
