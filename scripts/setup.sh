@@ -19,7 +19,7 @@ say() {
 
 build=(cmake ninja-build g++ libboost-dev nlohmann-json3-dev)
 test=("${build[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind dpkg-dev file pkgconf
-      groff-base man-db)
+      groff-base man-db python3-jsonschema zsh fish)
 profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;

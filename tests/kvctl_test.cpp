@@ -1,7 +1,9 @@
 // kvctl end to end: the real binary against the simulated daemon, every command in both
-// output forms, and its failures. Runs in namespaces of its own with a private
+// output forms, its failures, and every JSON output checked against the shipped schema with
+// the jsonschema validator. Runs in namespaces of its own with a private
 // "/etc/zantorkv/zantorkv.conf".
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <iterator>
 #include <memory>
@@ -10,8 +12,6 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "support/hermetic.h"
 #include "support/kvdsim.h"
 #include "support/program.h"
@@ -19,16 +19,21 @@
 namespace {
 
 const std::string kKvctl = KV_BIN_DIR "/tools/kvctl/kvctl";
-const char kSocket[] = "{socket}";  // replaced by the case's socket in kvctl's arguments
+const std::string kSchema = KV_BIN_DIR "/tools/kvctl/kvctl.schema.json";
+const std::string kTry = "Try 'kvctl --help' for more information.\n";
+
+enum How { kPlain, kNobody, kFullDisk };  // kNobody: as nobody, the socket root's, mode 0600
 
 struct CtlCase {
     const char* name;
     const char* kvdsim;  // its arguments, separated by blanks; null: no daemon
     std::vector<std::string> args;
     int status;
-    std::string
-        out;  // exact text; a JSON text is compared as parsed; a regex when it starts with ^
-    std::string err;  // exact text
+    // Exact texts, with {socket} for the case's socket and {pid} for the daemon's pid; `out`
+    // is a regular expression when it starts with ^.
+    std::string out;
+    std::string err;
+    How how;
 };
 
 std::vector<std::string> words(const char* text) {
@@ -36,130 +41,192 @@ std::vector<std::string> words(const char* text) {
     return {std::istream_iterator<std::string>(in), {}};
 }
 
-void expectOutput(const std::string& expected, const std::string& actual) {
-    if (!expected.empty() && expected[0] == '{') {
-        const nlohmann::json parsed = nlohmann::json::parse(actual, nullptr, false);
-        ASSERT_FALSE(parsed.is_discarded()) << actual;
-        EXPECT_EQ(parsed, nlohmann::json::parse(expected));
-        EXPECT_EQ(std::count(actual.begin(), actual.end(), '\n'), 1) << "one object per run";
-    } else if (!expected.empty() && expected[0] == '^') {
-        EXPECT_TRUE(std::regex_match(actual, std::regex(expected))) << actual;
-    } else {
-        EXPECT_EQ(actual, expected);
+std::string fill(std::string text, const std::string& socket, const std::string& pid) {
+    for (const auto& [key, value] : {std::pair{"{socket}", socket}, std::pair{"{pid}", pid}}) {
+        for (size_t at; (at = text.find(key)) != std::string::npos;) {
+            text.replace(at, strlen(key), value);
+        }
     }
+    return text;
 }
 
 const char kDetail[] =
     "--collector-status busy --collector-detail 7,spooling,kv\"1,no,remote, "
-    "--db-size 42MB --despool-rate 3/s --online no";
-const char kUnreachable[] = "Kavelo daemon does not appear to be running or reachable";
+    "--db-size 42MB --despool-rate 3.5 --online no";
+// ESC, a raw 0x9B, U+009B, an invalid byte, DEL, then valid UTF-8.
+const char kHostile[] = "--collector-status a\x1b[2J\x9b\xc2\x9b\xff\x7f\xc3\xa9";
+const char kDown[] = "Kavelo daemon does not appear to be running or reachable";
+const char kStatusText[] =
+    "online:            yes\ncollector status:  running\n"
+    "collector detail:  1 | running | kvdsim | yes | local | \n"
+    "database size:     1048576\ndespool rate:      0\n";
+const char kStatusJson[] =
+    R"({"collector_detail":[1,"running","kvdsim",true,"local",""],"collector_status":"running",)"
+    R"("database_size":1048576,"database_size_text":"1048576","despool_rate":0,)"
+    R"("despool_rate_text":"0","online":true})"
+    "\n";
 
 TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
     KV_REQUIRE_HERMETIC();
-    // Usage errors print the text that --help prints after their own line.
-    const kvtest::ProgramResult help = kvtest::runProgram({kKvctl, "--help"});
-    ASSERT_EQ(help.status, 0);
-    ASSERT_EQ(help.out.rfind("Usage: kvctl ", 0), 0u) << help.out;
+    const std::string s = "{socket}";
     const CtlCase cases[] = {
         {"status",
          kDetail,
-         {"--socket", kSocket, "status"},
+         {"-s", s, "status"},
          0,
-         "online:            no\n"
-         "collector status:  busy\n"
+         "online:            no\ncollector status:  busy\n"
          "collector detail:  7 | spooling | kv\"1 | no | remote | \n"
-         "database size:     42MB\n"
-         "despool rate:      3/s\n",
-         ""},
-        {"status json",
+         "database size:     42MB\ndespool rate:      3.5\n"},
+        {"status json: numbers beside their text",
          kDetail,
-         {"--json", "--socket", kSocket, "status"},
+         {"--json", "--socket", s, "status"},
          0,
-         R"({"online": false, "collector_status": "busy",
-             "collector_detail": [7, "spooling", "kv\"1", false, "remote", ""],
-             "database_size": "42MB", "despool_rate": "3/s"})",
-         ""},
-        {"ping",
+         R"({"collector_detail":[7,"spooling","kv\"1",false,"remote",""],"collector_status":)"
+         R"("busy","database_size":null,"database_size_text":"42MB","despool_rate":3.5,)"
+         R"("despool_rate_text":"3.5","online":false})"
+         "\n"},
+        {"options after the command", "", {"status", "--json", "--socket", s}, 0, kStatusJson},
+        {"short forms", "", {"-j", "status", "-s", s}, 0, kStatusJson},
+        {"relative socket", "", {"--socket=sock", "status"}, 0, kStatusText},
+        {"pretty json",
          "",
-         {"--socket", kSocket, "ping"},
+         {"--json=pretty", "-s", s, "reload"},
          0,
-         "^daemon answers, round trip [0-9]+\\.[0-9]{3} ms\n$",
-         ""},
+         "{\n  \"reload_result\": 0\n}\n"},
+        {"controls, C1 and invalid UTF-8",
+         kHostile,
+         {"--socket", s, "status"},
+         0,
+         "^online: +yes\ncollector status:  a\\?\\[2J\\?\\?\\?\\?\xc3\xa9\n(.*\n){3}$"},
+        {"controls in JSON",
+         kHostile,
+         {"--json", "--socket", s, "status"},
+         0,
+         "^.*\"collector_status\":\"a\\\\u001b\\[2J\\\\ufffd\\\\u009b\\\\ufffd\\\\u007f"
+         "\\\\u00e9\",.*\n$"},
+        {"ping", "", {"ping", "-s", s}, 0, "^daemon answers, round trip [0-9]+\\.[0-9]{3} ms\n$"},
         {"ping json",
          "",
-         {"--socket", kSocket, "--json", "ping"},
+         {"-s", s, "-j", "ping"},
          0,
-         "^\\{\"answers\":true,\"round_trip_ms\":[0-9.e-]+\\}\n$",
-         ""},
-        {"reload", "", {"--socket", kSocket, "reload"}, 0, "reload answered 0 (done)\n", ""},
+         "^\\{\"answers\":true,\"round_trip_ms\":[0-9.e-]+\\}\n$"},
+        {"reload", "", {"--socket", s, "reload"}, 0, "reload answered 0 (done)\n"},
         {"reload refused json",
          "--reload-result 7",
-         {"--socket", kSocket, "--json", "reload"},
+         {"--socket", s, "--json", "reload"},
          2,
-         R"({"reload_result": 7})",
-         "kvctl: reload: the daemon answered 7\n"},
-        {"stop json",
+         R"({"error":{"kind":"refused","message":"the daemon answered 7","socket":"{socket}"}})"
+         "\n",
+         "kvctl: reload: {socket}: the daemon answered 7\n"},
+        {"stop",
          "--exit-on-stop",
-         {"--json", "--socket", kSocket, "stop"},
+         {"stop", "-s", s},
          0,
-         R"({"stop": "stopped"})",
-         ""},
+         "Zantor Kavelo daemon stopped successfully.\n"},
         {"stop, still answering",
          "",
-         {"--json", "--socket", kSocket, "stop"},
+         {"--json", "--socket", s, "stop"},
          2,
-         R"({"stop": "still answering"})",
-         "kvctl: stop: the daemon still answers after the stop request\n"},
-        {"socket from the configuration file", "", {"status"}, 0, "^online: +yes\n(.*\n){4}$", ""},
+         R"({"error":{"kind":"failed","message":"the daemon still answers after the stop )"
+         R"(request","socket":"{socket}"}})"
+         "\n",
+         "kvctl: stop: {socket}: the daemon still answers after the stop request\n"},
+        {"stop --wait",
+         "--linger 300",
+         {"stop", "-s", s, "--wait", "10", "-j"},
+         0,
+         "^\\{\"pid\":{pid},\"stop\":\"stopped\",\"waited_seconds\":[0-9.]+\\}\n$"},
+        {"stop --wait, still running",
+         "--linger 20000",
+         {"stop", "-w1", "-s", s},
+         2,
+         "",
+         "kvctl: stop: {socket}: still running after 1 s (pid {pid})\n"},
+        {"socket from the configuration file", "", {"status"}, 0, kStatusText},
         {"not reachable",
          nullptr,
-         {"--socket", kSocket, "status"},
+         {"--socket", s, "status"},
          1,
          "",
-         std::string("kvctl: status: ") + kUnreachable + "\n"},
+         std::string("kvctl: status: {socket}: ") + kDown + "\n"},
+        {"not reachable json",
+         nullptr,
+         {"--json", "--socket", s, "status"},
+         1,
+         std::string(R"({"error":{"kind":"not reachable","message":")") + kDown +
+             R"(","socket":"{socket}"}})" + "\n",
+         std::string("kvctl: status: {socket}: ") + kDown + "\n"},
+        {"permission",
+         "",
+         {"--json", "--socket", s, "status"},
+         2,
+         R"({"error":{"kind":"permission","message":"permission denied; the daemon's socket )"
+         R"(may need root","socket":"{socket}"}})"
+         "\n",
+         "kvctl: status: {socket}: permission denied; the daemon's socket may need root\n",
+         kNobody},
+        {"output to a full disk",
+         "",
+         {"--socket", s, "status"},
+         2,
+         "",
+         "kvctl: status: {socket}: cannot write standard output: No space left on device\n",
+         kFullDisk},
+        {"json to a full disk",
+         "",
+         {"--json", "--socket", s, "ping"},
+         2,
+         "",
+         "kvctl: ping: {socket}: cannot write standard output: No space left on device\n",
+         kFullDisk},
         {"authentication refused",
          "--auth --auth-answer one-path",
-         {"--socket", kSocket, "ping"},
+         {"--socket", s, "ping"},
          2,
          "",
-         "kvctl: ping: Unable to send lrpc2 message: 409 (Process authentication failed)\n"},
+         "kvctl: ping: {socket}: Unable to send lrpc2 message: 409 (Process authentication "
+         "failed)\n"},
         {"reply of the wrong shape",
          "--reply-fields 90=0301000000",
-         {"--socket", kSocket, "status"},
+         {"--socket", s, "status"},
          2,
          "",
-         "kvctl: status: Error reading string from request message\n"},
-        {"time-out of this run",
-         "--fault silent-request",
-         {"--timeout", "1", "--socket", kSocket, "ping"},
+         "kvctl: status: {socket}: Error reading string from request message\n"},
+        {"time-out of the whole command",
+         "--piece 1 --piece-delay 100",
+         {"--timeout", "1", "--socket", s, "status"},
          2,
          "",
-         "kvctl: ping: Unable to send lrpc2 message: 408 (Timeout during operation)\n"},
+         "kvctl: status: {socket}: timed out after 1 s\n"},
+        {"help after the command", nullptr, {"status", "--help"}, 0, "^Usage: kvctl (.*\n)+$"},
         {"unknown command",
          nullptr,
-         {"restart"},
+         {"restart", "-j"},
          2,
-         "",
-         std::string("kvctl: unknown command: 'restart'\n") + help.out},
+         R"({"error":{"kind":"usage","message":"unknown command 'restart'","socket":null}})"
+         "\n",
+         "kvctl: unknown command 'restart'\n" + kTry},
         {"unknown option",
          nullptr,
          {"--force", "stop"},
          2,
          "",
-         std::string("kvctl: unknown option or missing argument: --force\n") + help.out},
+         "kvctl: unknown option '--force'\n" + kTry},
         {"bad time-out",
          nullptr,
-         {"--timeout", "-1", "ping"},
+         {"ping", "--timeout=-1"},
          2,
          "",
-         std::string("kvctl: bad time-out: '-1'\n") + help.out},
+         "kvctl: bad time-out: '-1'\n" + kTry},
         {"two commands",
          nullptr,
          {"ping", "stop"},
          2,
          "",
-         std::string("kvctl: one command only\n") + help.out},
+         "kvctl: one command only (also 'stop')\n" + kTry},
     };
+    std::string outputs;  // every JSON output, for the validator
+    int jsonOutputs = 0;
     for (const CtlCase& c : cases) {
         SCOPED_TRACE(c.name);
         kvtest::TempDir dir;
@@ -170,15 +237,40 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
             daemon.reset(new kvtest::Kvdsim(dir, words(c.kvdsim)));
             ASSERT_TRUE(daemon->ready());
         }
+        const std::string pid = daemon ? std::to_string(daemon->pid()) : "";
         std::vector<std::string> argv = {kKvctl};
-        for (const std::string& a : c.args) {
-            argv.push_back(a == kSocket ? dir.file("sock") : a);
+        if (c.how == kFullDisk) {
+            argv = {"/bin/sh", "-c", "exec \"$@\" >/dev/full", "sh", kKvctl};
+        } else if (c.how == kNobody) {
+            ASSERT_EQ(chmod(dir.file("sock").c_str(), 0600), 0);
         }
-        const kvtest::ProgramResult r = kvtest::runProgram(argv);
+        for (const std::string& a : c.args) {
+            argv.push_back(fill(a, dir.file("sock"), pid));
+        }
+        const kvtest::ProgramResult r = kvtest::runProgram(argv, c.how == kNobody, dir.path());
         EXPECT_EQ(r.status, c.status);
-        expectOutput(c.out, r.out);
-        EXPECT_EQ(r.err, c.err);
+        const std::string out = fill(c.out, dir.file("sock"), pid);
+        if (out.empty() || out[0] != '^') {
+            EXPECT_EQ(r.out, out);
+        } else {
+            EXPECT_TRUE(std::regex_match(r.out, std::regex(out))) << r.out;
+        }
+        EXPECT_EQ(r.err, fill(c.err, dir.file("sock"), pid));
+        if (r.out[0] == '{') {
+            outputs += (jsonOutputs++ == 0 ? "[" : ",") + r.out;
+        }
     }
+    kvtest::TempDir dir;
+    const kvtest::ProgramResult v =
+        kvtest::runProgram({"/usr/bin/python3", "-c",
+                            "import json, sys, jsonschema\n"
+                            "schema = json.load(open(sys.argv[1]))\n"
+                            "jsonschema.Draft202012Validator.check_schema(schema)\n"
+                            "for o in json.load(open(sys.argv[2])):\n"
+                            "    jsonschema.Draft202012Validator(schema).validate(o)\n",
+                            kSchema, dir.write("outputs.json", outputs + "]")});
+    EXPECT_EQ(v.status, 0) << v.err;
+    EXPECT_EQ(jsonOutputs, 12);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "zkvfw/lrpc2client.h"
 
+#include <sys/socket.h>
+
 #include "lrpc2/conf.h"
 #include "lrpc2/exchange.h"
 #include "lrpc2/status.h"
@@ -51,9 +53,28 @@ void Lrpc2Client::setDefaultTimeout(int32_t seconds) {
     m_timeout = seconds;
 }
 
-bool Lrpc2Client::connect(int32_t timeout) {
+std::string Lrpc2Client::socketPath() const {
     std::string path = m_socketPath;
     if (path.empty() && !configuredSocketPath(path)) {
+        path.clear();
+    }
+    return path;
+}
+
+pid_t Lrpc2Client::peerPid() const {
+    ucred peer = {};
+    socklen_t size = sizeof peer;
+    if (m_connection == nullptr ||
+        getsockopt(m_connection->read_fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
+        peer.pid <= 0) {
+        return -1;
+    }
+    return peer.pid;
+}
+
+bool Lrpc2Client::connect(int32_t timeout) {
+    const std::string path = socketPath();
+    if (path.empty()) {
         return false;
     }
 

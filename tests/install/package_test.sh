@@ -3,8 +3,9 @@
 # Makes the Debian package of BUILD_DIR with CPack and installs it with dpkg into this
 # namespace only: /etc and /var are hermetic.sh's overlays and /usr gets one here, so the
 # host's files and package database never change. Checks that kvstop and kvctl are on
-# root's PATH, that man finds every page, that kvctl's completion is installed, that the
-# installed kvctl reads the installed kvdsim's status and kvstop stops it, that the
+# root's PATH, that man finds every page, that bash, zsh and fish each complete kvctl with
+# its installed completion, that the installed kvctl reads the installed kvdsim's status
+# (its JSON valid under the installed schema) and kvstop stops it, that the
 # installed client library builds a C program through pkg-config, and that purging the
 # package leaves exactly the files that were there before.
 set -euo pipefail
@@ -61,7 +62,8 @@ check "kvdsim is on the PATH" as_root '[ "$(command -v kvdsim)" = /usr/bin/kvdsi
 check "kvctl is /usr/sbin/kvctl on root's PATH" as_root '[ "$(command -v kvctl)" = /usr/sbin/kvctl ]'
 for f in include/lrpc2/lrpc2.h include/zkvfw/lrpc2client.h include/zfw/logger.h \
          share/man/man8/kvstop.8.gz share/man/man8/kvctl.8.gz share/man/man1/kvdsim.1.gz \
-         share/bash-completion/completions/kvctl; do
+         share/bash-completion/completions/kvctl share/zsh/vendor-completions/_kvctl \
+         share/fish/vendor_completions.d/kvctl.fish share/kvctl/kvctl.schema.json; do
   check "/usr/$f belongs to the package" \
     bash -c '[ "$(dpkg -S "$1")" = "kvstop: $1" ]' _ "/usr/$f"
 done
@@ -73,6 +75,8 @@ for page in "8 kvstop:kvstop - stop the local Kavelo audit daemon" \
   check "man ${page%%:*} shows the page" grep -qF "${page#*:}" <<<"$out"
   check "man ${page%%:*} renders without warnings" test ! -s "$T/man.err"
 done
+check "kvctl(8) names every option of kvctl --help" as_root 'm=$(MANPAGER=cat MANWIDTH=200 man kvctl)
+  for o in $(kvctl --help | grep -o -- "--[a-z]*" | sort -u); do grep -qF -- "$o" <<<"$m" || exit 1; done'
 out=$(MANPAGER=cat man -l /usr/share/man/man8/kvstop.8.gz 2>&1) || true
 check "man -l on the installed kvstop(8)" grep -q '^EXIT STATUS' <<<"$out"
 
@@ -83,9 +87,21 @@ daemon=$!
 for _ in $(seq 100); do [ -e "$ready" ] || ! kill -0 "$daemon" 2>/dev/null && break; sleep 0.05; done
 check "kvdsim listens" test -e "$ready"
 check "the installed kvctl reads the daemon's status" as_root 'kvctl status | grep -q "^online: *yes$"'
-check "bash completes kvctl's commands" bash -c \
+check "the installed kvctl's JSON is valid under the installed schema" bash -c \
+  'kvctl --json status >"$1/status.json" && python3 -m jsonschema -i "$1/status.json" \
+     /usr/share/kvctl/kvctl.schema.json' _ "$T"
+check "bash completes kvctl's commands and options" bash -c \
   '. /usr/share/bash-completion/completions/kvctl 2>/dev/null; _init_completion() { cur=${COMP_WORDS[COMP_CWORD]}; prev=${COMP_WORDS[COMP_CWORD-1]}; words=("${COMP_WORDS[@]}"); cword=$COMP_CWORD; }
-   COMP_WORDS=(kvctl st); COMP_CWORD=1; _kvctl; [ "${COMPREPLY[*]}" = "status stop" ]'
+   COMP_WORDS=(kvctl st); COMP_CWORD=1; _kvctl; [ "${COMPREPLY[*]}" = "status stop" ] || exit 1
+   COMP_WORDS=(kvctl status --j); COMP_CWORD=2; _kvctl; [ "${COMPREPLY[*]}" = "--json" ]'
+# zsh completes only in its line editor: type into an interactive zsh on a pseudo-terminal
+# and wait (bounded) for the listing of both commands.
+check "zsh completes kvctl's commands" timeout 20 zsh -fc '
+  zmodload zsh/zpty; zpty z env -i TERM=dumb PATH=/usr/bin:/bin zsh -f -i
+  zpty -w z "PS1=; autoload -U compinit; compinit -u -D"; zpty -w -n z $'"'"'kvctl st\t\t'"'"'
+  zpty -r z out "*status  -- online flag*stop    -- stop the daemon*"'
+check "fish completes kvctl's commands and options" bash -c \
+  '[ "$(fish -c "complete -C \"kvctl st\"; complete -C \"kvctl status --j\"" | cut -f1 | tr "\n" " ")" = "status stop --json " ]'
 rc=0
 out=$(as_root kvstop 2>&1) || rc=$?
 check "kvstop exits 0 (status $rc)" test "$rc" = 0

@@ -28,6 +28,7 @@ class Kvdsim {
 
     bool ready() const { return m_ready; }
     const std::string& socket() const { return m_socket; }
+    pid_t pid() const { return m_pid; }
     // The lines of its frame log so far.
     std::vector<std::string> log() const;
     // Waits for it to exit: its exit status, or 128 + signal.

@@ -15,6 +15,16 @@ const int32_t kPingTimeout = 60;
 
 }  // namespace
 
+bool stillAnswers(Lrpc2Client& client) {
+    sleep(1);
+    // Whatever fails from here on means that the daemon is gone.
+    try {
+        return client.connect(0) && client.ping(kPingTimeout);
+    } catch (const ZFWException&) {
+        return false;
+    }
+}
+
 StopOutcome stopAndConfirm(Lrpc2Client& client, const boost::shared_ptr<zfw::Logger>& logger,
                            std::ostream& out) {
     try {
@@ -32,16 +42,9 @@ StopOutcome stopAndConfirm(Lrpc2Client& client, const boost::shared_ptr<zfw::Log
         return StopOutcome::Refused;
     }
 
-    sleep(1);
-
-    // Whatever fails from here on means that the daemon is gone.
-    try {
-        if (client.connect(0) && client.ping(kPingTimeout)) {
-            return StopOutcome::StillAnswering;
-        }
-    } catch (const ZFWException&) {
+    if (stillAnswers(client)) {
+        return StopOutcome::StillAnswering;
     }
-
     out << "Zantor Kavelo daemon stopped successfully." << std::endl;
     if (logger->isEnabled(zfw::Logger::INFO)) {
         logger->log(zfw::Logger::INFO, "Zantor Kavelo daemon stopped successfully.");

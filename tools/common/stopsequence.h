@@ -25,6 +25,10 @@ enum class StopOutcome {
 StopOutcome stopAndConfirm(Lrpc2Client& client, const boost::shared_ptr<zfw::Logger>& logger,
                            std::ostream& out);
 
+// The confirmation phase: a second after the stop request, does the daemon still answer a
+// ping? The session must be disconnected; it stays connected when the answer is yes.
+bool stillAnswers(Lrpc2Client& client);
+
 // The exit status of an outcome: 0 stopped, 1 not reachable, 2 otherwise.
 int exitStatus(StopOutcome outcome);
 

@@ -1,136 +1,299 @@
 // kvctl: status, ping, reload and stop of the local Kavelo audit daemon, for people and,
-// with --json, for monitoring.
+// with --json, for monitoring (the contract: kvctl.schema.json).
 //
 // Exit status 0: done; 1: the daemon is not reachable; 2: refused, failed, or a usage error.
-// Every failure writes one line to standard error.
+// Every failure writes one line to standard error, and with --json an error object to
+// standard output.
 #include <getopt.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iomanip>
-#include <iostream>
-#include <sstream>
+#include <regex>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "cli.h"
 #include "lrpc2/table.h"
 #include "stopsequence.h"
+#include "zfw/exception.h"
 #include "zfw/logger.h"
 #include "zkvfw/lrpc2client.h"
 
 namespace {
 
-const char kUsage[] =
-    "Usage: kvctl [--socket PATH] [--timeout SECONDS] [--json] COMMAND\n"
-    "Asks the local Kavelo audit daemon how it is, reloads it, or stops it.\n"
-    "\n"
-    "Commands:\n"
-    "  status   online flag, collector status and details, database size, despool rate\n"
-    "  ping     whether the daemon answers, and the round-trip time\n"
-    "  reload   have the daemon reload its properties; prints its answer\n"
-    "  stop     stop the daemon and confirm that it is gone (as kvstop does)\n"
-    "\n"
-    "Options:\n"
-    "  --socket PATH      the daemon's socket (default: from /etc/zantorkv/zantorkv.conf)\n"
-    "  --timeout SECONDS  time allowed for connecting and for each exchange (0: no limit;\n"
-    "                     default: lrpc2.timeout of the configuration, else 30)\n"
-    "  --json             one JSON object on standard output instead of text\n"
-    "  --help             print this text and exit\n"
-    "  --version          print the version and exit\n"
-    "\n"
-    "Exit status: 0 done, 1 daemon not reachable, 2 refused, failed or usage error.\n";
+using Clock = std::chrono::steady_clock;
 
 const int kDone = 0;
 const int kNotReachable = 1;
 const int kFailed = 2;
-// The longest time-out accepted: a day.
-const long kMaxTimeout = 86400;
+// The longest time-out or wait accepted: a day.
+const long kMaxSeconds = 86400;
+const int kText = -2;  // Run::json when writing text; else nlohmann's indent (-1: one line)
 
-struct Options {
-    std::string socket;
-    long timeout = -1;  // -1: the session's default
-    bool json = false;
-    std::string command;
+// A failure of the run: its kind in the JSON contract, its text and the exit status.
+struct Failure : std::runtime_error {
+    Failure(const char* k, const std::string& message, int s)
+        : std::runtime_error(message), kind(k), status(s) {}
+    const char* kind;
+    int status;
 };
 
-int usageError(const std::string& what) {
-    std::cerr << "kvctl: " << what << "\n" << kUsage;
-    return kFailed;
+Failure notReachable(const std::string& m) {
+    return {"not reachable", m, kNotReachable};
+}
+Failure permission(const std::string& m) {
+    return {"permission", m, kFailed};
+}
+Failure refused(const std::string& m) {
+    return {"refused", m, kFailed};
+}
+Failure failed(const std::string& m) {
+    return {"failed", m, kFailed};
+}
+Failure usage(const std::string& m) {
+    return {"usage", m, kFailed};
 }
 
-// Parses the command line; -1 to go on, else the exit status.
-int parseOptions(int argc, char** argv, Options& o) {
-    enum { kSocket = 256, kTimeout, kJson, kHelp, kVersion };
-    const option longOptions[] = {
-        {"socket", required_argument, nullptr, kSocket},
-        {"timeout", required_argument, nullptr, kTimeout},
-        {"json", no_argument, nullptr, kJson},
-        {"help", no_argument, nullptr, kHelp},
-        {"version", no_argument, nullptr, kVersion},
-        {nullptr, 0, nullptr, 0},
-    };
-    opterr = 0;
-    int opt = 0;
-    while ((opt = getopt_long(argc, argv, "+", longOptions, nullptr)) != -1) {
-        switch (opt) {
-            case kSocket:
-                o.socket = optarg;
-                if (o.socket.empty()) {
-                    return usageError("--socket needs a path");
-                }
-                break;
-            case kTimeout: {
-                char* end = nullptr;
-                errno = 0;
-                o.timeout = std::strtol(optarg, &end, 10);
-                if (!std::isdigit(static_cast<unsigned char>(optarg[0])) || *end != '\0' ||
-                    errno != 0 || o.timeout > kMaxTimeout) {
-                    return usageError(std::string("bad time-out: '") + optarg + "'");
-                }
+struct Run {
+    std::string command;
+    std::string socket;  // empty: the configured one
+    long timeout = -1;   // -1: the configured one
+    long wait = -1;      // -1: no --wait
+    int json = kText;
+};
+
+// Daemon bytes shown to people: controls (C0, DEL, C1) and invalid UTF-8 could drive the
+// terminal, so each is replaced by '?'; valid UTF-8 text passes unchanged.
+std::string safeText(const std::string& text) {
+    std::string out;
+    const auto* s = reinterpret_cast<const unsigned char*>(text.data());
+    const size_t n = text.size();
+    for (size_t i = 0; i < n;) {
+        const unsigned char c = s[i];
+        size_t len = c < 0x80                 ? 1
+                     : c >= 0xC2 && c <= 0xDF ? 2
+                     : c >= 0xE0 && c <= 0xEF ? 3
+                     : c >= 0xF0 && c <= 0xF4 ? 4
+                                              : 0;
+        uint32_t cp = len == 1 ? c : len == 2 ? c & 0x1F : len == 3 ? c & 0x0F : c & 0x07;
+        for (size_t k = 1; k < len; ++k) {
+            if (i + k >= n || (s[i + k] & 0xC0) != 0x80) {
+                len = 0;
                 break;
             }
-            case kJson:
-                o.json = true;
-                break;
-            case kHelp:
-                std::cout << kUsage;
-                return kDone;
-            case kVersion:
-                std::cout << "kvctl " KV_VERSION "\n";
-                return kDone;
-            default:
-                return usageError(std::string("unknown option or missing argument: ") +
-                                  argv[optind - 1]);
+            cp = (cp << 6) | (s[i + k] & 0x3F);
         }
-    }
-    if (optind != argc - 1) {
-        return usageError(optind == argc ? "no command" : "one command only");
-    }
-    o.command = argv[optind];
-    return -1;
-}
-
-// Daemon texts shown to people: control characters would drive the terminal.
-std::string printable(const std::string& text) {
-    std::string out = text;
-    for (char& c : out) {
-        if (std::iscntrl(static_cast<unsigned char>(c))) {
-            c = '?';
+        // Overlong forms, surrogates and code points past U+10FFFF are invalid too.
+        const bool valid = len == 1 || (len == 2 && cp >= 0x80) ||
+                           (len == 3 && cp >= 0x800 && (cp < 0xD800 || cp > 0xDFFF)) ||
+                           (len == 4 && cp >= 0x10000 && cp <= 0x10FFFF);
+        if (!valid || cp < 0x20 || (cp >= 0x7F && cp <= 0x9F)) {
+            out += '?';
+            i += valid ? len : 1;
+        } else {
+            out.append(text, i, len);
+            i += len;
         }
     }
     return out;
 }
 
-const char* yesNo(bool value) {
-    return value ? "yes" : "no";
+// The one way JSON is written: ASCII only, so every control character (C0, DEL, C1) is
+// escaped, and invalid UTF-8 becomes U+FFFD.
+std::string jsonText(const nlohmann::json& value, int indent) {
+    return value.dump(indent, ' ', true, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-void printJson(const nlohmann::json& object) {
-    std::cout << object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+// A daemon text as a JSON number when it is one, else null; the text goes beside it.
+nlohmann::json number(const std::string& text) {
+    static const std::regex kNumber("-?(0|[1-9][0-9]*)(\\.[0-9]+)?");
+    return std::regex_match(text, kNumber) ? nlohmann::json::parse(text) : nlohmann::json();
+}
+
+// Writes to standard output; false (errno set) when the bytes did not all reach it.
+bool writeOut(const std::string& text) {
+    return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+}
+
+// What the alarm writes when the command's time runs out, prepared in advance: a signal
+// handler may only write and exit.
+char gAlarmErr[2048];
+char gAlarmOut[2048];
+size_t gAlarmErrLen = 0;
+size_t gAlarmOutLen = 0;
+extern "C" void onAlarm(int /*signal*/) {
+    (void)!write(STDERR_FILENO, gAlarmErr, gAlarmErrLen);
+    (void)!write(STDOUT_FILENO, gAlarmOut, gAlarmOutLen);
+    _exit(kFailed);
+}
+
+size_t prepare(char (&buffer)[2048], const std::string& text) {
+    return static_cast<size_t>(snprintf(buffer, sizeof buffer, "%s", text.c_str())) % sizeof buffer;
+}
+
+std::string describe(const Failure& f, const Run& run, const std::string& socket) {
+    if (strcmp(f.kind, "usage") == 0) {
+        return "kvctl: " + safeText(f.what()) + "\nTry 'kvctl --help' for more information.\n";
+    }
+    return "kvctl: " + run.command + ": " + safeText(socket.empty() ? "(unknown socket)" : socket) +
+           ": " + safeText(f.what()) + "\n";
+}
+
+nlohmann::json errorObject(const Failure& f, const std::string& socket) {
+    return {{"error",
+             {{"kind", f.kind},
+              {"message", f.what()},
+              {"socket", socket.empty() ? nlohmann::json() : nlohmann::json(socket)}}}};
+}
+
+int report(const Failure& f, const Run& run, const std::string& socket) {
+    const std::string line = describe(f, run, socket);
+    fputs(line.c_str(), stderr);
+    if (run.json != kText && !writeOut(jsonText(errorObject(f, socket), run.json))) {
+        fprintf(stderr, "kvctl: cannot write standard output: %s\n", strerror(errno));
+    }
+    return f.status;
+}
+
+// Writes what a run that succeeded prints and closes standard output: a full disk or a closed
+// pipe is a failure, not a silent success.
+int finish(const std::string& text, const Run& run, const std::string& socket) {
+    if (writeOut(text) && fclose(stdout) == 0) {
+        return kDone;
+    }
+    const Failure f = failed(std::string("cannot write standard output: ") + strerror(errno));
+    fputs(run.command.empty() ? ("kvctl: " + safeText(f.what()) + "\n").c_str()
+                              : describe(f, run, socket).c_str(),
+          stderr);
+    return f.status;
+}
+
+std::string usageText() {
+    std::string text =
+        "Usage: kvctl [OPTION]... COMMAND\n"
+        "Asks the local Kavelo audit daemon how it is, reloads it, or stops it.\n"
+        "\nCommands:\n";
+    for (const kvctl::Command& c : kvctl::kCommands) {
+        text += "  " + std::string(c.name) + std::string(9 - strlen(c.name), ' ') + c.help + "\n";
+    }
+    text += "\nOptions (before or after the command):\n";
+    for (const kvctl::Option& o : kvctl::kOptions) {
+        std::string form = std::string("-") + o.shortName + ", --" + o.longName;
+        if (o.arg != kvctl::Arg::None) {
+            form += o.arg == kvctl::Arg::Optional ? std::string("[=") + o.argName + "]"
+                                                  : std::string("=") + o.argName;
+        }
+        text +=
+            "  " + form + std::string(form.size() < 22 ? 22 - form.size() : 1, ' ') + o.help + "\n";
+    }
+    return text +
+           "\nExit status: 0 done, 1 daemon not reachable, 2 refused, failed or usage error.\n"
+           "JSON contract: /usr/share/kvctl/kvctl.schema.json; more in kvctl(8).\n";
+}
+
+bool parseSeconds(const char* text, long& value) {
+    char* end = nullptr;
+    errno = 0;
+    value = std::strtol(text, &end, 10);
+    return text[0] >= '0' && text[0] <= '9' && *end == '\0' && errno == 0 && value <= kMaxSeconds;
+}
+
+// Parses the command line (GNU style: options anywhere, "--" ends them). Returns -1 to go
+// on, else the exit status; a usage error is reported after the whole line was read, so
+// that --json applies wherever it stands.
+int parseOptions(int argc, char** argv, Run& run) {
+    std::string shortOptions = ":";
+    std::vector<option> longOptions;
+    for (const kvctl::Option& o : kvctl::kOptions) {
+        const int has = o.arg == kvctl::Arg::None       ? no_argument
+                        : o.arg == kvctl::Arg::Required ? required_argument
+                                                        : optional_argument;
+        shortOptions += std::string(1, o.shortName) + (has == no_argument         ? ""
+                                                       : has == required_argument ? ":"
+                                                                                  : "::");
+        longOptions.push_back({o.longName, has, nullptr, o.shortName});
+    }
+    longOptions.push_back({nullptr, 0, nullptr, 0});
+    std::string error;
+    bool help = false;
+    bool version = false;
+    opterr = 0;
+    int opt = 0;
+    while ((opt = getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), nullptr)) !=
+           -1) {
+        const std::string given = argv[optind - 1];
+        const std::string name = given.rfind("--", 0) == 0 ? given.substr(0, given.find('='))
+                                                           : "-" + std::string(1, optopt);
+        std::string bad;
+        switch (opt) {
+            case 's':
+                run.socket = optarg;
+                if (run.socket.empty()) {
+                    bad = "--socket needs a path";
+                }
+                break;
+            case 't':
+                if (!parseSeconds(optarg, run.timeout)) {
+                    bad = std::string("bad time-out: '") + optarg + "'";
+                }
+                break;
+            case 'w':
+                if (!parseSeconds(optarg, run.wait)) {
+                    bad = std::string("bad wait: '") + optarg + "'";
+                }
+                break;
+            case 'j':
+                if (optarg == nullptr || strcmp(optarg, "short") == 0) {
+                    run.json = -1;
+                } else if (strcmp(optarg, "pretty") == 0) {
+                    run.json = 2;
+                } else {
+                    bad = std::string("bad JSON format: '") + optarg + "' (short or pretty)";
+                }
+                break;
+            case 'h':
+                help = true;
+                break;
+            case 'V':
+                version = true;
+                break;
+            case ':':
+                bad = "option '" + name + "' needs an argument";
+                break;
+            default:
+                bad = "unknown option '" + name + "'";
+                break;
+        }
+        if (error.empty()) {
+            error = bad;
+        }
+    }
+    if (error.empty() && (help || version)) {
+        return finish(help ? usageText() : "kvctl " KV_VERSION "\n", run, "");
+    }
+    if (error.empty() && optind == argc) {
+        error = "no command";
+    } else if (error.empty() && optind < argc - 1) {
+        error = std::string("one command only (also '") + argv[optind + 1] + "')";
+    }
+    if (error.empty()) {
+        run.command = argv[optind];
+        if (run.wait >= 0 && run.command != "stop") {
+            error = "--wait goes with stop only";
+        }
+    }
+    return error.empty() ? -1 : report(usage(error), run, "");
 }
 
 // A request without fields, exchanged on the session; the reply's fields are left to read.
@@ -140,7 +303,17 @@ void exchange(Lrpc2Client& client, uint32_t id, Lrpc2Message& reply) {
     client.send(request, reply);
 }
 
-int status(Lrpc2Client& client, bool json) {
+const char* yesNo(bool value) {
+    return value ? "yes" : "no";
+}
+
+// What a successful command prints: `json` for --json, `text` otherwise.
+struct Result {
+    nlohmann::json json;
+    std::string text;
+};
+
+Result status(Lrpc2Client& client, const Run& /*run*/) {
     const bool online = client.isDaemonOnline();
     const std::string collector = client.queryCollectorStatus();
     int32_t code = 0;
@@ -149,112 +322,178 @@ int status(Lrpc2Client& client, bool json) {
     client.queryCollectorStatus2(code, state, name, flag, source, note);
     const std::string dbSize = client.queryDBSize();
     const std::string despoolRate = client.queryDespoolRate();
-    if (json) {
-        printJson({{"online", online},
-                   {"collector_status", collector},
-                   {"collector_detail", {code, state, name, flag, source, note}},
-                   {"database_size", dbSize},
-                   {"despool_rate", despoolRate}});
-        return kDone;
-    }
-    std::cout << "online:            " << yesNo(online) << "\n"
-              << "collector status:  " << printable(collector) << "\n"
-              << "collector detail:  " << code << " | " << printable(state) << " | "
-              << printable(name) << " | " << yesNo(flag) << " | " << printable(source) << " | "
-              << printable(note) << "\n"
-              << "database size:     " << printable(dbSize) << "\n"
-              << "despool rate:      " << printable(despoolRate) << "\n";
-    return kDone;
+    return {{{"online", online},
+             {"collector_status", collector},
+             {"collector_detail", {code, state, name, flag, source, note}},
+             {"database_size", number(dbSize)},
+             {"database_size_text", dbSize},
+             {"despool_rate", number(despoolRate)},
+             {"despool_rate_text", despoolRate}},
+            "online:            " + std::string(yesNo(online)) + "\n" +
+                "collector status:  " + safeText(collector) + "\n" +
+                "collector detail:  " + std::to_string(code) + " | " + safeText(state) + " | " +
+                safeText(name) + " | " + yesNo(flag) + " | " + safeText(source) + " | " +
+                safeText(note) + "\n" + "database size:     " + safeText(dbSize) + "\n" +
+                "despool rate:      " + safeText(despoolRate) + "\n"};
 }
 
-int ping(Lrpc2Client& client, bool json) {
-    const auto start = std::chrono::steady_clock::now();
+Result ping(Lrpc2Client& client, const Run& /*run*/) {
+    const auto start = Clock::now();
     Lrpc2Message reply;
     exchange(client, LRPC2_ID_KV_PING, reply);
-    const double ms =
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-    if (json) {
-        printJson({{"answers", true}, {"round_trip_ms", ms}});
-    } else {
-        std::cout << "daemon answers, round trip " << std::fixed << std::setprecision(3) << ms
-                  << " ms\n";
-    }
-    return kDone;
+    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    char text[64];
+    snprintf(text, sizeof text, "daemon answers, round trip %.3f ms\n", ms);
+    return {{{"answers", true}, {"round_trip_ms", ms}}, text};
 }
 
-int reload(Lrpc2Client& client, bool json) {
+Result reload(Lrpc2Client& client, const Run& /*run*/) {
     Lrpc2Message reply;
     exchange(client, LRPC2_ID_KV_RELOAD_PROPS, reply);
     const int32_t answer = reply.readInt32();
-    if (json) {
-        printJson({{"reload_result", answer}});
-    } else {
-        std::cout << "reload answered " << answer << (answer == 0 ? " (done)" : " (refused)")
-                  << "\n";
-    }
     if (answer != 0) {
-        std::cerr << "kvctl: reload: the daemon answered " << answer << "\n";
-        return kFailed;
+        throw refused("the daemon answered " + std::to_string(answer));
     }
-    return kDone;
+    return {{{"reload_result", answer}}, "reload answered 0 (done)\n"};
 }
 
-int stop(Lrpc2Client& client, bool json) {
-    // With --json, standard output holds the JSON object only.
-    std::ostream discard(nullptr);
-    const kvtools::StopOutcome outcome = kvtools::stopAndConfirm(
-        client, zfw::Logger::get("zkv.cli.kvctl"), json ? discard : std::cout);
-    if (outcome == kvtools::StopOutcome::StillAnswering) {
-        std::cerr << "kvctl: stop: the daemon still answers after the stop request" << std::endl;
+// Seconds until the process behind `pidfd` ended; a failure when it still runs after
+// `limit` seconds. On a terminal, says every two seconds that it is still waiting.
+double waitGone(int pidfd, pid_t pid, long limit) {
+    const auto start = Clock::now();
+    const auto end = start + std::chrono::seconds(limit);
+    const bool progress = isatty(STDERR_FILENO) != 0;
+    for (auto now = start; now < end; now = Clock::now()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now);
+        pollfd p = {pidfd, POLLIN, 0};
+        const int n = poll(
+            &p, 1, static_cast<int>(progress ? std::min<long>(left.count(), 2000) : left.count()));
+        if (n > 0) {
+            return std::chrono::duration<double>(Clock::now() - start).count();
+        }
+        if (n < 0 && errno != EINTR) {
+            throw failed(std::string("cannot wait for the daemon's process: ") + strerror(errno));
+        }
+        if (n == 0 && progress && Clock::now() < end) {
+            fprintf(stderr, "kvctl: stop: pid %d still running after %.0f s\n", pid,
+                    std::chrono::duration<double>(Clock::now() - start).count());
+        }
     }
-    if (json) {
-        static const char* const kNames[] = {"stopped", "not reachable", "refused",
-                                             "still answering"};
-        printJson({{"stop", kNames[static_cast<int>(outcome)]}});
+    throw failed("still running after " + std::to_string(limit) + " s (pid " + std::to_string(pid) +
+                 ")");
+}
+
+Result stop(Lrpc2Client& client, const Run& run) {
+    const boost::shared_ptr<zfw::Logger> logger = zfw::Logger::get("zkv.cli.kvctl");
+    pid_t pid = -1;
+    int pidfd = -1;
+    try {
+        if (run.wait >= 0) {
+            // Opened while the daemon holds the connection, so that the pid cannot name
+            // another process by the time it is waited for.
+            pid = client.peerPid();
+            pidfd = pid > 0 ? static_cast<int>(syscall(SYS_pidfd_open, pid, 0)) : -1;
+            if (pidfd < 0) {
+                throw failed("cannot watch the daemon's process: " +
+                             std::string(pid > 0 ? strerror(errno) : "its pid is unknown"));
+            }
+        }
+        client.stopDaemon();
+        client.disconnect();
+    } catch (const ZFWException& e) {
+        if (logger->isEnabled(zfw::Logger::ERROR)) {
+            logger->log(zfw::Logger::ERROR, "Unable to stop Kavelo daemon: %s", e.what());
+        }
+        throw refused(e.what());
     }
-    return kvtools::exitStatus(outcome);
+    Result result = {{{"stop", "stopped"}}, "Zantor Kavelo daemon stopped successfully.\n"};
+    if (pidfd < 0) {
+        if (kvtools::stillAnswers(client)) {
+            throw failed("the daemon still answers after the stop request");
+        }
+    } else {
+        alarm(0);  // --wait bounds what follows
+        const double waited = waitGone(pidfd, pid, run.wait);
+        close(pidfd);
+        result.json["pid"] = pid;
+        result.json["waited_seconds"] = std::round(waited * 1000) / 1000;
+        char text[128];
+        snprintf(text, sizeof text,
+                 "Zantor Kavelo daemon stopped successfully (pid %d gone after %.1f s).\n", pid,
+                 waited);
+        result.text = text;
+    }
+    if (logger->isEnabled(zfw::Logger::INFO)) {
+        logger->log(zfw::Logger::INFO, "Zantor Kavelo daemon stopped successfully.");
+    }
+    return result;
+}
+
+// Why nothing answered: a refused permission is the user's, not the daemon's.
+Failure unreachable(const std::string& socket) {
+    if (socket.empty()) {
+        return notReachable("the configured socket path cannot be expanded");
+    }
+    if (access(socket.c_str(), W_OK) != 0 && (errno == EACCES || errno == EPERM)) {
+        return permission("permission denied; the daemon's socket may need root");
+    }
+    return notReachable("Kavelo daemon does not appear to be running or reachable");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    const int parsed = parseOptions(argc, argv, options);
+    Run run;
+    const int parsed = parseOptions(argc, argv, run);
     if (parsed >= 0) {
         return parsed;
     }
-    int (*run)(Lrpc2Client&, bool) = nullptr;
-    if (options.command == "status") {
-        run = status;
-    } else if (options.command == "ping") {
-        run = ping;
-    } else if (options.command == "reload") {
-        run = reload;
-    } else if (options.command == "stop") {
-        run = stop;
+    Result (*command)(Lrpc2Client&, const Run&) = nullptr;
+    if (run.command == "status") {
+        command = status;
+    } else if (run.command == "ping") {
+        command = ping;
+    } else if (run.command == "reload") {
+        command = reload;
+    } else if (run.command == "stop") {
+        command = stop;
     } else {
-        return usageError("unknown command: '" + options.command + "'");
+        return report(usage("unknown command '" + run.command + "'"), run, "");
     }
 
     Lrpc2Client client;
-    if (!options.socket.empty()) {
-        client.setSocketPath(options.socket);
+    if (!run.socket.empty() && run.socket[0] != '/') {
+        char* cwd = getcwd(nullptr, 0);
+        run.socket = std::string(cwd != nullptr ? cwd : ".") + "/" + run.socket;
+        free(cwd);
     }
-    if (options.timeout >= 0) {
-        client.setDefaultTimeout(static_cast<int32_t>(options.timeout));
+    if (!run.socket.empty()) {
+        client.setSocketPath(run.socket);
     }
-    if (run == stop) {
-        return run(client, options.json);
+    const std::string socket = client.socketPath();
+    // One limit for the whole command, instead of one per exchange.
+    const long limit = run.timeout >= 0 ? run.timeout : client.defaultTimeout();
+    client.setDefaultTimeout(0);
+    if (limit > 0) {
+        const Failure late = failed("timed out after " + std::to_string(limit) + " s");
+        gAlarmErrLen = prepare(gAlarmErr, describe(late, run, socket));
+        gAlarmOutLen = prepare(
+            gAlarmOut, run.json != kText ? jsonText(errorObject(late, socket), run.json) : "");
+        signal(SIGALRM, onAlarm);
+        alarm(static_cast<unsigned>(limit));
     }
-    if (!client.connect(0)) {
-        std::cerr << "kvctl: " << options.command
-                  << ": Kavelo daemon does not appear to be running or reachable" << std::endl;
-        return kNotReachable;
-    }
+
+    Result result;
     try {
-        return run(client, options.json);
+        if (!client.connect(0)) {
+            throw unreachable(socket);
+        }
+        result = command(client, run);
+    } catch (const Failure& f) {
+        return report(f, run, socket);
     } catch (const std::exception& e) {
-        std::cerr << "kvctl: " << options.command << ": " << e.what() << std::endl;
+        return report(failed(e.what()), run, socket);
     }
-    return kFailed;
+    alarm(0);
+    return finish(run.json != kText ? jsonText(result.json, run.json) : result.text, run, socket);
 }

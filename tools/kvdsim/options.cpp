@@ -188,6 +188,7 @@ enum LongOnly {
     kReadyFile,
     kLog,
     kExitOnStop,
+    kLinger,
     kHandshake,
     kAuth,
     kAuthAnswer,
@@ -215,6 +216,7 @@ const option kLongOptions[] = {
     {"ready-file", required_argument, nullptr, kReadyFile},
     {"log", required_argument, nullptr, kLog},
     {"exit-on-stop", no_argument, nullptr, kExitOnStop},
+    {"linger", required_argument, nullptr, kLinger},
     {"handshake", required_argument, nullptr, kHandshake},
     {"auth", no_argument, nullptr, kAuth},
     {"auth-answer", required_argument, nullptr, kAuthAnswer},
@@ -274,6 +276,9 @@ bool apply(int opt, const char* arg, Options& o) {
         case kExitOnStop:
             o.exitOnStop = true;
             return true;
+        case kLinger:
+            o.exitOnStop = true;
+            return parseNumber(arg, o.lingerMs) && o.lingerMs <= 86400000;
         case kHandshake:
             return parseNumber(arg, o.handshake);
         case kAuth:

@@ -55,6 +55,7 @@ struct Options {
     std::string readyFile;
     std::string logFile;
     bool exitOnStop = false;
+    uint32_t lingerMs = 0;  // after the stop: closed, but the process stays this long
     uint32_t handshake = 1;
     bool auth = false;
     AuthAnswer authAnswer = AuthAnswer::TwoPaths;

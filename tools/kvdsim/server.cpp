@@ -112,6 +112,13 @@ class Server {
         }
         while (serveOnce()) {
         }
+        if (m_stopped && m_options.lingerMs > 0) {
+            // Gone for clients, still there as a process; a signal ends the wait early.
+            m_connections.clear();
+            stopListening();
+            pollfd p = {m_signals, POLLIN, 0};
+            poll(&p, 1, static_cast<int>(m_options.lingerMs));
+        }
         return 0;
     }
 
@@ -146,6 +153,7 @@ class Server {
             }
             const Connection::Outcome outcome = m_connections[i - 2]->onReadable();
             if (outcome == Connection::Outcome::Exit) {
+                m_stopped = true;
                 return false;
             }
             if (outcome == Connection::Outcome::Closed) {
@@ -167,6 +175,7 @@ class Server {
     int m_signals = -1;
     int m_listener = -1;
     uint32_t m_accepted = 0;
+    bool m_stopped = false;  // ended by an answered stop request
     std::vector<std::unique_ptr<Connection>> m_connections;
 };
 

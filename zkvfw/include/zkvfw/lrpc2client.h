@@ -18,6 +18,7 @@
 #define ZKVFW_LRPC2CLIENT_H
 
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <string>
 
@@ -38,6 +39,13 @@ class Lrpc2Client {
     void setSocketPath(const std::string& path);
     // For this session only: `seconds` replaces the configured default time-out (0: no limit).
     void setDefaultTimeout(int32_t seconds);
+    // The default time-out in seconds (0: no limit).
+    int32_t defaultTimeout() const { return m_timeout; }
+    // The socket `connect` goes to; empty when the configured one cannot be expanded.
+    std::string socketPath() const;
+    // The process id of the daemon at the other end of the connection (its socket's peer
+    // credentials), or -1 when not connected or unknown.
+    pid_t peerPid() const;
 
     // Connects with `timeout` seconds (0: the default). True when connected. Call it only
     // while not connected: an existing connection is overwritten, not closed.
