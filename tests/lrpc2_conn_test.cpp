@@ -12,6 +12,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "lrpc2/conn.h"
@@ -147,6 +148,26 @@ TEST(Lrpc2Connect, HandshakeOutcomes) {
         lrpc2_close(conn);
         EXPECT_FALSE(isOpen(fds[0]) || isOpen(fds[1]));
     }
+}
+
+// A write larger than the socket can hold waits for room, not for bytes to read: the peer
+// reads only after the socket is full and never writes.
+TEST(Lrpc2Transfer, LargeWriteWaitsForThePeerToRead) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    ASSERT_EQ(fcntl(sv[0], F_SETFL, O_NONBLOCK), 0);
+    const std::string sent(4 << 20, 'w');
+    std::string got(sent.size(), '\0');
+    std::thread peer([&] {
+        kvtest::sleepMs(100);
+        kvtest::readFully(sv[1], &got[0], got.size());
+    });
+    EXPECT_EQ(lrpc2_write_all(sv[0], sent.data(), static_cast<uint32_t>(sent.size()), 5, 1), 0);
+    shutdown(sv[0], SHUT_WR);  // a failed write must not leave the peer reading forever
+    peer.join();
+    EXPECT_TRUE(got == sent);
+    close(sv[0]);
+    close(sv[1]);
 }
 
 TEST(Lrpc2Connect, UnusablePaths) {
