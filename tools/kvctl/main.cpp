@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -138,8 +139,11 @@ extern "C" void onAlarm(int /*signal*/) {
     _exit(kFailed);
 }
 
+// The text, cut to what the buffer holds; its length.
 size_t prepare(char (&buffer)[2048], const std::string& text) {
-    return static_cast<size_t>(snprintf(buffer, sizeof buffer, "%s", text.c_str())) % sizeof buffer;
+    const size_t n = std::min(text.size(), sizeof buffer);
+    memcpy(buffer, text.data(), n);
+    return n;
 }
 
 std::string describe(const Failure& f, const Run& run, const std::string& socket) {
@@ -464,7 +468,12 @@ int main(int argc, char** argv) {
     Lrpc2Client client;
     if (!run.socket.empty() && run.socket[0] != '/') {
         char* cwd = getcwd(nullptr, 0);
-        run.socket = std::string(cwd != nullptr ? cwd : ".") + "/" + run.socket;
+        if (cwd == nullptr) {
+            return report(
+                failed(std::string("cannot make the socket path absolute: ") + strerror(errno)),
+                run, run.socket);
+        }
+        run.socket = std::string(cwd) + "/" + run.socket;
         free(cwd);
     }
     if (!run.socket.empty()) {
