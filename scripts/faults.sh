@@ -14,6 +14,12 @@
 # In TEXT, "\n" stands for a line feed.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+kv_name='faults'
+# shellcheck source=scripts/common.sh
+source "$top/scripts/common.sh"
+kv_as_root "$0" "$@"
+kv_check_namespaces
+kv_check_reachable
 only=''
 if [ "${1:-}" = --only ]; then only=",$2,"; shift 2; fi
 lists=("$@")

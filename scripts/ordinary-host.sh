@@ -7,7 +7,10 @@
 # out to the package archive.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-if [ "$(id -u)" -ne 0 ]; then exec sudo -- bash "$0" "$@"; fi
+kv_name='ordinary-host'
+# shellcheck source=scripts/common.sh
+source "$top/scripts/common.sh"
+kv_as_root "$0" "$@"
 flavour=${1:-plain}
 
 "$top/scripts/setup.sh" test >/dev/null
