@@ -85,11 +85,17 @@ State checkState(const Health& h, const std::string& warning, const std::string&
     if (!running && state == kOk) {
         state = kWarning;
     }
-    // The guidelines' performance data: 'label'=value[UOM];[warn];[crit];[min];[max].
+    // The guidelines' performance data: 'label'=value[UOM];[warn];[crit];[min];[max]. An
+    // inverted range ('@') is left out: the perfdata readers of the plugin libraries and
+    // graphers lack it, and would lose the fields after it.
+    const auto field = [](const std::string& range) {
+        return range.empty() || range[0] == '@' ? std::string() : range;
+    };
     line = checkLine(state,
                      "round trip " + h.roundTripText + " s, collector " +
                          (running ? "running" : "not running: " + h.collector),
-                     "'rtt'=" + h.roundTripText + "s;" + warning + ";" + critical + ";0;");
+                     "'rtt'=" + h.roundTripText + "s;" + field(warning) + ";" + field(critical) +
+                         ";0;");
     return state;
 }
 

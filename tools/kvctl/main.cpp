@@ -454,12 +454,12 @@ Result reload(Lrpc2Client& client, const Run& /*run*/) {
 }
 
 Result metrics(Lrpc2Client& client, const Run& /*run*/) {
-    const kvctl::Health health = kvctl::gather(client);
+    const kvctl::Health health = kvctl::gather(client, true);
     return {nullptr, kvctl::metricsText(&health)};
 }
 
 Result check(Lrpc2Client& client, const Run& run) {
-    const kvctl::Health health = kvctl::gather(client);
+    const kvctl::Health health = kvctl::gather(client, false);
     Result result;
     result.status = kvctl::checkState(health, run.w != nullptr ? run.w : "",
                                       run.critical != nullptr ? run.critical : "", result.text);

@@ -17,7 +17,7 @@
 
 namespace kvctl {
 
-Health gather(Lrpc2Client& client) {
+Health gather(Lrpc2Client& client, bool all) {
     Health h;
     const auto start = std::chrono::steady_clock::now();
     if (!client.ping(0)) {
@@ -30,8 +30,11 @@ Health gather(Lrpc2Client& client) {
     snprintf(text, sizeof text, "%.6f", seconds);
     h.roundTripText = text;
     h.roundTrip = strtod(text, nullptr);
-    h.online = client.isDaemonOnline();
     h.collector = client.queryCollectorStatus();
+    if (!all) {
+        return h;
+    }
+    h.online = client.isDaemonOnline();
     client.queryCollectorStatus2(h.code, h.state, h.name, h.flag, h.source, h.note);
     h.dbSize = client.queryDBSize();
     h.despoolRate = client.queryDespoolRate();

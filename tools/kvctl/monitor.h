@@ -27,8 +27,9 @@ struct Health {
     std::string source, note, dbSize, despoolRate;
 };
 
-// Pings the daemon (timed), then asks every query. Failures throw as the session does.
-Health gather(Lrpc2Client& client);
+// Pings the daemon (timed), then asks the collector status and, with `all`, every other
+// query. Failures throw as the session does.
+Health gather(Lrpc2Client& client, bool all);
 
 // The exposition: every family for a daemon that answered, only `kavelo_up 0` for null.
 std::string metricsText(const Health* health);
