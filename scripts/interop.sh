@@ -271,7 +271,7 @@ inside() {
   t0=$SECONDS before=$passed
   check_phase
   echo "$kv_name: monitoring-plugin check: $((passed - before)) passed ($(kv_elapsed "$t0"))"
-  echo "$passed passed, $failed failed"
+  echo "$kv_name: $passed passed, $failed failed"
   [ "$failed" -eq 0 ]
 }
 
