@@ -91,11 +91,11 @@ State checkState(const Health& h, const std::string& warning, const std::string&
     const auto field = [](const std::string& range) {
         return range.empty() || range[0] == '@' ? std::string() : range;
     };
-    line = checkLine(state,
-                     "round trip " + h.roundTripText + " s, collector " +
-                         (running ? "running" : "not running: " + h.collector),
-                     "'rtt'=" + h.roundTripText + "s;" + field(warning) + ";" + field(critical) +
-                         ";0;");
+    line = checkLine(
+        state,
+        "round trip " + h.roundTripText + " s, collector " +
+            (running ? "running" : "not running: " + h.collector),
+        "'rtt'=" + h.roundTripText + "s;" + field(warning) + ";" + field(critical) + ";0;");
     return state;
 }
 

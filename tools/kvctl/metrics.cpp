@@ -67,12 +67,12 @@ void family(std::string& out, const char* name, const char* help, const std::str
 
 std::string metricsText(const Health* h) {
     std::string out;
-    family(out, "kavelo_up", "Whether the daemon answered every query (1) or not (0).",
+    family(out, "kavelo_up", "1 when the daemon answered every query, else 0.",
            h != nullptr ? " 1" : " 0");
     if (h == nullptr) {
         return out;
     }
-    family(out, "kavelo_online", "The daemon's online flag (1 online, 0 not).",
+    family(out, "kavelo_online", "The daemon's online flag: 1 online, 0 not.",
            h->online ? " 1" : " 0");
     family(out, "kavelo_ping_round_trip_seconds", "Round trip of one ping to the daemon.",
            " " + h->roundTripText);
@@ -85,7 +85,7 @@ std::string metricsText(const Health* h) {
                " " + h->despoolRate);
     }
     family(out, "kavelo_collector_info",
-           "The collector's status and detailed status as labels; the value is always 1.",
+           "The collector's status and detailed status as labels; always 1.",
            "{status=" + labelValue(h->collector) + ",code=\"" + std::to_string(h->code) +
                "\",state=" + labelValue(h->state) + ",name=" + labelValue(h->name) + ",flag=\"" +
                (h->flag ? "true" : "false") + "\",source=" + labelValue(h->source) +
