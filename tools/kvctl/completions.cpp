@@ -111,7 +111,8 @@ std::string zsh() {
         const bool exits = o.arg == Arg::None && strchr("hV", o.shortName) != nullptr;
         std::string exclude = "(- *)";
         if (!exits) {
-            exclude = "(" + (s.empty() ? "" : s + " ") + l + ")";
+            exclude = "(";
+            exclude.append(s.empty() ? "" : s + " ").append(l).append(")");
         }
         // The argument: in the next word or the same (+, =), or only in the same (-, =-).
         const char* shortMark = o.arg == Arg::Required ? "+" : o.arg == Arg::Optional ? "-" : "";
