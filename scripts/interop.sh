@@ -7,7 +7,7 @@
 #   promtool   `promtool check metrics` accepts `kvctl metrics` for every state the simulated
 #              daemon plays, and complains about the same output with a name broken
 #   textfile   node_exporter's textfile collector reads what `kvctl metrics --textfile`
-#              wrote: no scrape error, the same kavelo_ samples, daemon up and down
+#              wrote: no scrape error, the same kavelo_ samples, daemon up, down and hung
 #   check      every `kvctl check` line's performance data parses with
 #              Monitoring::Plugin::Performance, and its state is the one that
 #              Monitoring::Plugin::Threshold and nagiosplugin.Range give for its value
@@ -153,11 +153,17 @@ textfile_phase() {
     curl -sf --max-time 2 -o /dev/null "$url" && break
     sleep 0.1
   done
-  for state in up down; do
-    if [ "$state" = up ]; then daemon --collector-status "$odd"; else stop_daemon; fi
-    kv -t 10 metrics --textfile "$dir/kavelo.prom"
-    check "textfile, daemon $state: exit status and nothing on standard output" \
-      [ "$rc" -eq "$([ $state = up ] && echo 0 || echo 1)" -a ! -s "$work/out" ]
+  # up, down, and hung (no answer to the ping; the time-out commits kavelo_up 0 to the file).
+  local want_rc=(0 1 2) want_up=(1 0 0) i=0
+  for state in up down hung; do
+    case $state in
+      up) daemon --collector-status "$odd" ;;
+      down) stop_daemon ;;
+      hung) daemon --fault silent-request ;;
+    esac
+    kv -t "$([ $state = hung ] && echo 1 || echo 10)" metrics --textfile "$dir/kavelo.prom"
+    check "textfile, daemon $state: exit status ${want_rc[i]} and nothing on standard output" \
+      [ "$rc" -eq "${want_rc[i]}" -a ! -s "$work/out" ]
     check "textfile, daemon $state: only the file, mode 644" \
       [ "$(ls -A "$dir")" = kavelo.prom -a "$(stat -c %a "$dir/kavelo.prom")" = 644 ]
     check "textfile, daemon $state: scraped" curl -sSf --max-time 5 -o "$work/scrape" "$url"
@@ -167,7 +173,9 @@ textfile_phase() {
     samples "$work/scrape" "$work/status.scraped" | sort >"$work/got"
     check "textfile, daemon $state: the scrape has the file's kavelo_ samples" \
       diff "$work/want" "$work/got"
-    check "textfile, daemon $state: kavelo_up" grep -q "^kavelo_up \[\] $([ $state = up ] && echo 1 || echo 0).0$" "$work/got"
+    check "textfile, daemon $state: kavelo_up ${want_up[i]}" \
+      grep -qx "kavelo_up \[\] ${want_up[i]}.0" "$work/got"
+    i=$((i + 1))
   done
   printf '%s' "$odd_shown" >"$work/status.want"
   check "textfile: the odd collector status, decoded from the scrape" \
