@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# shellcheck disable=SC2317 # the checks are functions that check() calls
 # Usage: scripts/interop.sh: proves kvctl's monitoring forms with the tools that read them.
 # Installs what it needs (scripts/setup.sh interop: the monitoring-plugin libraries, and
 # promtool and node_exporter unpacked from their packages, never installed), builds kvctl and
@@ -84,7 +85,7 @@ odd_shown=$'back\\slash "quoted"\nline two \xc3\xa9 ?? end'
 
 # promtool: silent acceptance for every state; a complaint for a broken name.
 promtool_phase() {
-  local name
+  local name words
   declare -A args=(
     [up]=''
     [collector stopped]='--collector-status stopped --collector-detail 0,stopped,kvdsim,no,local,'
@@ -94,8 +95,7 @@ promtool_phase() {
     case "$name" in
       down) stop_daemon ;;
       'odd label text') daemon --collector-status "$odd" --collector-detail "9,$odd,$odd,no,$odd,$odd" ;;
-      # shellcheck disable=SC2086
-      *) daemon ${args[$name]} ;;
+      *) read -ra words <<<"${args[$name]}" && daemon "${words[@]}" ;;
     esac
     kv -t 10 metrics
     cp "$work/out" "$work/metrics.$name"
