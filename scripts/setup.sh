@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
-# Usage: scripts/setup.sh [demo|test|bench|fuzz]: installs what that needs (default: test);
-# safe to run any number of times.
+# Usage: scripts/setup.sh [demo|test|bench|fuzz|coverage|interop]: installs what that needs
+# (default: test); safe to run any number of times.
 #   demo   building kvstop, kvctl and kvdsim only (scripts/demo.sh)
 #   test   building and running the test suite (scripts/test.sh)
 #   bench  building and running the benchmarks (scripts/bench.sh)
 #   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
 #   coverage  the test set and gcovr (scripts/coverage.sh)
+#   interop   kvctl's monitoring forms against the real tools (scripts/interop.sh): the
+#             monitoring-plugin libraries installed; promtool and node_exporter taken out of
+#             their packages (apt-get download, dpkg -x) into build-interop/tools, never
+#             installed, since the packages would install and start services
 # The install starts, enables and reconfigures no service of the host: policy-rc.d refuses
 # every start while it runs, and units that the install enabled are disabled again.
 # With KV_SETUP_STATUS_FD set, says what it does on that descriptor ("kv:" lines) and has
@@ -28,8 +32,17 @@ case "$profile" in
   bench) packages=("${build[@]}" libbenchmark-dev libprotobuf-dev protobuf-compiler python3) ;;
   fuzz) packages=("${build[@]}" clang libclang-rt-14-dev) ;;
   coverage) packages=("${test[@]}" gcovr) ;;
-  *) echo "setup: unknown profile '$profile' (demo, test, bench, fuzz or coverage)" >&2; exit 2 ;;
+  interop) packages=("${build[@]}" util-linux iproute2 curl python3 libmonitoring-plugin-perl
+                     python3-nagiosplugin) ;;
+  *) echo "setup: unknown profile '$profile' (demo, test, bench, fuzz, coverage or interop)" >&2; exit 2 ;;
 esac
+# Packages whose programs are only unpacked (interop): a service's package, never installed.
+unpacked=()
+tools=$(cd "$(dirname "$0")/.." && pwd)/build-interop/tools
+if [ "$profile" = interop ]; then
+  [ -x "$tools/usr/bin/promtool" ] || unpacked+=(prometheus)
+  [ -x "$tools/usr/bin/prometheus-node-exporter" ] || unpacked+=(prometheus-node-exporter)
+fi
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
 
@@ -37,9 +50,9 @@ missing=()
 for p in "${packages[@]}"; do
   installed "$p" || missing+=("$p")
 done
-[ ${#missing[@]} -gt 0 ] || exit 0
+[ ${#missing[@]} -gt 0 ] || [ ${#unpacked[@]} -gt 0 ] || exit 0
 if [ "$(id -u)" -ne 0 ]; then
-  echo "setup: missing packages (${missing[*]}); run as root to install them" >&2
+  echo "setup: missing packages (${missing[*]} ${unpacked[*]}); run as root to install them" >&2
   exit 1
 fi
 
@@ -49,6 +62,15 @@ if [ -n "${KV_SETUP_STATUS_FD:-}" ]; then apt_opts+=(-o "APT::Status-Fd=$KV_SETU
 
 say "updating the package lists"
 apt-get -q update
+
+if [ ${#unpacked[@]} -gt 0 ]; then
+  say "unpacking ${unpacked[*]}"
+  mkdir -p "$tools/debs"
+  (cd "$tools/debs" && rm -f ./*.deb && apt-get -q download "${unpacked[@]}")
+  for deb in "$tools"/debs/*.deb; do dpkg -x "$deb" "$tools"; done
+  rm -rf "$tools/debs"
+fi
+[ ${#missing[@]} -gt 0 ] || exit 0
 
 # No package may start a service while this runs (invoke-rc.d and deb-systemd-invoke ask
 # policy-rc.d; 101: action forbidden). A policy the host already had is put back afterwards;

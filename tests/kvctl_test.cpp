@@ -1,7 +1,7 @@
-// kvctl end to end: the real binary against the simulated daemon, every command in both
-// output forms, its failures, and every JSON output checked against the shipped schema with
-// the jsonschema validator. Runs in namespaces of its own with a private
-// "/etc/zantorkv/zantorkv.conf".
+// kvctl end to end: the real binary against the simulated daemon, every command in its
+// output forms (scripts/interop.sh has the tools judge metrics and check), its failures, and
+// every JSON output checked against the shipped schema with the jsonschema validator. Runs in
+// namespaces of its own with a private "/etc/zantorkv/zantorkv.conf".
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -22,7 +22,9 @@ const std::string kKvctl = KV_BIN_DIR "/tools/kvctl/kvctl";
 const std::string kSchema = KV_BIN_DIR "/tools/kvctl/kvctl.schema.json";
 const std::string kTry = "Try 'kvctl --help' for more information.\n";
 
-enum How { kPlain, kNobody, kFullDisk };  // kNobody: as nobody, the socket root's, mode 0600
+// kNobody: as nobody, the socket root's, mode 0600; kTextfile: standard output, then the
+// listing of the directory tf/, the mode and content of tf/k.prom.
+enum How { kPlain, kNobody, kFullDisk, kTextfile };
 
 struct CtlCase {
     const char* name;
@@ -56,6 +58,22 @@ const char kDetail[] =
 // ESC, a raw 0x9B, U+009B, an invalid byte, DEL, then valid UTF-8.
 const char kHostile[] = "--collector-status a\x1b[2J\x9b\xc2\x9b\xff\x7f\xc3\xa9";
 const char kDown[] = "Kavelo daemon does not appear to be running or reachable";
+const std::string kUp =
+    "# HELP kavelo_up 1 when the daemon answered every query, else 0.\n"
+    "# TYPE kavelo_up gauge\nkavelo_up ";
+// kDetail's metrics, as a regular expression: the round trip varies; numbers only as numbers.
+const std::string kMetrics =
+    kUp +
+    "1\n# HELP kavelo_online The daemon's online flag: 1 online, 0 not.\n"
+    "# TYPE kavelo_online gauge\nkavelo_online 0\n"
+    "# HELP kavelo_ping_round_trip_seconds Round trip of one ping to the daemon.\n"
+    "# TYPE kavelo_ping_round_trip_seconds gauge\nkavelo_ping_round_trip_seconds 0\\.[0-9]{6}\n"
+    "# HELP kavelo_despool_rate The daemon's despool rate, as it reports it.\n"
+    "# TYPE kavelo_despool_rate gauge\nkavelo_despool_rate 3\\.5\n"
+    "# HELP kavelo_collector_info The collector's status and detailed status as labels; always "
+    "1.\n# TYPE kavelo_collector_info gauge\nkavelo_collector_info\\{status=\"busy\",code=\"7\","
+    "state=\"spooling\",name=\"kv\\\\\"1\",flag=\"false\",source=\"remote\",note=\"\"\\} 1\n$";
+const std::string kRtt = "round trip 0\\.[0-9]{6} s, collector running \\| 'rtt'=0\\.[0-9]{6}s;";
 const char kStatusText[] =
     "online:            yes\ncollector status:  running\n"
     "collector detail:  1 | running | kvdsim | yes | local | \n"
@@ -198,6 +216,92 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
          2,
          "",
          "kvctl: status: {socket}: timed out after 1 s\n"},
+        {"metrics", kDetail, {"metrics", "-s", s}, 0, "^" + kMetrics},
+        {"metrics to a textfile",
+         kDetail,
+         {"metrics", "-f", "tf/k.prom"},
+         0,
+         "^k\\.prom\n644\n" + kMetrics,
+         "",
+         kTextfile},
+        {"metrics, not reachable: kavelo_up 0",
+         nullptr,
+         {"metrics", "--textfile=tf/k.prom"},
+         1,
+         "k.prom\n644\n" + kUp + "0\n",
+         std::string("kvctl: metrics: {socket}: ") + kDown + "\n",
+         kTextfile},
+        {"metrics, escaped labels",
+         "--collector-status a\\b\"c\x01\xff\xc3\xa9",
+         {"metrics", "-s", s},
+         0,
+         "^(.*\n){17}kavelo_collector_info\\{status=\"a\\\\\\\\b\\\\\"c\\?\\?\xc3\xa9\",code=\"1\","
+         ".*\\} 1\n$"},
+        {"metrics to a directory that is not there",
+         "",
+         {"metrics", "-f", "{socket}/k.prom"},
+         2,
+         "",
+         "kvctl: metrics: {socket}: cannot write {socket}/k.prom: Not a directory\n"},
+        {"metrics: the temporary file goes when the rename fails",
+         "",
+         {"metrics", "-f", "tf/."},
+         2,
+         "",
+         "kvctl: metrics: {socket}: cannot write tf/.: Device or resource busy\n",
+         kTextfile},
+        {"check",
+         "",
+         {"check", "-s", s, "-w", "~:0", "--critical=10"},
+         1,
+         "^KAVELO WARNING - " + kRtt + "~:0;10;0;\n$"},
+        {"check: inverted and open ranges",
+         "",
+         {"check", "-s", s, "-c", "@~:10", "-w", "10:"},
+         2,
+         "^KAVELO CRITICAL - " + kRtt + "10:;;0;\n$"},
+        {"check: OK",
+         "",
+         {"check", "-s", s, "-w", "~:10", "-c", "@1:"},
+         0,
+         "^KAVELO OK - " + kRtt + "~:10;;0;\n$"},
+        {"check: the collector not running",
+         "--collector-status a|b",
+         {"check", "-s", s},
+         1,
+         "^KAVELO WARNING - round trip 0\\.[0-9]{6} s, collector not running: a\\?b \\| "
+         "'rtt'=0\\.[0-9]{6}s;;;0;\n$"},
+        {"check: not reachable",
+         nullptr,
+         {"check", "-s", s},
+         2,
+         std::string("KAVELO CRITICAL - {socket}: ") + kDown + "\n"},
+        {"check: time-out state",
+         "--fault silent-request",
+         {"check", "-s", s, "-t", "1:Warning"},
+         1,
+         "KAVELO WARNING - timed out after 1 s\n"},
+        {"check: bad range",
+         nullptr,
+         {"check", "-w", "5:1"},
+         3,
+         "KAVELO UNKNOWN - bad warning range: '5:1'\n"},
+        {"check: bad time-out state",
+         nullptr,
+         {"-t", "5:never", "check"},
+         3,
+         "KAVELO UNKNOWN - bad time-out state: 'never' (ok, warning, critical or unknown)\n"},
+        {"check: unknown option",
+         nullptr,
+         {"check", "-x"},
+         3,
+         "KAVELO UNKNOWN - unknown option '-x'\n"},
+        {"time-out state without check",
+         nullptr,
+         {"metrics", "-t", "1:ok"},
+         2,
+         "",
+         "kvctl: a time-out state goes with check only\n" + kTry},
         {"help after the command", nullptr, {"status", "--help"}, 0, "^Usage: kvctl (.*\n)+$"},
         {"unknown command",
          nullptr,
@@ -241,6 +345,11 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
         std::vector<std::string> argv = {kKvctl};
         if (c.how == kFullDisk) {
             argv = {"/bin/sh", "-c", "exec \"$@\" >/dev/full", "sh", kKvctl};
+        } else if (c.how == kTextfile) {
+            argv = {"/bin/sh", "-c",
+                    "mkdir tf && \"$@\"; s=$?; ls -A tf; stat -c %a tf/k.prom 2>/dev/null && cat "
+                    "tf/k.prom; exit $s",
+                    "sh", kKvctl};
         } else if (c.how == kNobody) {
             ASSERT_EQ(chmod(dir.file("sock").c_str(), 0600), 0);
         }

@@ -22,6 +22,20 @@ std::string quoted(const std::string& text, bool fish) {
     return out + "'";
 }
 
+// The option's short form, or "" when an earlier option has the same letter (another
+// command's meaning of it).
+std::string shortForm(const kvctl::Option& o) {
+    for (const kvctl::Option& earlier : kvctl::kOptions) {
+        if (&earlier == &o) {
+            break;
+        }
+        if (earlier.shortName == o.shortName) {
+            return "";
+        }
+    }
+    return std::string("-") + o.shortName;
+}
+
 std::string commandNames(const char* separator) {
     std::string out;
     for (const kvctl::Command& c : kvctl::kCommands) {
@@ -33,8 +47,9 @@ std::string commandNames(const char* separator) {
 std::string bash() {
     std::string files, bare, words;  // cases for a required argument, an optional one
     for (const kvctl::Option& o : kvctl::kOptions) {
-        const std::string forms = std::string("-") + o.shortName + " | --" + o.longName;
-        words += std::string(words.empty() ? "" : " ") + "-" + o.shortName + " --" + o.longName;
+        const std::string s = shortForm(o);
+        const std::string forms = (s.empty() ? "" : s + " | ") + "--" + o.longName;
+        words += (words.empty() ? "" : " ") + (s.empty() ? "" : s + " ") + "--" + o.longName;
         std::string action = strcmp(o.values, "@file") == 0 ? "_filedir"
                              : *o.values != '\0'            ? "COMPREPLY=($(compgen -W '" +
                                                        std::string(o.values) + "' -- \"$cur\"))"
@@ -90,14 +105,14 @@ std::string zsh() {
         "# zsh completion for kvctl(8), made from kvctl's list of commands and options\n"
         "_arguments -s -S \\\n";
     for (const kvctl::Option& o : kvctl::kOptions) {
-        const std::string s = std::string("-") + o.shortName;
+        const std::string s = shortForm(o);
         const std::string l = std::string("--") + o.longName;
         // --help and --version end the run: nothing else goes with them.
         const bool exits = o.arg == Arg::None && strchr("hV", o.shortName) != nullptr;
         std::string exclude = "(- *)";
         if (!exits) {
             exclude = "(";
-            exclude.append(s).append(" ").append(l).append(")");
+            exclude.append(s.empty() ? "" : s + " ").append(l).append(")");
         }
         // The argument: in the next word or the same (+, =), or only in the same (-, =-).
         const char* shortMark = o.arg == Arg::Required ? "+" : o.arg == Arg::Optional ? "-" : "";
@@ -110,8 +125,14 @@ std::string zsh() {
                                                      : " ");
         }
         const std::string spec = "[" + zshEscape(o.help, ']') + "]" + action;
-        out.append("  ").append(quoted(exclude, false)).append("{").append(s).append(shortMark);
-        out.append(",").append(l).append(longMark).append("}").append(quoted(spec, false));
+        out.append("  ").append(quoted(exclude, false));
+        if (s.empty()) {
+            out.append(l).append(longMark);
+        } else {
+            out.append("{").append(s).append(shortMark).append(",").append(l).append(longMark);
+            out.append("}");
+        }
+        out.append(quoted(spec, false));
         out += " \\\n";
     }
     std::string choices;
@@ -132,7 +153,8 @@ std::string fish() {
                c.name + " -d " + quoted(c.help, true) + "\n";
     }
     for (const kvctl::Option& o : kvctl::kOptions) {
-        out += std::string("complete -c kvctl -s ") + o.shortName + " -l " + o.longName;
+        const std::string s = shortForm(o);
+        out += "complete -c kvctl" + (s.empty() ? "" : " -s " + s.substr(1)) + " -l " + o.longName;
         if (o.arg == Arg::Required) {
             out += strcmp(o.values, "@file") == 0 ? " -r -F" : " -x";
         }

@@ -1,9 +1,11 @@
 // kvctl: status, ping, reload and stop of the local Kavelo audit daemon, for people and,
-// with --json, for monitoring (the contract: kvctl.schema.json).
+// with --json, for monitoring (the contract: kvctl.schema.json); metrics and check for
+// monitoring systems (monitor.h).
 //
 // Exit status 0: done; 1: the daemon is not reachable; 2: refused, failed, or a usage error.
 // Every failure writes one line to standard error, and with --json an error object to
-// standard output.
+// standard output. check follows the monitoring plugins' rules instead: one line on standard
+// output, exit status 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.
 #include <getopt.h>
 #include <poll.h>
 #include <signal.h>
@@ -26,6 +28,7 @@
 
 #include "cli.h"
 #include "lrpc2/table.h"
+#include "monitor.h"
 #include "stopsequence.h"
 #include "zfw/exception.h"
 #include "zfw/logger.h"
@@ -72,11 +75,17 @@ struct Run {
     long timeout = -1;   // -1: the configured one
     long wait = -1;      // -1: no --wait
     int json = kText;
+    const char* w = nullptr;  // -w: --wait for stop, --warning for check
+    const char* critical = nullptr;
+    const char* timeoutState = nullptr;  // check: -t SECONDS:STATE
+    std::string textfile;
 };
+
+}  // namespace
 
 // Daemon bytes shown to people: controls (C0, DEL, C1) and invalid UTF-8 could drive the
 // terminal, so each is replaced by '?'; valid UTF-8 text passes unchanged.
-std::string safeText(const std::string& text) {
+std::string kvctl::safeText(const std::string& text) {
     std::string out;
     const auto* s = reinterpret_cast<const unsigned char*>(text.data());
     const size_t n = text.size();
@@ -110,6 +119,10 @@ std::string safeText(const std::string& text) {
     return out;
 }
 
+namespace {
+
+using kvctl::safeText;
+
 // The one way JSON is written: ASCII only, so every control character (C0, DEL, C1) is
 // escaped, and invalid UTF-8 becomes U+FFFD.
 std::string jsonText(const nlohmann::json& value, int indent) {
@@ -133,10 +146,15 @@ char gAlarmErr[2048];
 char gAlarmOut[2048];
 size_t gAlarmErrLen = 0;
 size_t gAlarmOutLen = 0;
+int gAlarmStatus = kFailed;
 extern "C" void onAlarm(int /*signal*/) {
     (void)!write(STDERR_FILENO, gAlarmErr, gAlarmErrLen);
-    (void)!write(STDOUT_FILENO, gAlarmOut, gAlarmOutLen);
-    _exit(kFailed);
+    if (kvctl::textfilePrepared()) {
+        (void)kvctl::commitTextfile(gAlarmOut, gAlarmOutLen);
+    } else {
+        (void)!write(STDOUT_FILENO, gAlarmOut, gAlarmOutLen);
+    }
+    _exit(gAlarmStatus);
 }
 
 // The text, cut to what the buffer holds; its length.
@@ -161,26 +179,52 @@ nlohmann::json errorObject(const Failure& f, const std::string& socket) {
               {"socket", socket.empty() ? nlohmann::json() : nlohmann::json(socket)}}}};
 }
 
+int finish(const std::string& text, const Run& run, const std::string& socket, int status = kDone);
+
+// check's line for a failure: what keeps it from judging the daemon is UNKNOWN, the rest
+// CRITICAL.
+int checkFailure(const Failure& f, const std::string& socket, std::string& line) {
+    const bool unknown = strcmp(f.kind, "usage") == 0 || strcmp(f.kind, "permission") == 0;
+    const kvctl::State state = unknown ? kvctl::kUnknown : kvctl::kCritical;
+    line = kvctl::checkLine(state, (socket.empty() ? "" : socket + ": ") + f.what());
+    return state;
+}
+
 int report(const Failure& f, const Run& run, const std::string& socket) {
+    alarm(0);
+    if (run.command == "check") {
+        std::string line;
+        const int state = checkFailure(f, strcmp(f.kind, "usage") == 0 ? "" : socket, line);
+        return finish(line, run, socket, state);
+    }
     const std::string line = describe(f, run, socket);
     fputs(line.c_str(), stderr);
+    if (run.command == "metrics" && strcmp(f.kind, "usage") != 0) {
+        // Not up, for the scraper too; a textfile that could not be made gets nothing.
+        return run.textfile.empty() || kvctl::textfilePrepared()
+                   ? finish(kvctl::metricsText(nullptr), run, socket, f.status)
+                   : f.status;
+    }
     if (run.json != kText && !writeOut(jsonText(errorObject(f, socket), run.json))) {
         fprintf(stderr, "kvctl: cannot write standard output: %s\n", strerror(errno));
     }
     return f.status;
 }
 
-// Writes what a run that succeeded prints and closes standard output: a full disk or a closed
-// pipe is a failure, not a silent success.
-int finish(const std::string& text, const Run& run, const std::string& socket) {
-    if (writeOut(text) && fclose(stdout) == 0) {
-        return kDone;
+// Writes what a run prints (or metrics' textfile) and closes standard output: a full disk or a
+// closed pipe is a failure, not a silent success.
+int finish(const std::string& text, const Run& run, const std::string& socket, int status) {
+    if (kvctl::textfilePrepared() ? kvctl::commitTextfile(text.data(), text.size())
+                                  : writeOut(text) && fclose(stdout) == 0) {
+        return status;
     }
-    const Failure f = failed(std::string("cannot write standard output: ") + strerror(errno));
+    const Failure f =
+        failed("cannot write " + (run.textfile.empty() ? "standard output" : run.textfile) + ": " +
+               strerror(errno));
     fputs(run.command.empty() ? ("kvctl: " + safeText(f.what()) + "\n").c_str()
                               : describe(f, run, socket).c_str(),
           stderr);
-    return f.status;
+    return run.command == "check" ? kvctl::kUnknown : f.status;
 }
 
 std::string usageText() {
@@ -203,6 +247,7 @@ std::string usageText() {
     }
     return text +
            "\nExit status: 0 done, 1 daemon not reachable, 2 refused, failed or usage error.\n"
+           "check's: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN (bad arguments included).\n"
            "JSON contract: /usr/share/kvctl/kvctl.schema.json; more in kvctl(8).\n";
 }
 
@@ -211,6 +256,41 @@ bool parseSeconds(const char* text, long& value) {
     errno = 0;
     value = std::strtol(text, &end, 10);
     return text[0] >= '0' && text[0] <= '9' && *end == '\0' && errno == 0 && value <= kMaxSeconds;
+}
+
+// The options that go with one command only, checked once the command is known.
+std::string commandOptions(Run& run) {
+    const std::string& command = run.command;
+    const std::string w = run.w != nullptr ? run.w : "";
+    const std::string critical = run.critical != nullptr ? run.critical : "";
+    kvctl::Range range;
+    if (command == "check") {
+        if (run.w != nullptr && !kvctl::parseRange(w, range)) {
+            return "bad warning range: '" + w + "'";
+        }
+        if (run.critical != nullptr && !kvctl::parseRange(critical, range)) {
+            return "bad critical range: '" + critical + "'";
+        }
+        if (run.timeoutState != nullptr && kvctl::parseState(run.timeoutState) < 0) {
+            return std::string("bad time-out state: '") + run.timeoutState +
+                   "' (ok, warning, critical or unknown)";
+        }
+    } else if (run.w != nullptr && !parseSeconds(run.w, run.wait)) {
+        return "bad wait: '" + w + "'";
+    } else if (run.w != nullptr && command != "stop") {
+        return "--wait goes with stop only";
+    } else if (run.critical != nullptr) {
+        return "--critical goes with check only";
+    } else if (run.timeoutState != nullptr) {
+        return "a time-out state goes with check only";
+    }
+    if (!run.textfile.empty() && command != "metrics") {
+        return "--textfile goes with metrics only";
+    }
+    if (run.json != kText && (command == "check" || command == "metrics")) {
+        return "--json does not go with " + command;
+    }
+    return "";
 }
 
 // Parses the command line (GNU style: options anywhere, "--" ends them). Returns -1 to go
@@ -247,14 +327,25 @@ int parseOptions(int argc, char** argv, Run& run) {
                     bad = "--socket needs a path";
                 }
                 break;
-            case 't':
-                if (!parseSeconds(optarg, run.timeout)) {
+            case 't': {
+                const std::string seconds(optarg, strcspn(optarg, ":"));
+                run.timeoutState =
+                    optarg[seconds.size()] == ':' ? optarg + seconds.size() + 1 : nullptr;
+                if (!parseSeconds(seconds.c_str(), run.timeout)) {
                     bad = std::string("bad time-out: '") + optarg + "'";
                 }
                 break;
+            }
             case 'w':
-                if (!parseSeconds(optarg, run.wait)) {
-                    bad = std::string("bad wait: '") + optarg + "'";
+                run.w = optarg;
+                break;
+            case 'c':
+                run.critical = optarg;
+                break;
+            case 'f':
+                run.textfile = optarg;
+                if (run.textfile.empty()) {
+                    bad = "--textfile needs a path";
                 }
                 break;
             case 'j':
@@ -286,16 +377,16 @@ int parseOptions(int argc, char** argv, Run& run) {
     if (error.empty() && (help || version)) {
         return finish(help ? usageText() : "kvctl " KV_VERSION "\n", run, "");
     }
+    if (optind < argc) {
+        run.command = argv[optind];  // check reports even its usage errors its own way
+    }
     if (error.empty() && optind == argc) {
         error = "no command";
     } else if (error.empty() && optind < argc - 1) {
         error = std::string("one command only (also '") + argv[optind + 1] + "')";
     }
     if (error.empty()) {
-        run.command = argv[optind];
-        if (run.wait >= 0 && run.command != "stop") {
-            error = "--wait goes with stop only";
-        }
+        error = commandOptions(run);
     }
     return error.empty() ? -1 : report(usage(error), run, "");
 }
@@ -315,6 +406,7 @@ const char* yesNo(bool value) {
 struct Result {
     nlohmann::json json;
     std::string text;
+    int status = kDone;
 };
 
 Result status(Lrpc2Client& client, const Run& /*run*/) {
@@ -359,6 +451,19 @@ Result reload(Lrpc2Client& client, const Run& /*run*/) {
         throw refused("the daemon answered " + std::to_string(answer));
     }
     return {{{"reload_result", answer}}, "reload answered 0 (done)\n"};
+}
+
+Result metrics(Lrpc2Client& client, const Run& /*run*/) {
+    const kvctl::Health health = kvctl::gather(client, true);
+    return {nullptr, kvctl::metricsText(&health)};
+}
+
+Result check(Lrpc2Client& client, const Run& run) {
+    const kvctl::Health health = kvctl::gather(client, false);
+    Result result;
+    result.status = kvctl::checkState(health, run.w != nullptr ? run.w : "",
+                                      run.critical != nullptr ? run.critical : "", result.text);
+    return result;
 }
 
 // Seconds until the process behind `pidfd` ended; a failure when it still runs after
@@ -461,6 +566,10 @@ int main(int argc, char** argv) {
         command = reload;
     } else if (run.command == "stop") {
         command = stop;
+    } else if (run.command == "metrics") {
+        command = metrics;
+    } else if (run.command == "check") {
+        command = check;
     } else {
         return report(usage("unknown command '" + run.command + "'"), run, "");
     }
@@ -480,14 +589,25 @@ int main(int argc, char** argv) {
         client.setSocketPath(run.socket);
     }
     const std::string socket = client.socketPath();
+    if (!run.textfile.empty() && !kvctl::prepareTextfile(run.textfile)) {
+        return report(failed("cannot write " + run.textfile + ": " + strerror(errno)), run, socket);
+    }
     // One limit for the whole command, instead of one per exchange.
     const long limit = run.timeout >= 0 ? run.timeout : client.defaultTimeout();
     client.setDefaultTimeout(0);
     if (limit > 0) {
         const Failure late = failed("timed out after " + std::to_string(limit) + " s");
-        gAlarmErrLen = prepare(gAlarmErr, describe(late, run, socket));
-        gAlarmOutLen = prepare(
-            gAlarmOut, run.json != kText ? jsonText(errorObject(late, socket), run.json) : "");
+        std::string out = run.json != kText          ? jsonText(errorObject(late, socket), run.json)
+                          : run.command == "metrics" ? kvctl::metricsText(nullptr)
+                                                     : "";
+        if (run.command == "check") {
+            gAlarmStatus = run.timeoutState != nullptr ? kvctl::parseState(run.timeoutState)
+                                                       : kvctl::kCritical;
+            out = kvctl::checkLine(static_cast<kvctl::State>(gAlarmStatus), late.what());
+        } else {
+            gAlarmErrLen = prepare(gAlarmErr, describe(late, run, socket));
+        }
+        gAlarmOutLen = prepare(gAlarmOut, out);
         signal(SIGALRM, onAlarm);
         alarm(static_cast<unsigned>(limit));
     }
@@ -504,5 +624,6 @@ int main(int argc, char** argv) {
         return report(failed(e.what()), run, socket);
     }
     alarm(0);
-    return finish(run.json != kText ? jsonText(result.json, run.json) : result.text, run, socket);
+    return finish(run.json != kText ? jsonText(result.json, run.json) : result.text, run, socket,
+                  result.status);
 }

@@ -1,0 +1,69 @@
+// kvctl's two forms for monitoring systems: `metrics` (the Prometheus text exposition format,
+// also as a file for node_exporter's textfile collector) and `check` (a monitoring plugin:
+// one status line with performance data, and its exit status).
+#ifndef KVCTL_MONITOR_H
+#define KVCTL_MONITOR_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "zkvfw/lrpc2client.h"
+
+namespace kvctl {
+
+// Daemon bytes made safe for a terminal (main.cpp).
+std::string safeText(const std::string& text);
+
+// What metrics and check report of a daemon that answered.
+struct Health {
+    double roundTrip = 0;  // seconds, rounded to the microsecond as printed
+    std::string roundTripText;
+    bool online = false;
+    std::string collector;
+    int32_t code = 0;
+    std::string state, name;
+    bool flag = false;
+    std::string source, note, dbSize, despoolRate;
+};
+
+// Pings the daemon (timed), then asks the collector status and, with `all`, every other
+// query. Failures throw as the session does.
+Health gather(Lrpc2Client& client, bool all);
+
+// The exposition: every family for a daemon that answered, only `kavelo_up 0` for null.
+std::string metricsText(const Health* health);
+
+// The file for node_exporter: a temporary file made in the file's directory before the daemon
+// is asked; `commitTextfile` writes the text to it, sets mode 0644, flushes it, renames it over
+// the file and flushes the directory. It only makes system calls, so the time-out's signal
+// handler can commit too. False with errno set when something failed; the temporary file is
+// gone either way.
+bool prepareTextfile(const std::string& path);
+bool textfilePrepared();
+bool commitTextfile(const char* text, size_t size);
+
+// Monitoring-plugin states, which are also the exit statuses.
+enum State { kOk = 0, kWarning = 1, kCritical = 2, kUnknown = 3 };
+
+// A threshold range: alert when the value is outside [start, end], or inside with '@'.
+struct Range {
+    bool set = false;
+    bool inside = false;
+    double start = 0;
+    double end = 0;
+};
+bool parseRange(const std::string& text, Range& range);
+bool alerts(const Range& range, double value);
+// "ok", "warning", "critical", "unknown" (any case) or 0 to 3; -1 for anything else.
+int parseState(const std::string& text);
+
+// check's line: "KAVELO <STATE> - <text>\n", the text made safe and without '|'.
+std::string checkLine(State state, const std::string& text, const std::string& perfdata = "");
+// check's outcome for a daemon that answered, with the ranges as given on the command line.
+State checkState(const Health& health, const std::string& warning, const std::string& critical,
+                 std::string& line);
+
+}  // namespace kvctl
+
+#endif
