@@ -111,13 +111,19 @@ TEST(Kvctl, CommandsAgainstTheSimulatedDaemon) {
          0,
          "^\\{\"answers\":true,\"round_trip_ms\":[0-9.e-]+\\}\n$"},
         {"reload", "", {"--socket", s, "reload"}, 0, "reload answered 0 (done)\n"},
-        {"reload refused json",
-         "--reload-result 7",
+        {"reload refused json",  // 501, what the session also gives for a failed exchange
+         "--reload-result 501",
          {"--socket", s, "--json", "reload"},
          2,
-         R"({"error":{"kind":"refused","message":"the daemon answered 7","socket":"{socket}"}})"
+         R"({"error":{"kind":"refused","message":"the daemon answered 501","socket":"{socket}"}})"
          "\n",
-         "kvctl: reload: {socket}: the daemon answered 7\n"},
+         "kvctl: reload: {socket}: the daemon answered 501\n"},
+        {"reload, connection closed",
+         "--fault close-request",
+         {"--socket", s, "reload"},
+         2,
+         "",
+         "kvctl: reload: {socket}: Unable to send lrpc2 message: 404 (Socket closed)\n"},
         {"stop",
          "--exit-on-stop",
          {"stop", "-s", s},
