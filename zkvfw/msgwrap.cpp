@@ -6,7 +6,8 @@
 
 namespace {
 
-// Readers report "no more data" apart from every other failure, both with result code 0.
+// Readers report "no more data" apart from every other failure, both deliberately with
+// result code 0: the library's status is not passed on.
 [[noreturn]] void throwReadError(int32_t status, const char* typeName, const char* typeText) {
     if (status == LRPC2_MSG_NODATA) {
         ZFW_THROW(zfw::EndOfFileException, 0, true, "No more data while reading %s", typeName);
@@ -95,6 +96,7 @@ void Lrpc2Message::writeUInt32(uint32_t value) {
 }
 
 void Lrpc2Message::writeString(const std::string& value) {
+    // Deliberately the null string for the empty one; a reader gives it back empty.
     const int32_t status = lrpc2_put_string(m_msg, value.empty() ? nullptr : value.c_str());
     if (status != 0) {
         throwWriteError(status, "Unable to write string to reply message");
