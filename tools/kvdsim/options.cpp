@@ -179,13 +179,14 @@ const size_t kHelpColumn = 23;
 // getopt's value for the option in row i of the table, above every character.
 const int kFirstValue = 256;
 
-// The help of --fault: its kinds from their table.
+// The help of --fault: its kinds from their table, each kind's help in a column of its own.
 std::string faultHelp() {
+    const size_t kindWidth = 18;
     std::string text = "misbehave at one frame (see --fault-frame, --fault-conn):\n";
     for (const Named<Fault>& f : kFaults) {
         std::string line = std::string("  ") + f.name;
-        line.resize(18, ' ');
-        text += line + indented(f.help, 18) + "\n";
+        line.resize(kindWidth, ' ');
+        text += line + indented(f.help, kindWidth) + "\n";
     }
     return text + "After a malformed reply the connection stays open.";
 }
