@@ -92,7 +92,9 @@ int32_t parse(conf::Cursor in, const char* const* prefixes, conf_file* file) {
     }
 }
 
-bool isNameChar(char c) {
+// A letter, a digit, '_' or '.': what a "$" name is made of here (a key such as
+// kvd.data.dir can be named).
+bool isDottedNameChar(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
            c == '.';
 }
@@ -137,7 +139,7 @@ int32_t expandText(conf_file* file, const char* raw, char** out) {
         const char c = *p++;
         if (c == '$') {
             size_t n = 0;
-            while (n < kMaxName && isNameChar(p[n])) {
+            while (n < kMaxName && isDottedNameChar(p[n])) {
                 ++n;
             }
             if (n > 0) {

@@ -50,10 +50,12 @@ TEST(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
     kvtest::expectThrow<zfw::SystemException>([&] { client.stopDaemon(); },
                                               "Can't send an lrpc2 message yet, not connected");
     // The second connection's request is read, then the daemon closes it: the failed ping
-    // says false, and the reload sent on that closed connection gives 501.
+    // says false, and the reload sent on that closed connection gives 501 and the text.
     ASSERT_TRUE(client.connect());
+    std::string failure;
     EXPECT_FALSE(client.ping());
-    EXPECT_EQ(client.reloadProperties(), 501);
+    EXPECT_EQ(client.reloadProperties(&failure), 501);
+    EXPECT_EQ(failure, "Unable to send lrpc2 message: 404 (Socket closed)");
 
     EXPECT_EQ(daemon.log(), (std::vector<std::string>{
                                 std::string("1 ") + kHello,

@@ -47,10 +47,6 @@ bool isWhitespace(char c) {
     return isOneOfChars(kWhitespace, c);
 }
 
-bool isNameChar(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-}
-
 // The control character that an escaped letter stands for, or '\0'.
 char controlFor(char c) {
     switch (c) {
@@ -69,7 +65,8 @@ char controlFor(char c) {
     }
 }
 
-// Quote and escape state of a text walked from its start, one character at a time.
+// Quote and escape state of a text walked from its start, one character at a time: the one
+// scanner of the reader's quotes and escapes.
 class QuoteState {
   public:
     // The next character is escaped: the text so far ends with an odd run of backslashes.
@@ -79,12 +76,15 @@ class QuoteState {
     bool inSingle() const { return m_single; }
     bool inDouble() const { return m_double; }
 
+    // The next character, `c`, would open or close a quoted stretch.
+    bool toggles(char c) const {
+        return !escaped() && ((c == '"' && !m_single) || (c == '\'' && !m_double));
+    }
+
     void feed(char c) {
-        const bool esc = escaped();
-        if (c == '"' && !esc && !m_single) {
-            m_double = !m_double;
-        } else if (c == '\'' && !esc && !m_double) {
-            m_single = !m_single;
+        if (toggles(c)) {
+            bool& quoted = c == '"' ? m_double : m_single;
+            quoted = !quoted;
         }
         m_backslashes = c == '\\' ? m_backslashes + 1 : 0;
     }
@@ -94,6 +94,15 @@ class QuoteState {
     bool m_double = false;
     bool m_single = false;
 };
+
+// The state at the end of `s`.
+QuoteState scanned(const std::string& s) {
+    QuoteState state;
+    for (const char c : s) {
+        state.feed(c);
+    }
+    return state;
+}
 
 boost::shared_ptr<Logger> propertiesLogger() {
     return Logger::get("util.properties");
@@ -158,6 +167,7 @@ bool Properties::reload() {
     m_params.clear();
     m_values.clear();
     m_loaded = false;
+    // Deliberately the fixed path, whatever file this store was loaded from.
     load(gConfigPath, true);
     return m_loaded;
 }
@@ -166,6 +176,8 @@ void Properties::parse(std::istream& in, bool expand) {
     MutexLock lock(m_mutex);
     m_loaded = false;
     m_expand = expand;
+    // m_values and m_params deliberately stay: a key missing from this input keeps its old
+    // value until reload.
     m_raw.clear();
     m_listCache.clear();
     if (in.fail()) {
@@ -254,6 +266,7 @@ int Properties::getInt(const std::string& key, int def) const {
     if (value.empty()) {
         return def;
     }
+    // Deliberately unchecked: the leading digits count, and text without any gives 0.
     return static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
 }
 
@@ -309,6 +322,8 @@ boost::shared_ptr<StringList> Properties::getList(const std::string& key, const 
         fromStored = !anyCandidate;
     }
     boost::shared_ptr<Logger> logger = propertiesLogger();
+    // Deliberately tested at TRACE and written at DEBUG: the list shows only when the
+    // store's logger is at its most verbose, and then as a DEBUG record.
     if (logger->isEnabled(Logger::TRACE)) {
         std::string text = key + ": ";
         for (const std::string& item : *list) {
@@ -434,24 +449,21 @@ bool Properties::expanding() const {
     return m_expand;
 }
 
+bool Properties::isWordChar(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
+
 bool Properties::endsWithEscape(const std::string& s) {
-    size_t count = 0;
-    for (auto it = s.rbegin(); it != s.rend() && *it == '\\'; ++it) {
-        ++count;
-    }
-    return count % 2 == 1;
+    return scanned(s).escaped();
 }
 
 bool Properties::isInsideQuotes(const std::string& s) {
-    QuoteState state;
-    for (char c : s) {
-        state.feed(c);
-    }
-    return state.inside();
+    return scanned(s).inside();
 }
 
 void Properties::removeEscapes(std::string& s) {
-    // Quoting is judged on the text already produced.
+    // Quoting is deliberately judged on the text already produced: a quote whose escaping
+    // backslash was just deleted opens a quoted stretch: \"a\b gives "a\b.
     std::string out;
     out.reserve(s.size());
     QuoteState state;
@@ -498,22 +510,19 @@ void Properties::normaliseWhitespace(std::string& s) {
 }
 
 void Properties::unescapeControlChars(std::string& s) {
+    // Only escapes count: quotes are deliberately not considered, so a quoted "\t" becomes a
+    // tab here as well.
     std::string out;
     out.reserve(s.size());
-    for (size_t i = 0; i < s.size(); ++i) {
-        if (s[i] == '\\' && i + 1 < s.size()) {
-            const char control = controlFor(s[i + 1]);
-            if (control != '\0') {
-                out += control;
-            } else {
-                // An escaped backslash (or anything else) stays as it is, pair and all.
-                out += s[i];
-                out += s[i + 1];
-            }
-            ++i;
+    QuoteState state;
+    for (const char c : s) {
+        const char control = state.escaped() ? controlFor(c) : '\0';
+        if (control != '\0') {
+            out.back() = control;  // the escaping backslash
         } else {
-            out += s[i];
+            out += c;
         }
+        state.feed(c);
     }
     s.swap(out);
 }
@@ -523,41 +532,35 @@ void Properties::stripQuotes(std::string& s) {
         return;
     }
     // The first unescaped repeat of the opening quote must be the last character.
-    size_t backslashes = 0;
-    size_t close = 0;
-    for (size_t i = 1; i < s.size() && close == 0; ++i) {
-        if (s[i] == s[0] && backslashes % 2 == 0) {
-            close = i;
-        }
-        backslashes = s[i] == '\\' ? backslashes + 1 : 0;
+    QuoteState state;
+    state.feed(s[0]);
+    size_t close = 1;
+    while (close < s.size() && (s[close] != s[0] || state.escaped())) {
+        state.feed(s[close++]);
     }
     if (close != s.size() - 1) {
         return;
     }
     std::string out;
     out.reserve(s.size());
-    bool dbl = false;
-    bool sgl = false;
-    backslashes = 0;
+    state = QuoteState();
     for (size_t i = 0; i < s.size(); ++i) {
         const char c = s[i];
-        const bool escaped = backslashes % 2 == 1;
-        backslashes = c == '\\' ? backslashes + 1 : 0;
-        if (c == '"' && !escaped && !sgl) {
-            dbl = !dbl;
-        } else if (c == '\'' && !escaped && !dbl) {
-            sgl = !sgl;
-        } else if (c == '\\' && dbl) {
+        if (c == '\\' && state.inDouble()) {
             // Inside double quotes the backslash goes and the next character is taken as
             // it is, a control letter becoming its character.
-            backslashes = 0;
+            state.feed(c);
             if (++i < s.size()) {
                 const char control = controlFor(s[i]);
                 out += control != '\0' ? control : s[i];
+                state.feed(s[i]);
             }
-        } else {
-            out += c;
+            continue;
         }
+        if (!state.toggles(c)) {
+            out += c;  // the quotes that open and close go
+        }
+        state.feed(c);
     }
     s.swap(out);
 }
@@ -592,14 +595,11 @@ bool Properties::parseLine(const std::string& line, std::string& key, std::strin
     if (start == std::string::npos) {
         return false;
     }
+    QuoteState state;  // only its escapes count: quotes do not hide a separator in a key
+    state.feed(line[start]);
     size_t end = start + 1;
-    size_t backslashes = line[start] == '\\' ? 1 : 0;
-    for (; end < line.size(); ++end) {
-        const char c = line[end];
-        if (isOneOfChars(kKeySeparators, c) && backslashes % 2 == 0) {
-            break;
-        }
-        backslashes = c == '\\' ? backslashes + 1 : 0;
+    while (end < line.size() && !(isOneOfChars(kKeySeparators, line[end]) && !state.escaped())) {
+        state.feed(line[end++]);
     }
     key = line.substr(start, end - start);
     removeEscapes(key);
@@ -646,7 +646,7 @@ void Properties::substituteVariables(std::string& value) {
         if (nameEnd < value.size() && value[nameEnd] >= '0' && value[nameEnd] <= '9') {
             ++nameEnd;
         } else {
-            while (nameEnd < value.size() && isNameChar(value[nameEnd])) {
+            while (nameEnd < value.size() && isWordChar(value[nameEnd])) {
                 ++nameEnd;
             }
         }
@@ -661,6 +661,7 @@ void Properties::substituteVariables(std::string& value) {
         }
         std::string replacement;
         bool found = false;
+        // Deliberately inserts an empty entry for a name that is no join parameter.
         const std::string& param = m_params[name];
         if (!param.empty()) {
             replacement = param;

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <ctime>
 #include <set>
@@ -27,10 +26,6 @@ const time_t kStaleLockSeconds = 60;
 
 boost::shared_ptr<Logger> propertiesLogger() {
     return Logger::get("util.properties");
-}
-
-bool isNameChar(char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
 }
 
 // The letter that stands for a control character in file syntax, or '\0'.
@@ -263,7 +258,7 @@ std::string Properties::escapeValue(const std::string& value, bool escapeDollars
         }
         i = close + 1;
         // The name must end where the closing '$' ended it.
-        if (i < value.size() && isNameChar(value[i])) {
+        if (i < value.size() && isWordChar(value[i])) {
             out += '\\';
         }
     }

@@ -26,6 +26,7 @@ bool configuredSocketPath(std::string& path) {
     if (dir == nullptr || name == nullptr) {
         return false;
     }
+    // Deliberately joined as they are: a trailing "/" doubles, an absolute name is appended.
     path = dataDir + "/" + socketName;
     return true;
 }
@@ -79,6 +80,7 @@ bool Lrpc2Client::connect(int32_t timeout) {
     }
 
     int32_t status = 0;
+    // Deliberately overwrites a connection still open; callers connect only when not connected.
     m_connection = lrpc2_connect_timeout(path.c_str(), m_messageTable,
                                          timeout != 0 ? timeout : m_timeout, &status);
     if (status != 0) {
@@ -114,78 +116,76 @@ void Lrpc2Client::sendDiscardReply(Lrpc2Message& request, int32_t timeout) {
     send(request, reply, timeout);
 }
 
-bool Lrpc2Client::isDaemonOnline() {
-    Lrpc2Message request(LRPC2_ID_KV_QUERY_IS_DAEMON_ONLINE, m_messageTable);
+void Lrpc2Client::ask(uint32_t id, Lrpc2Message& reply, int32_t timeout) {
+    Lrpc2Message request(id, m_messageTable);
     request.complete();
+    send(request, reply, timeout);
+}
+
+bool Lrpc2Client::isDaemonOnline() {
     Lrpc2Message reply;
-    send(request, reply);
+    ask(LRPC2_ID_KV_QUERY_IS_DAEMON_ONLINE, reply);
     return reply.readBool();
 }
 
 std::string Lrpc2Client::queryCollectorStatus() {
-    Lrpc2Message request(LRPC2_ID_KV_QUERY_COLLECTOR_STATUS, m_messageTable);
-    request.complete();
     Lrpc2Message reply;
-    send(request, reply);
+    ask(LRPC2_ID_KV_QUERY_COLLECTOR_STATUS, reply);
     return reply.readString();
 }
 
-void Lrpc2Client::queryCollectorStatus2(int32_t& value1, std::string& value2, std::string& value3,
-                                        bool& value4, std::string& value5, std::string& value6) {
-    Lrpc2Message request(LRPC2_ID_KV_QUERY_COLLECTOR_STATUS2, m_messageTable);
-    request.complete();
+void Lrpc2Client::queryCollectorStatus2(int32_t& code, std::string& state, std::string& name,
+                                        bool& flag, std::string& source, std::string& note) {
     Lrpc2Message reply;
-    send(request, reply);
-    value1 = reply.readInt32();
-    value2 = reply.readString();
-    value3 = reply.readString();
-    value4 = reply.readBool();
-    value5 = reply.readString();
-    value6 = reply.readString();
+    ask(LRPC2_ID_KV_QUERY_COLLECTOR_STATUS2, reply);
+    code = reply.readInt32();
+    state = reply.readString();
+    name = reply.readString();
+    flag = reply.readBool();
+    source = reply.readString();
+    note = reply.readString();
 }
 
 std::string Lrpc2Client::queryDBSize() {
-    Lrpc2Message request(LRPC2_ID_KV_QUERY_DB_SIZE, m_messageTable);
-    request.complete();
     Lrpc2Message reply;
-    send(request, reply);
+    ask(LRPC2_ID_KV_QUERY_DB_SIZE, reply);
     return reply.readString();
 }
 
 std::string Lrpc2Client::queryDespoolRate() {
-    Lrpc2Message request(LRPC2_ID_KV_QUERY_DESPOOL_RATE, m_messageTable);
-    request.complete();
     Lrpc2Message reply;
-    send(request, reply);
+    ask(LRPC2_ID_KV_QUERY_DESPOOL_RATE, reply);
     return reply.readString();
 }
 
-bool Lrpc2Client::ping(int32_t timeout) {
-    Lrpc2Message request(LRPC2_ID_KV_PING, m_messageTable);
-    request.complete();
+bool Lrpc2Client::ping(int32_t timeout, std::string* failure) {
     Lrpc2Message reply;
     try {
-        send(request, reply, timeout);
-    } catch (const zfw::IOException&) {
+        ask(LRPC2_ID_KV_PING, reply, timeout);
+    } catch (const zfw::IOException& e) {
+        if (failure != nullptr) {
+            *failure = e.what();
+        }
         return false;
     }
     return true;
 }
 
 void Lrpc2Client::stopDaemon() {
-    Lrpc2Message request(LRPC2_ID_KV_STOP, m_messageTable);
-    request.complete();
-    sendDiscardReply(request);
+    Lrpc2Message reply;  // released unread: any answer means the request was accepted
+    ask(LRPC2_ID_KV_STOP, reply);
 }
 
-int32_t Lrpc2Client::reloadProperties() {
-    Lrpc2Message request(LRPC2_ID_KV_RELOAD_PROPS, m_messageTable);
-    request.complete();
+int32_t Lrpc2Client::reloadProperties(std::string* failure) {
     Lrpc2Message reply;
     try {
-        send(request, reply);
-    } catch (const zfw::IOException&) {
+        ask(LRPC2_ID_KV_RELOAD_PROPS, reply);
+    } catch (const zfw::IOException& e) {
+        if (failure != nullptr) {
+            *failure = e.what();
+        }
         return kReloadFailed;
     }
+    // Deliberately outside the handler: a reply without its int32 throws.
     return reply.readInt32();
 }

@@ -17,7 +17,8 @@ const int32_t kPingTimeout = 60;
 
 bool stillAnswers(Lrpc2Client& client) {
     sleep(1);
-    // Whatever fails from here on means that the daemon is gone.
+    // Whatever fails from here on means that the daemon is gone, deliberately including
+    // failures that are not the daemon's (any ZFWException). The connection stays open.
     try {
         return client.connect(0) && client.ping(kPingTimeout);
     } catch (const ZFWException&) {

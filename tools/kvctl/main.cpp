@@ -27,7 +27,6 @@
 #include <nlohmann/json.hpp>
 
 #include "cli.h"
-#include "lrpc2/table.h"
 #include "monitor.h"
 #include "stopsequence.h"
 #include "zfw/exception.h"
@@ -76,6 +75,7 @@ struct Run {
     long wait = -1;      // -1: no --wait
     int json = kText;
     const char* w = nullptr;  // -w: --wait for stop, --warning for check
+    const char* wName = "w";  // as given: "w", "wait" or "warning"
     const char* critical = nullptr;
     const char* timeoutState = nullptr;  // check: -t SECONDS:STATE
     std::string textfile;
@@ -264,6 +264,9 @@ std::string commandOptions(Run& run) {
     const std::string w = run.w != nullptr ? run.w : "";
     const std::string critical = run.critical != nullptr ? run.critical : "";
     kvctl::Range range;
+    if (run.w != nullptr && strcmp(run.wName, command == "check" ? "wait" : "warning") == 0) {
+        return command == "check" ? "--wait goes with stop only" : "--warning goes with check only";
+    }
     if (command == "check") {
         if (run.w != nullptr && !kvctl::parseRange(w, range)) {
             return "bad warning range: '" + w + "'";
@@ -314,7 +317,8 @@ int parseOptions(int argc, char** argv, Run& run) {
     bool version = false;
     opterr = 0;
     int opt = 0;
-    while ((opt = getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), nullptr)) !=
+    int index = -1;
+    while ((opt = getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), &index)) !=
            -1) {
         const std::string given = argv[optind - 1];
         const std::string name = given.rfind("--", 0) == 0 ? given.substr(0, given.find('='))
@@ -338,6 +342,7 @@ int parseOptions(int argc, char** argv, Run& run) {
             }
             case 'w':
                 run.w = optarg;
+                run.wName = index >= 0 ? longOptions[index].name : "w";
                 break;
             case 'c':
                 run.critical = optarg;
@@ -373,6 +378,7 @@ int parseOptions(int argc, char** argv, Run& run) {
         if (error.empty()) {
             error = bad;
         }
+        index = -1;  // getopt_long sets it for long options only
     }
     if (error.empty() && (help || version)) {
         return finish(help ? usageText() : "kvctl " KV_VERSION "\n", run, "");
@@ -391,13 +397,6 @@ int parseOptions(int argc, char** argv, Run& run) {
     return error.empty() ? -1 : report(usage(error), run, "");
 }
 
-// A request without fields, exchanged on the session; the reply's fields are left to read.
-void exchange(Lrpc2Client& client, uint32_t id, Lrpc2Message& reply) {
-    Lrpc2Message request(id, lrpc2_default_table());
-    request.complete();
-    client.send(request, reply);
-}
-
 const char* yesNo(bool value) {
     return value ? "yes" : "no";
 }
@@ -412,31 +411,31 @@ struct Result {
 Result status(Lrpc2Client& client, const Run& /*run*/) {
     const bool online = client.isDaemonOnline();
     const std::string collector = client.queryCollectorStatus();
-    int32_t code = 0;
-    std::string state, name, source, note;
-    bool flag = false;
-    client.queryCollectorStatus2(code, state, name, flag, source, note);
+    CollectorDetail d;
+    client.queryCollectorStatus2(d.code, d.state, d.name, d.flag, d.source, d.note);
     const std::string dbSize = client.queryDBSize();
     const std::string despoolRate = client.queryDespoolRate();
     return {{{"online", online},
              {"collector_status", collector},
-             {"collector_detail", {code, state, name, flag, source, note}},
+             {"collector_detail", {d.code, d.state, d.name, d.flag, d.source, d.note}},
              {"database_size", number(dbSize)},
              {"database_size_text", dbSize},
              {"despool_rate", number(despoolRate)},
              {"despool_rate_text", despoolRate}},
             "online:            " + std::string(yesNo(online)) + "\n" +
                 "collector status:  " + safeText(collector) + "\n" +
-                "collector detail:  " + std::to_string(code) + " | " + safeText(state) + " | " +
-                safeText(name) + " | " + yesNo(flag) + " | " + safeText(source) + " | " +
-                safeText(note) + "\n" + "database size:     " + safeText(dbSize) + "\n" +
+                "collector detail:  " + std::to_string(d.code) + " | " + safeText(d.state) + " | " +
+                safeText(d.name) + " | " + yesNo(d.flag) + " | " + safeText(d.source) + " | " +
+                safeText(d.note) + "\n" + "database size:     " + safeText(dbSize) + "\n" +
                 "despool rate:      " + safeText(despoolRate) + "\n"};
 }
 
 Result ping(Lrpc2Client& client, const Run& /*run*/) {
     const auto start = Clock::now();
-    Lrpc2Message reply;
-    exchange(client, LRPC2_ID_KV_PING, reply);
+    std::string failure;
+    if (!client.ping(0, &failure)) {
+        throw failed(failure);
+    }
     const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     char text[64];
     snprintf(text, sizeof text, "daemon answers, round trip %.3f ms\n", ms);
@@ -444,9 +443,11 @@ Result ping(Lrpc2Client& client, const Run& /*run*/) {
 }
 
 Result reload(Lrpc2Client& client, const Run& /*run*/) {
-    Lrpc2Message reply;
-    exchange(client, LRPC2_ID_KV_RELOAD_PROPS, reply);
-    const int32_t answer = reply.readInt32();
+    std::string failure;
+    const int32_t answer = client.reloadProperties(&failure);
+    if (!failure.empty()) {
+        throw failed(failure);
+    }
     if (answer != 0) {
         throw refused("the daemon answered " + std::to_string(answer));
     }

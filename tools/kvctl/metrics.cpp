@@ -20,8 +20,9 @@ namespace kvctl {
 Health gather(Lrpc2Client& client, bool all) {
     Health h;
     const auto start = std::chrono::steady_clock::now();
-    if (!client.ping(0)) {
-        throw std::runtime_error("the daemon does not answer a ping");
+    std::string failure;
+    if (!client.ping(0, &failure)) {
+        throw std::runtime_error(failure);
     }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -35,7 +36,8 @@ Health gather(Lrpc2Client& client, bool all) {
         return h;
     }
     h.online = client.isDaemonOnline();
-    client.queryCollectorStatus2(h.code, h.state, h.name, h.flag, h.source, h.note);
+    CollectorDetail& d = h.detail;
+    client.queryCollectorStatus2(d.code, d.state, d.name, d.flag, d.source, d.note);
     h.dbSize = client.queryDBSize();
     h.despoolRate = client.queryDespoolRate();
     return h;
@@ -86,10 +88,10 @@ std::string metricsText(const Health* h) {
     }
     family(out, "kavelo_collector_info",
            "The collector's status and detailed status as labels; always 1.",
-           "{status=" + labelValue(h->collector) + ",code=\"" + std::to_string(h->code) +
-               "\",state=" + labelValue(h->state) + ",name=" + labelValue(h->name) + ",flag=\"" +
-               (h->flag ? "true" : "false") + "\",source=" + labelValue(h->source) +
-               ",note=" + labelValue(h->note) + "} 1");
+           "{status=" + labelValue(h->collector) + ",code=\"" + std::to_string(h->detail.code) +
+               "\",state=" + labelValue(h->detail.state) + ",name=" + labelValue(h->detail.name) +
+               ",flag=\"" + (h->detail.flag ? "true" : "false") + "\",source=" +
+               labelValue(h->detail.source) + ",note=" + labelValue(h->detail.note) + "} 1");
     return out;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string>
 
+#include "zkvfw/collector.h"
 #include "zkvfw/lrpc2client.h"
 
 namespace kvctl {
@@ -21,10 +22,8 @@ struct Health {
     std::string roundTripText;
     bool online = false;
     std::string collector;
-    int32_t code = 0;
-    std::string state, name;
-    bool flag = false;
-    std::string source, note, dbSize, despoolRate;
+    CollectorDetail detail;
+    std::string dbSize, despoolRate;
 };
 
 // Pings the daemon (timed), then asks the collector status and, with `all`, every other

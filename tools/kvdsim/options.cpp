@@ -13,7 +13,7 @@ namespace kvdsim {
 
 namespace {
 
-const char kUsage[] =
+const char kAbout[] =
     "Usage: kvdsim [OPTIONS]\n"
     "A simulated Kavelo audit daemon: listens on a Unix stream socket and speaks the\n"
     "daemon's side of the lrpc2 protocol (handshake, framed requests and replies, process\n"
@@ -23,109 +23,59 @@ const char kUsage[] =
     "string, string, bool, string, string; 120: int32). It serves any number of\n"
     "connections, one after another or at once, until SIGTERM or SIGINT, and then removes\n"
     "its socket and exits with 0.\n"
-    "\n"
-    "  --socket PATH        listen on PATH (default /var/zantorkv/audit); a stale socket\n"
-    "                       there is replaced, any other file is an error\n"
-    "  --ready-file PATH    create PATH once listening; standard output also gets the\n"
-    "                       line \"kvdsim: listening on SOCKET\" at that moment\n"
-    "  --log PATH           append one line per handshake and frame received, written\n"
-    "                       before any answer: \"<conn> hello <hex>\" and\n"
-    "                       \"<conn> frame <hex>\" (connections count from 1; the bytes in\n"
-    "                       lower-case hex without separators)\n"
-    "  --exit-on-stop       answer KVStop (20), remove the socket and exit, so that later\n"
-    "                       connects are refused; without it the daemon keeps running and\n"
-    "                       answers every request (pings included)\n"
-    "  --handshake VALUE    answer the client's hello with VALUE (default 1, which\n"
-    "                       accepts); any other value refuses and closes\n"
-    "  --auth               demand process authentication before the first request of\n"
-    "                       each connection: challenge (id 1), check the client's uid and\n"
-    "                       gid against its socket credentials, answer with the paths of\n"
-    "                       two new proof files of random content, check the contents the\n"
-    "                       client sends back (id 2), then reply to the first request.\n"
-    "                       A wrong identity or wrong contents close the connection\n"
-    "  --auth-answer KIND   answer the client's identity with: two-paths (default),\n"
-    "                       one-path (the first path only), nested (another challenge)\n"
-    "  --proof-dir DIR      create the proof files in DIR (default: the socket's\n"
-    "                       directory); they are removed when the dialogue ends\n"
-    "  --proof-size N       bytes of random content per proof file (default 32)\n"
-    "  --proof-file1 PATH   name PATH as the first proof file instead of creating one\n"
-    "  --proof-file2 PATH   the same for the second (the contents expected are read\n"
-    "                       from the file when the paths are sent)\n"
-    "  --fault KIND         misbehave at one frame (see --fault-frame, --fault-conn):\n"
-    "                         close-hello     read the hello, close without answering\n"
-    "                         silent-hello    read the hello, never answer\n"
-    "                         close-request   read the frame, close without a reply\n"
-    "                         silent-request  read the frame, never reply\n"
-    "                         close-header    send the reply's 8 header bytes, close\n"
-    "                         close-body      send the reply but its last byte, close\n"
-    "                         silent-body     send the reply but its last byte, then\n"
-    "                                         stay silent\n"
-    "                         bad-magic       reply with the magic 0xDEADBEEF\n"
-    "                         swapped-magic   reply with the magic bytes AB CD 80 12\n"
-    "                         bad-tag         reply holding a field tag 9\n"
-    "                         trailing-byte   reply with a byte after its end tag\n"
-    "                         short-length    reply header with the length 7, no more\n"
-    "                         huge-length     reply header with a length of 16 MiB + 1,\n"
-    "                                         no more\n"
-    "                       After a malformed reply the connection stays open.\n"
-    "  --fault-frame N      the frame (counting from 1 on each connection, the frames of\n"
-    "                       the authentication dialogue included) that the fault hits\n"
-    "                       (default 1); hello faults hit the hello\n"
-    "  --fault-conn N       only the Nth connection accepted suffers the fault (default\n"
-    "                       0: every connection)\n"
-    "  --piece N            send every answer in pieces of N bytes (default: whole)\n"
-    "  --piece-delay MS     pause between pieces (default 5)\n"
-    "  --reply-fields ID=HEX\n"
-    "                       answer request ID with exactly these fields instead of its\n"
-    "                       usual ones: the tagged field bytes in hex, without the end\n"
-    "                       tag (empty: no fields); repeatable, one per id\n"
-    "  --online yes|no      answer to is-daemon-online (80; default yes)\n"
-    "  --collector-status TEXT\n"
-    "                       answer to the collector status (90; default running)\n"
-    "  --collector-detail N,TEXT,TEXT,yes|no,TEXT,TEXT\n"
-    "                       the six values of the detailed collector status (91; default\n"
-    "                       1,running,kvdsim,yes,local,); the texts hold no commas\n"
-    "  --db-size TEXT       answer to the database size (100; default 1048576)\n"
-    "  --despool-rate TEXT  answer to the despool rate (110; default 0)\n"
-    "  --reload-result N    answer to reload-properties (120; default 0)\n"
-    "  --help               print this text and exit\n";
+    "\n";
 
+// A word of the command line, the value it stands for and its help in the usage text.
+template <typename T>
 struct Named {
     const char* name;
-    int value;
+    T value;
+    const char* help;
 };
 
-const Named kFaults[] = {
-    {"close-hello", static_cast<int>(Fault::CloseHello)},
-    {"silent-hello", static_cast<int>(Fault::SilentHello)},
-    {"close-request", static_cast<int>(Fault::CloseRequest)},
-    {"silent-request", static_cast<int>(Fault::SilentRequest)},
-    {"close-header", static_cast<int>(Fault::CloseHeader)},
-    {"close-body", static_cast<int>(Fault::CloseBody)},
-    {"silent-body", static_cast<int>(Fault::SilentBody)},
-    {"bad-magic", static_cast<int>(Fault::BadMagic)},
-    {"swapped-magic", static_cast<int>(Fault::SwappedMagic)},
-    {"bad-tag", static_cast<int>(Fault::BadTag)},
-    {"trailing-byte", static_cast<int>(Fault::TrailingByte)},
-    {"short-length", static_cast<int>(Fault::ShortLength)},
-    {"huge-length", static_cast<int>(Fault::HugeLength)},
+const Named<Fault> kFaults[] = {
+    {"close-hello", Fault::CloseHello, "read the hello, close without answering"},
+    {"silent-hello", Fault::SilentHello, "read the hello, never answer"},
+    {"close-request", Fault::CloseRequest, "read the frame, close without a reply"},
+    {"silent-request", Fault::SilentRequest, "read the frame, never reply"},
+    {"close-header", Fault::CloseHeader, "send the reply's 8 header bytes, close"},
+    {"close-body", Fault::CloseBody, "send the reply but its last byte, close"},
+    {"silent-body", Fault::SilentBody, "send the reply but its last byte, then\nstay silent"},
+    {"bad-magic", Fault::BadMagic, "reply with the magic 0xDEADBEEF"},
+    {"swapped-magic", Fault::SwappedMagic, "reply with the magic bytes AB CD 80 12"},
+    {"bad-tag", Fault::BadTag, "reply holding a field tag 9"},
+    {"trailing-byte", Fault::TrailingByte, "reply with a byte after its end tag"},
+    {"short-length", Fault::ShortLength, "reply header with the length 7, no more"},
+    {"huge-length", Fault::HugeLength, "reply header with a length of 16 MiB + 1,\nno more"},
 };
 
-const Named kAuthAnswers[] = {
-    {"two-paths", static_cast<int>(AuthAnswer::TwoPaths)},
-    {"one-path", static_cast<int>(AuthAnswer::OnePath)},
-    {"nested", static_cast<int>(AuthAnswer::Nested)},
+const Named<AuthAnswer> kAuthAnswers[] = {
+    {"two-paths", AuthAnswer::TwoPaths, nullptr},
+    {"one-path", AuthAnswer::OnePath, nullptr},
+    {"nested", AuthAnswer::Nested, nullptr},
 };
 
-template <size_t N>
-bool lookup(const Named (&names)[N], const char* text, int& value) {
-    for (const Named& n : names) {
+template <typename T, size_t N>
+bool lookup(const Named<T> (&names)[N], const char* text, T& value) {
+    for (const Named<T>& n : names) {
         if (strcmp(n.name, text) == 0) {
             value = n.value;
             return true;
         }
     }
     return false;
+}
+
+// `text` with every line after the first indented by `indent` blanks.
+std::string indented(const std::string& text, size_t indent) {
+    std::string out;
+    for (const char c : text) {
+        out += c;
+        if (c == '\n') {
+            out.append(indent, ' ');
+        }
+    }
+    return out;
 }
 
 bool parseYesNo(const std::string& text, bool& value) {
@@ -151,21 +101,20 @@ bool parseSigned(const std::string& text, int32_t& value) {
 }
 
 // "N,TEXT,TEXT,yes|no,TEXT,TEXT": the detailed collector status.
-bool parseDetail(const std::string& arg, Answers& a) {
+bool parseDetail(const std::string& arg, CollectorDetail& d) {
     std::vector<std::string> parts;
     size_t start = 0;
     for (size_t comma; (comma = arg.find(',', start)) != std::string::npos; start = comma + 1) {
         parts.push_back(arg.substr(start, comma - start));
     }
     parts.push_back(arg.substr(start));
-    if (parts.size() != 6 || !parseSigned(parts[0], a.detailCode) ||
-        !parseYesNo(parts[3], a.detailFlag)) {
+    if (parts.size() != 6 || !parseSigned(parts[0], d.code) || !parseYesNo(parts[3], d.flag)) {
         return false;
     }
-    a.detailState = parts[1];
-    a.detailName = parts[2];
-    a.detailSource = parts[4];
-    a.detailNote = parts[5];
+    d.state = parts[1];
+    d.name = parts[2];
+    d.source = parts[4];
+    d.note = parts[5];
     return true;
 }
 
@@ -182,63 +131,6 @@ bool parseNumber(const char* text, uint32_t& value) {
     value = static_cast<uint32_t>(n);
     return true;
 }
-
-enum LongOnly {
-    kSocket = 256,
-    kReadyFile,
-    kLog,
-    kExitOnStop,
-    kLinger,
-    kHandshake,
-    kAuth,
-    kAuthAnswer,
-    kProofDir,
-    kProofSize,
-    kProofFile1,
-    kProofFile2,
-    kFault,
-    kFaultFrame,
-    kFaultConn,
-    kPiece,
-    kPieceDelay,
-    kReplyFields,
-    kOnline,
-    kCollectorStatus,
-    kCollectorDetail,
-    kDbSize,
-    kDespoolRate,
-    kReloadResult,
-    kHelp,
-};
-
-const option kLongOptions[] = {
-    {"socket", required_argument, nullptr, kSocket},
-    {"ready-file", required_argument, nullptr, kReadyFile},
-    {"log", required_argument, nullptr, kLog},
-    {"exit-on-stop", no_argument, nullptr, kExitOnStop},
-    {"linger", required_argument, nullptr, kLinger},
-    {"handshake", required_argument, nullptr, kHandshake},
-    {"auth", no_argument, nullptr, kAuth},
-    {"auth-answer", required_argument, nullptr, kAuthAnswer},
-    {"proof-dir", required_argument, nullptr, kProofDir},
-    {"proof-size", required_argument, nullptr, kProofSize},
-    {"proof-file1", required_argument, nullptr, kProofFile1},
-    {"proof-file2", required_argument, nullptr, kProofFile2},
-    {"fault", required_argument, nullptr, kFault},
-    {"fault-frame", required_argument, nullptr, kFaultFrame},
-    {"fault-conn", required_argument, nullptr, kFaultConn},
-    {"piece", required_argument, nullptr, kPiece},
-    {"piece-delay", required_argument, nullptr, kPieceDelay},
-    {"reply-fields", required_argument, nullptr, kReplyFields},
-    {"online", required_argument, nullptr, kOnline},
-    {"collector-status", required_argument, nullptr, kCollectorStatus},
-    {"collector-detail", required_argument, nullptr, kCollectorDetail},
-    {"db-size", required_argument, nullptr, kDbSize},
-    {"despool-rate", required_argument, nullptr, kDespoolRate},
-    {"reload-result", required_argument, nullptr, kReloadResult},
-    {"help", no_argument, nullptr, kHelp},
-    {nullptr, 0, nullptr, 0},
-};
 
 // "ID=HEX": a request id and the raw reply fields that replace its usual ones.
 bool parseReplyFields(const char* arg, Options& o) {
@@ -260,104 +152,202 @@ bool parseReplyFields(const char* arg, Options& o) {
     return true;
 }
 
-// Applies one option; false when its argument is unusable.
-bool apply(int opt, const char* arg, Options& o) {
-    int named = 0;
-    switch (opt) {
-        case kSocket:
-            o.socket = arg;
-            return arg[0] == '/';
-        case kReadyFile:
-            o.readyFile = arg;
-            return true;
-        case kLog:
-            o.logFile = arg;
-            return true;
-        case kExitOnStop:
-            o.exitOnStop = true;
-            return true;
-        case kLinger:
-            o.exitOnStop = true;
-            return parseNumber(arg, o.lingerMs) && o.lingerMs <= 86400000;
-        case kHandshake:
-            return parseNumber(arg, o.handshake);
-        case kAuth:
-            o.auth = true;
-            return true;
-        case kAuthAnswer:
-            if (!lookup(kAuthAnswers, arg, named)) {
-                return false;
-            }
-            o.authAnswer = static_cast<AuthAnswer>(named);
-            return true;
-        case kProofDir:
-            o.proofDir = arg;
-            return true;
-        case kProofSize:
-            return parseNumber(arg, o.proofSize) && o.proofSize > 0 && o.proofSize <= (1u << 20);
-        case kProofFile1:
-            o.proofPath1 = arg;
-            return true;
-        case kProofFile2:
-            o.proofPath2 = arg;
-            return true;
-        case kFault:
-            if (!lookup(kFaults, arg, named)) {
-                return false;
-            }
-            o.fault = static_cast<Fault>(named);
-            return true;
-        case kFaultFrame:
-            return parseNumber(arg, o.faultFrame) && o.faultFrame > 0;
-        case kFaultConn:
-            return parseNumber(arg, o.faultConn);
-        case kPiece:
-            return parseNumber(arg, o.piece);
-        case kPieceDelay:
-            return parseNumber(arg, o.pieceDelayMs);
-        case kReplyFields:
-            return parseReplyFields(arg, o);
-        case kOnline:
-            return parseYesNo(arg, o.answers.online);
-        case kCollectorStatus:
-            o.answers.collectorStatus = arg;
-            return true;
-        case kCollectorDetail:
-            return parseDetail(arg, o.answers);
-        case kDbSize:
-            o.answers.dbSize = arg;
-            return true;
-        case kDespoolRate:
-            o.answers.despoolRate = arg;
-            return true;
-        case kReloadResult:
-            return parseSigned(arg, o.answers.reloadResult);
-        default:
-            return false;
+// What the options that only store their argument, or only set a flag, do.
+template <std::string Options::*Field>
+bool setText(const char* arg, Options& o) {
+    o.*Field = arg;
+    return true;
+}
+template <std::string Answers::*Field>
+bool setAnswer(const char* arg, Options& o) {
+    o.answers.*Field = arg;
+    return true;
+}
+template <uint32_t Options::*Field>
+bool setNumber(const char* arg, Options& o) {
+    return parseNumber(arg, o.*Field);
+}
+template <bool Options::*Field>
+bool setFlag(const char* /*arg*/, Options& o) {
+    o.*Field = true;
+    return true;
+}
+
+// Where the help texts start in the usage.
+const size_t kHelpColumn = 23;
+
+// getopt's value for the option in row i of the table, above every character.
+const int kFirstValue = 256;
+
+// The help of --fault: its kinds from their table, each kind's help in a column of its own.
+std::string faultHelp() {
+    const size_t kindWidth = 18;
+    std::string text = "misbehave at one frame (see --fault-frame, --fault-conn):\n";
+    for (const Named<Fault>& f : kFaults) {
+        std::string line = std::string("  ") + f.name;
+        line.resize(kindWidth, ' ');
+        text += line + indented(f.help, kindWidth) + "\n";
     }
+    return text + "After a malformed reply the connection stays open.";
+}
+
+// One option: its name, the name of its argument in the usage text (null: none), its help
+// (lines after the first are indented to the help column) and what it does to the options
+// (false: its argument is unusable; null: print the usage).
+struct Option {
+    const char* name;
+    const char* arg;
+    std::string help;
+    bool (*apply)(const char* arg, Options& o);
+};
+
+// The one list of options: the parser and the usage text are made from it.
+const std::vector<Option>& optionTable() {
+    static const std::vector<Option> kOptions = {
+        {"socket", "PATH",
+         "listen on PATH (default /var/zantorkv/audit); a stale socket\n"
+         "there is replaced, any other file is an error",
+         [](const char* a, Options& o) {
+             o.socket = a;
+             return a[0] == '/';
+         }},
+        {"ready-file", "PATH",
+         "create PATH once listening; standard output also gets the\n"
+         "line \"kvdsim: listening on SOCKET\" at that moment",
+         setText<&Options::readyFile>},
+        {"log", "PATH",
+         "append one line per handshake and frame received, written\n"
+         "before any answer: \"<conn> hello <hex>\" and\n"
+         "\"<conn> frame <hex>\" (connections count from 1; the bytes in\n"
+         "lower-case hex without separators)",
+         setText<&Options::logFile>},
+        {"exit-on-stop", nullptr,
+         "answer KVStop (20), remove the socket and exit, so that later\n"
+         "connects are refused; without it the daemon keeps running and\n"
+         "answers every request (pings included)",
+         setFlag<&Options::exitOnStop>},
+        {"linger", "MS",
+         "with KVStop answered, close the socket and every connection\n"
+         "but exit only MS milliseconds later (at most 86400000);\n"
+         "implies --exit-on-stop",
+         [](const char* a, Options& o) {
+             o.exitOnStop = true;
+             return parseNumber(a, o.lingerMs) && o.lingerMs <= 86400000;
+         }},
+        {"handshake", "VALUE",
+         "answer the client's hello with VALUE (default 1, which\n"
+         "accepts); any other value refuses and closes",
+         setNumber<&Options::handshake>},
+        {"auth", nullptr,
+         "demand process authentication before the first request of\n"
+         "each connection: challenge (id 1), check the client's uid and\n"
+         "gid against its socket credentials, answer with the paths of\n"
+         "two new proof files of random content, check the contents the\n"
+         "client sends back (id 2), then reply to the first request.\n"
+         "A wrong identity or wrong contents close the connection",
+         setFlag<&Options::auth>},
+        {"auth-answer", "KIND",
+         "answer the client's identity with: two-paths (default),\n"
+         "one-path (the first path only), nested (another challenge)",
+         [](const char* a, Options& o) { return lookup(kAuthAnswers, a, o.authAnswer); }},
+        {"proof-dir", "DIR",
+         "create the proof files in DIR (default: the socket's\n"
+         "directory); they are removed when the dialogue ends",
+         setText<&Options::proofDir>},
+        {"proof-size", "N", "bytes of random content per proof file (default 32)",
+         [](const char* a, Options& o) {
+             return parseNumber(a, o.proofSize) && o.proofSize > 0 && o.proofSize <= (1u << 20);
+         }},
+        {"proof-file1", "PATH", "name PATH as the first proof file instead of creating one",
+         setText<&Options::proofPath1>},
+        {"proof-file2", "PATH",
+         "the same for the second (the contents expected are read\n"
+         "from the file when the paths are sent)",
+         setText<&Options::proofPath2>},
+        {"fault", "KIND", faultHelp(),
+         [](const char* a, Options& o) { return lookup(kFaults, a, o.fault); }},
+        {"fault-frame", "N",
+         "the frame (counting from 1 on each connection, the frames of\n"
+         "the authentication dialogue included) that the fault hits\n"
+         "(default 1); hello faults hit the hello",
+         [](const char* a, Options& o) {
+             return parseNumber(a, o.faultFrame) && o.faultFrame > 0;
+         }},
+        {"fault-conn", "N",
+         "only the Nth connection accepted suffers the fault (default\n"
+         "0: every connection)",
+         setNumber<&Options::faultConn>},
+        {"piece", "N", "send every answer in pieces of N bytes (default: whole)",
+         setNumber<&Options::piece>},
+        {"piece-delay", "MS", "pause between pieces (default 5)",
+         setNumber<&Options::pieceDelayMs>},
+        {"reply-fields", "ID=HEX",
+         "answer request ID with exactly these fields instead of its\n"
+         "usual ones: the tagged field bytes in hex, without the end\n"
+         "tag (empty: no fields); repeatable, one per id",
+         parseReplyFields},
+        {"online", "yes|no", "answer to is-daemon-online (80; default yes)",
+         [](const char* a, Options& o) { return parseYesNo(a, o.answers.online); }},
+        {"collector-status", "TEXT", "answer to the collector status (90; default running)",
+         setAnswer<&Answers::collectorStatus>},
+        {"collector-detail", "N,TEXT,TEXT,yes|no,TEXT,TEXT",
+         "the six values of the detailed collector status (91; default\n"
+         "1,running,kvdsim,yes,local,); the texts hold no commas",
+         [](const char* a, Options& o) { return parseDetail(a, o.answers.detail); }},
+        {"db-size", "TEXT", "answer to the database size (100; default 1048576)",
+         setAnswer<&Answers::dbSize>},
+        {"despool-rate", "TEXT", "answer to the despool rate (110; default 0)",
+         setAnswer<&Answers::despoolRate>},
+        {"reload-result", "N", "answer to reload-properties (120; default 0)",
+         [](const char* a, Options& o) { return parseSigned(a, o.answers.reloadResult); }},
+        {"help", nullptr, "print this text and exit", nullptr},
+    };
+    return kOptions;
+}
+
+const std::string& usage() {
+    static const std::string kUsage = [] {
+        std::string text = kAbout;
+        for (const Option& o : optionTable()) {
+            std::string form = std::string("  --") + o.name;
+            if (o.arg != nullptr) {
+                form += std::string(" ") + o.arg;
+            }
+            form += form.size() + 2 <= kHelpColumn ? std::string(kHelpColumn - form.size(), ' ')
+                                                   : "\n" + std::string(kHelpColumn, ' ');
+            text += form + indented(o.help, kHelpColumn) + "\n";
+        }
+        return text;
+    }();
+    return kUsage;
 }
 
 }  // namespace
 
-const char* usage() {
-    return kUsage;
-}
-
 int parseOptions(int argc, char** argv, Options& options) {
+    const std::vector<Option>& table = optionTable();
+    std::vector<option> longOptions;
+    for (size_t i = 0; i < table.size(); ++i) {
+        longOptions.push_back({table[i].name,
+                               table[i].arg != nullptr ? required_argument : no_argument, nullptr,
+                               kFirstValue + static_cast<int>(i)});
+    }
+    longOptions.push_back({nullptr, 0, nullptr, 0});
     opterr = 0;
     int opt = 0;
-    while ((opt = getopt_long(argc, argv, "", kLongOptions, nullptr)) != -1) {
-        if (opt == kHelp) {
-            fputs(kUsage, stdout);
-            return 1;
-        }
-        if (opt == '?' || opt == ':') {
+    while ((opt = getopt_long(argc, argv, "", longOptions.data(), nullptr)) != -1) {
+        if (opt < kFirstValue) {
             fprintf(stderr, "kvdsim: unknown option or missing argument: %s\n", argv[optind - 1]);
             fputs("Try 'kvdsim --help'.\n", stderr);
             return 2;
         }
-        if (!apply(opt, optarg, options)) {
-            fprintf(stderr, "kvdsim: bad value for --%s: '%s'\n", kLongOptions[opt - kSocket].name,
+        const Option& o = table[static_cast<size_t>(opt - kFirstValue)];
+        if (o.apply == nullptr) {
+            fputs(usage().c_str(), stdout);
+            return 1;
+        }
+        if (!o.apply(optarg, options)) {
+            fprintf(stderr, "kvdsim: bad value for --%s: '%s'\n", o.name,
                     optarg != nullptr ? optarg : "");
             return 2;
         }

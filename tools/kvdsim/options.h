@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "zkvfw/collector.h"
+
 namespace kvdsim {
 
 // One deliberate misbehaviour, applied at a chosen frame of chosen connections.
@@ -38,13 +40,7 @@ enum class AuthAnswer {
 struct Answers {
     bool online = true;
     std::string collectorStatus = "running";
-    // The detailed collector status: int32, string, string, bool, string, string.
-    int32_t detailCode = 1;
-    std::string detailState = "running";
-    std::string detailName = "kvdsim";
-    bool detailFlag = true;
-    std::string detailSource = "local";
-    std::string detailNote;
+    CollectorDetail detail = {1, "running", "kvdsim", true, "local", ""};
     std::string dbSize = "1048576";
     std::string despoolRate = "0";
     int32_t reloadResult = 0;
@@ -72,9 +68,6 @@ struct Options {
     std::map<uint32_t, std::vector<uint8_t>> replyFields;
     Answers answers;
 };
-
-// The usage text of --help.
-const char* usage();
 
 // Parses the command line. Returns 0 to run, 1 after --help (printed), 2 on a usage
 // error (message printed to standard error).

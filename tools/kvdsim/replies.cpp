@@ -21,12 +21,12 @@ bool putQueryFields(lrpc2_msg* msg, uint32_t id, const Answers& a) {
         case LRPC2_ID_KV_QUERY_COLLECTOR_STATUS:
             return lrpc2_put_string(msg, a.collectorStatus.c_str()) == 0;
         case LRPC2_ID_KV_QUERY_COLLECTOR_STATUS2:
-            return lrpc2_put_int32(msg, a.detailCode) == 0 &&
-                   lrpc2_put_string(msg, a.detailState.c_str()) == 0 &&
-                   lrpc2_put_string(msg, a.detailName.c_str()) == 0 &&
-                   lrpc2_put_bool(msg, a.detailFlag ? 1 : 0) == 0 &&
-                   lrpc2_put_string(msg, a.detailSource.c_str()) == 0 &&
-                   lrpc2_put_string(msg, a.detailNote.c_str()) == 0;
+            return lrpc2_put_int32(msg, a.detail.code) == 0 &&
+                   lrpc2_put_string(msg, a.detail.state.c_str()) == 0 &&
+                   lrpc2_put_string(msg, a.detail.name.c_str()) == 0 &&
+                   lrpc2_put_bool(msg, a.detail.flag ? 1 : 0) == 0 &&
+                   lrpc2_put_string(msg, a.detail.source.c_str()) == 0 &&
+                   lrpc2_put_string(msg, a.detail.note.c_str()) == 0;
         case LRPC2_ID_KV_QUERY_DB_SIZE:
             return lrpc2_put_string(msg, a.dbSize.c_str()) == 0;
         case LRPC2_ID_KV_QUERY_DESPOOL_RATE:

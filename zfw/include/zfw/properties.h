@@ -130,6 +130,8 @@ class Properties {
     static int removeLockFile(const std::string& lockPath, int fd);
 
   private:
+    // A letter, a digit or '_': what a variable's name is made of.
+    static bool isWordChar(char c);
     // The file content read from in, rewritten to hold the store (see save).
     std::string rewrittenContent(std::istream& in);
     void resolveJoinParams();

@@ -24,6 +24,7 @@
 
 #include "lrpc2/conn.h"
 #include "lrpc2/table.h"
+#include "zkvfw/collector.h"
 #include "zkvfw/msgwrap.h"
 
 class Lrpc2Client {
@@ -48,7 +49,8 @@ class Lrpc2Client {
     pid_t peerPid() const;
 
     // Connects with `timeout` seconds (0: the default). True when connected. Call it only
-    // while not connected: an existing connection is overwritten, not closed.
+    // while not connected: an existing connection is deliberately overwritten, not closed
+    // (its descriptor stays open until the process ends).
     bool connect(int32_t timeout = 0);
     // Closes the connection, if any.
     void disconnect();
@@ -60,17 +62,26 @@ class Lrpc2Client {
 
     bool isDaemonOnline();
     std::string queryCollectorStatus();
-    void queryCollectorStatus2(int32_t& value1, std::string& value2, std::string& value3,
-                               bool& value4, std::string& value5, std::string& value6);
+    // The six fields of the detailed collector status, in the daemon's order (see
+    // CollectorDetail).
+    void queryCollectorStatus2(int32_t& code, std::string& state, std::string& name, bool& flag,
+                               std::string& source, std::string& note);
     std::string queryDBSize();
     std::string queryDespoolRate();
-    // False when the exchange failed (zfw::IOException).
-    bool ping(int32_t timeout = 0);
+    // False when the exchange failed (zfw::IOException); `failure`, when given, then
+    // receives the exception's text.
+    bool ping(int32_t timeout = 0, std::string* failure = nullptr);
     void stopDaemon();
-    // The daemon's result, or 501 when the exchange failed.
-    int32_t reloadProperties();
+    // The daemon's result, or 501 when the exchange failed (`failure`, when given, then
+    // receives the exception's text). A daemon that answers 501 is deliberately not told
+    // apart from a failed exchange without `failure`.
+    int32_t reloadProperties(std::string* failure = nullptr);
 
   private:
+    // Exchanges an empty request of message `id`; `reply` receives the answer, its fields
+    // left to read. Throws as send does.
+    void ask(uint32_t id, Lrpc2Message& reply, int32_t timeout = 0);
+
     const lrpc2_msg_table* m_messageTable;
     lrpc2_conn* m_connection;
     int32_t m_timeout;
