@@ -34,8 +34,8 @@ struct CtlCase {
     // Exact texts, with {socket} for the case's socket and {pid} for the daemon's pid; `out`
     // is a regular expression when it starts with ^.
     std::string out;
-    std::string err;
-    How how;
+    std::string err = "";
+    How how = kPlain;
 };
 
 std::vector<std::string> words(const char* text) {
