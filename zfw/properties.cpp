@@ -104,11 +104,11 @@ QuoteState scanned(const std::string& s) {
     return state;
 }
 
-boost::shared_ptr<Logger> propertiesLogger() {
+}  // namespace
+
+boost::shared_ptr<Logger> Properties::storeLogger() {
     return Logger::get("util.properties");
 }
-
-}  // namespace
 
 Properties::Properties(bool expand, bool dumpAtDebug)
     : m_loaded(false), m_expand(expand), m_dumpAtDebug(dumpAtDebug) {}
@@ -155,7 +155,7 @@ void Properties::load(const std::string& path, bool expand) {
     }
     if (!loaded()) {
         noteOpenlogChoiceIfProcessWide();
-        boost::shared_ptr<Logger> logger = propertiesLogger();
+        boost::shared_ptr<Logger> logger = storeLogger();
         logger->log(Logger::ERROR, "Unable to open config file: %s", path.c_str());
     }
 }
@@ -181,7 +181,7 @@ void Properties::parse(std::istream& in, bool expand) {
     m_raw.clear();
     m_listCache.clear();
     if (in.fail()) {
-        boost::shared_ptr<Logger> logger = propertiesLogger();
+        boost::shared_ptr<Logger> logger = storeLogger();
         logger->log(Logger::ERROR, "Unable to open config file");
         return;
     }
@@ -242,7 +242,7 @@ void Properties::resolveJoinParams() {
 }
 
 void Properties::logEntries() const {
-    boost::shared_ptr<Logger> logger = propertiesLogger();
+    boost::shared_ptr<Logger> logger = storeLogger();
     if (!logger->isEnabled(Logger::DEBUG)) {
         return;
     }
@@ -321,7 +321,7 @@ boost::shared_ptr<StringList> Properties::getList(const std::string& key, const 
         list = boost::make_shared<StringList>();
         fromStored = !anyCandidate;
     }
-    boost::shared_ptr<Logger> logger = propertiesLogger();
+    boost::shared_ptr<Logger> logger = storeLogger();
     // Deliberately tested at TRACE and written at DEBUG: the list shows only when the
     // store's logger is at its most verbose, and then as a DEBUG record.
     if (logger->isEnabled(Logger::TRACE)) {
@@ -341,7 +341,7 @@ boost::shared_ptr<StringList> Properties::getList(const std::string& key, const 
 bool Properties::readListFile(const std::string& fileName, StringList& out) const {
     std::string content;
     if (!readRegularFile(fileName, content)) {
-        boost::shared_ptr<Logger> logger = propertiesLogger();
+        boost::shared_ptr<Logger> logger = storeLogger();
         logger->log(Logger::ERROR, "Unable to open config file: %s", fileName.c_str());
         return false;
     }

@@ -24,10 +24,6 @@ const long kLockWaitNanos = 10L * 1000 * 1000;
 // A lock file last touched longer ago than this was left by a saver that died.
 const time_t kStaleLockSeconds = 60;
 
-boost::shared_ptr<Logger> propertiesLogger() {
-    return Logger::get("util.properties");
-}
-
 // The letter that stands for a control character in file syntax, or '\0'.
 char letterFor(char c) {
     switch (c) {
@@ -376,7 +372,7 @@ std::string Properties::rewrittenContent(std::istream& in) {
 
 int Properties::save(const std::string& path) {
     MutexLock lock(m_mutex);
-    const boost::shared_ptr<Logger> logger = propertiesLogger();
+    const boost::shared_ptr<Logger> logger = storeLogger();
     const std::string lockPath = path + ".lock";
     const std::string newPath = path + ".new";
     logger->log(Logger::DEBUG, "Create lock file %s", lockPath.c_str());

@@ -11,22 +11,23 @@
 
 namespace kvdsim {
 
-// One deliberate misbehaviour, applied at a chosen frame of chosen connections.
+// One deliberate misbehaviour, applied at a chosen frame of chosen connections (what each
+// does: kFaults in options.cpp, which is also --help's list).
 enum class Fault {
     None,
-    CloseHello,     // read the hello, close without answering
-    SilentHello,    // read the hello, never answer
-    CloseRequest,   // read the frame, close without replying
-    SilentRequest,  // read the frame, never reply
-    CloseHeader,    // send the reply's 8 header bytes, then close
-    CloseBody,      // send all of the reply but its last byte, then close
-    SilentBody,     // send all of the reply but its last byte, then stay silent
-    BadMagic,       // reply with the magic 0xDEADBEEF
-    SwappedMagic,   // reply with the magic's bytes in the other order
-    BadTag,         // reply holding a field tag 9
-    TrailingByte,   // reply with a byte after its end tag, counted in its length
-    ShortLength,    // reply header with the length 7, nothing after it
-    HugeLength,     // reply header with a length just above the client's bound
+    CloseHello,
+    SilentHello,
+    CloseRequest,
+    SilentRequest,
+    CloseHeader,
+    CloseBody,
+    SilentBody,
+    BadMagic,
+    SwappedMagic,
+    BadTag,
+    TrailingByte,
+    ShortLength,
+    HugeLength,
 };
 
 // How the daemon answers the client's identity during process authentication.

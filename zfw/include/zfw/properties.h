@@ -22,6 +22,8 @@
 
 namespace zfw {
 
+class Logger;
+
 class Properties {
   public:
     typedef std::map<std::string, std::string> Map;
@@ -130,6 +132,8 @@ class Properties {
     static int removeLockFile(const std::string& lockPath, int fd);
 
   private:
+    // The store's own logger, "util.properties".
+    static boost::shared_ptr<Logger> storeLogger();
     // A letter, a digit or '_': what a variable's name is made of.
     static bool isWordChar(char c);
     // The file content read from in, rewritten to hold the store (see save).
