@@ -80,22 +80,9 @@ inline void lrpc2_msg_set_secure(lrpc2_msg* msg) {
     msg->flags |= LRPC2_MSGF_SECURE;
 }
 
-/* Appends n bytes (none for null data) to a message under construction. When the room is
- * there, the bytes go straight in; otherwise one reservation makes it, and a secure message's
- * buffer then grows with its old block wiped. */
-inline bool lrpc2_msg_append(lrpc2_msg* msg, uint32_t n, const void* data) {
-    if (data == nullptr) {
-        return true;
-    }
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
-    if ((buf->start == nullptr || buf->end - buf->pos <= static_cast<ptrdiff_t>(n)) &&
-        !bytebuf_reserve_wipe(buf, n, lrpc2_msg_secure(msg))) {
-        return false;
-    }
-    memcpy(buf->pos, data, n);
-    buf->pos += n;
-    return true;
-}
+/* Appends n bytes (none for null data) to a message under construction; a secure message's
+ * buffer grows with its old block wiped. */
+bool lrpc2_msg_append(lrpc2_msg* msg, uint32_t n, const void* data);
 
 inline bool lrpc2_msg_append_byte(lrpc2_msg* msg, uint8_t byte) {
     return lrpc2_msg_append(msg, 1, &byte);
