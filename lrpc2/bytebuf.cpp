@@ -13,6 +13,9 @@ int reserve(lrpc2_bytebuf* b, uint32_t n, bool wipe) {
     if (b == nullptr) {
         return 0;
     }
+    if (lrpc2_mem_room(b, n)) {
+        return 1;
+    }
     // Sizes are computed in 64 bits: the allocation must stay addressable by a 32-bit capacity.
     const uint64_t twice = 2 * static_cast<uint64_t>(n);
     if (b->start == nullptr) {
@@ -28,9 +31,6 @@ int reserve(lrpc2_bytebuf* b, uint32_t n, bool wipe) {
         b->pos = block;
         b->end = block + size;
         b->capacity = static_cast<uint32_t>(size);
-        return 1;
-    }
-    if (static_cast<int64_t>(b->end - b->pos) > static_cast<int64_t>(n)) {
         return 1;
     }
     const uint64_t size = b->capacity + twice;

@@ -8,6 +8,7 @@
 
 #include "lrpc2/bytebuf.h"
 #include "lrpc2/msg.h"
+#include "msgmem.h"
 
 #define LRPC2_MSGF_SECURE 0x1u
 
@@ -82,7 +83,18 @@ inline void lrpc2_msg_set_secure(lrpc2_msg* msg) {
 
 /* Appends n bytes (none for null data) to a message under construction; a secure message's
  * buffer grows with its old block wiped. */
-bool lrpc2_msg_append(lrpc2_msg* msg, uint32_t n, const void* data);
+inline bool lrpc2_msg_append(lrpc2_msg* msg, uint32_t n, const void* data) {
+    lrpc2_bytebuf* buf = &msg->u.build.buf;
+    if (data == nullptr) {
+        return true;
+    }
+    if (!lrpc2_mem_room(buf, n) && !bytebuf_reserve_wipe(buf, n, lrpc2_msg_secure(msg))) {
+        return false;
+    }
+    memcpy(buf->pos, data, n);
+    buf->pos += n;
+    return true;
+}
 
 inline bool lrpc2_msg_append_byte(lrpc2_msg* msg, uint8_t byte) {
     return lrpc2_msg_append(msg, 1, &byte);

@@ -98,19 +98,6 @@ void lrpc2_msg_close_set(lrpc2_msg* msg) {
     msg->u.build.open_set = 0;
 }
 
-bool lrpc2_msg_append(lrpc2_msg* msg, uint32_t n, const void* data) {
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
-    if (data == nullptr) {
-        return true;
-    }
-    if (!bytebuf_reserve_wipe(buf, n, lrpc2_msg_secure(msg))) {
-        return false;
-    }
-    memcpy(buf->pos, data, n);
-    buf->pos += n;
-    return true;
-}
-
 int32_t lrpc2_msg_fail(lrpc2_msg* msg, int32_t status) {
     msg->state = LRPC2_STATE_FAILED;
     return status;

@@ -110,23 +110,28 @@ uint8_t* lrpc2_mem_resize(uint8_t* block, size_t used, size_t size, bool secure)
     if (moved == nullptr && !secure) {
         return static_cast<uint8_t*>(realloc(block, size));
     }
-    // realloc would free a moved secure block unwiped.
-    if (moved == nullptr && (moved = static_cast<uint8_t*>(malloc(size))) == nullptr) {
-        return nullptr;
+    if (moved == nullptr) {
+        // realloc would free a moved secure block unwiped.
+        moved = static_cast<uint8_t*>(malloc(size));
+        if (moved == nullptr) {
+            return nullptr;
+        }
     }
     memcpy(moved, block, used);
     lrpc2_mem_free(block, used, secure);
     return moved;
 }
 
-void lrpc2_mem_free(void* block, size_t used, bool secure) {
+void lrpc2_mem_free(void* block, size_t size, bool secure) {
     if (block == nullptr) {
         return;
     }
     if (secure) {
-        explicit_bzero(block, used);
+        explicit_bzero(block, size);
         free(block);
-    } else {
+    } else if (size >= kSmallest) {
         keep(block);
+    } else {
+        free(block);
     }
 }
