@@ -2,14 +2,14 @@
  * wiped here. Figures: one thread, release build, CPU time per message against one malloc +
  * memcpy + free of the same size, on a sweep of one blob field from 16 B to 16 MiB.
  *
- * - Blocks of 64 KiB and more are kept per thread for the next message. Without keeping (plain
- *   malloc, realloc and free) the C library decides by its history: it maps such blocks on their
- *   own and raises its mapping threshold only when a mapped block is freed, so the cost depends
- *   on the sizes that came before. Sizes in ascending order cost 18x one copy to encode at
- *   76 KiB and 21x to decode at 512 KiB; a 1 MiB message costs one mmap, mremap and munmap and
- *   about 257 page faults (391 us against 106 us kept), a 256 KiB decode three brk calls (grow,
- *   trim) and 96 page faults (134 us against 13 us). Kept, no size needs a system call in
- *   ascending, descending or shuffled order.
+ * - Blocks known to hold 64 KiB or more (the size that their owner gives back with them) are
+ *   kept per thread for the next message. Without keeping (plain malloc, realloc and free) the
+ *   C library decides by its history: it maps such blocks on their own and raises its mapping
+ *   threshold only when a mapped block is freed, so the cost depends on the sizes before. Sizes in
+ * ascending order cost 18x one copy to encode at 76 KiB and 21x to decode at 512 KiB; a 1 MiB
+ * message costs one mmap, mremap and munmap and about 257 page faults (391 us against 106 us kept),
+ * a 256 KiB decode three brk calls (grow, trim) and 96 page faults (134 us against 13 us). Kept, no
+ * size needs a system call in ascending, descending or shuffled order.
  * - Smaller blocks go straight back: the C library reuses them itself without a system call in
  *   any order. Keeping them too (tried from 4 KiB) made encoding slower, 5.5x against 1.7x at
  *   23 KiB: the buffer and the image then stay apart and no longer share the cache.
