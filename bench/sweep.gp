@@ -1,7 +1,7 @@
 # Draws the message sweep (message_bench --sweep) as cost in copies against size, encoding and
 # decoding side by side. Usage: gnuplot -e "dir='DIR'; out='FILE.svg'" bench/sweep.gp, with
 # DIR holding shuffled.sweep, ascending.sweep and descending.sweep.
-set terminal svg size 1100,480 dynamic font "sans,11"
+set terminal svg size 1100,560 dynamic font "sans,11"
 set output out
 set multiplot layout 1,2
 set logscale x 2
@@ -12,7 +12,7 @@ set yrange [0.5:32]
 set xlabel "blob size (bytes)"
 set ylabel "CPU time / one malloc+memcpy+free of the blob"
 set grid
-set key top right
+set key below
 # Columns: size, copy, then median, lowest and highest of each contender.
 do for [way in "encode decode"] {
     c = (way eq "encode") ? 3 : 9
