@@ -24,6 +24,9 @@ kvstop_reps=$((reps > 21 ? reps : 21))
 dir=$("$top/scripts/build.sh" release)
 out=$(mktemp -d /tmp/kvbench-results.XXXXXX)
 started=$(date -u '+%Y-%m-%d %H:%M UTC')
+# The tree as measured, before this run rewrites the plot.
+commit=$(git -C "$top" rev-parse --short HEAD 2>/dev/null || echo unknown)
+dirty=$(git -C "$top" status --porcelain 2>/dev/null | grep -qv '^??' && echo " (with uncommitted changes)" || true)
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 
 benches=("$dir"/bench/*_bench)
@@ -57,8 +60,6 @@ mem=$(awk '/MemTotal/ { printf "%.0f GiB", $2 / 1048576 }' /proc/meminfo)
 os=$(. /etc/os-release && echo "$PRETTY_NAME")
 cxx=$(sed -n 's/^CMAKE_CXX_COMPILER:[^=]*=//p' "$dir/CMakeCache.txt")
 cxx_version=$("$cxx" --version | head -1)
-commit=$(git -C "$top" rev-parse --short HEAD 2>/dev/null || echo unknown)
-dirty=$(git -C "$top" status --porcelain 2>/dev/null | grep -qv '^??' && echo " (with uncommitted changes)" || true)
 {
   echo "# Performance"
   echo
