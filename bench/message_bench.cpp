@@ -1,16 +1,22 @@
 // A typical message (a dozen fields of every type, about 200 bytes) built, completed,
 // parsed and read back with lrpc2, against the same fields encoded and decoded with
 // Protocol Buffers used at its best, and against memcpy of the image's bytes as the limit;
-// then one blob field from 16 bytes to 16 MiB both ways.
+// and, with --sweep, one blob field from 16 bytes to 16 MiB both ways (below).
 // lrpc2: each iteration is what a caller does for one message, a fresh message built or
 // parsed, every field put or got (the getters hand out copies, which the caller frees).
 // Protocol Buffers: one message reused (Clear(), so its strings keep their storage),
 // serialised into a preallocated array, parsed into the reused message and read in place.
 #include <benchmark/benchmark.h>
 
+#include <time.h>
+
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -227,13 +233,6 @@ void BM_DecodeProtobuf(benchmark::State& state) {
 }
 BENCHMARK(BM_DecodeProtobuf);
 
-// One blob field of state.range(0) bytes.
-void sizes(benchmark::internal::Benchmark* b) {
-    for (const int64_t n : {16L, 256L, 4096L, 65536L, 1L << 20, 16L << 20}) {
-        b->Arg(n);
-    }
-}
-
 lrpc2_msg* buildBlob(const std::vector<uint8_t>& data) {
     int32_t status = 0;
     lrpc2_msg* msg = lrpc2_msg_create(LRPC2_ID_KV_QUERY_COLLECTOR_STATUS2, 1, lrpc2_default_table(),
@@ -246,97 +245,207 @@ lrpc2_msg* buildBlob(const std::vector<uint8_t>& data) {
     return msg;
 }
 
-void BM_EncodeBlobLrpc2(benchmark::State& state) {
-    const std::vector<uint8_t> data(static_cast<size_t>(state.range(0)), 0x5a);
-    for (auto _ : state) {
-        lrpc2_msg* msg = buildBlob(data);
-        uint32_t length = 0;
-        const uint8_t* bytes = lrpc2_msg_bytes(msg, &length, nullptr);
-        if (bytes == nullptr) {
-            state.SkipWithError("encode failed");
-            break;
-        }
-        benchmark::DoNotOptimize(bytes);
-        lrpc2_msg_free(msg);
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
-}
-BENCHMARK(BM_EncodeBlobLrpc2)->Apply(sizes);
-
-void BM_EncodeBlobProtobuf(benchmark::State& state) {
-    const std::vector<uint8_t> data(static_cast<size_t>(state.range(0)), 0x5a);
+// The sweep: one blob field from 16 B to 16 MiB at four sizes per octave, the sizes in a shuffled
+// (seeded), ascending or descending order. At each size, rounds alternate the five contenders:
+// one malloc + memcpy + free of the blob's bytes, lrpc2 and Protocol Buffers encoding and
+// decoding. A round runs a contender about a millisecond (at least once) and takes its thread
+// CPU time per message; each contender's time is divided by the copy's of the same round.
+// Printed per size: the copy's median time and, per contender, the median of the per-round
+// ratios with the lowest and highest.
+struct Blobs {
+    std::vector<uint8_t> data;
+    std::vector<uint8_t> image;  // lrpc2's
+    std::string wire;            // Protocol Buffers'
+    std::vector<uint8_t> received;
+    std::vector<uint8_t> out;
     kvbench::Blob m;
-    std::vector<uint8_t> out(data.size() + 16);
-    for (auto _ : state) {
-        m.Clear();
-        m.set_data(data.data(), data.size());
-        const size_t length = m.ByteSizeLong();
-        m.SerializeToArray(out.data(), static_cast<int>(length));
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
-}
-BENCHMARK(BM_EncodeBlobProtobuf)->Apply(sizes);
+};
 
-void BM_DecodeBlobLrpc2(benchmark::State& state) {
-    const std::vector<uint8_t> data(static_cast<size_t>(state.range(0)), 0x5a);
-    lrpc2_msg* built = buildBlob(data);
+volatile uint8_t gSink;
+
+bool copyOnce(Blobs& b) {
+    auto* block = static_cast<uint8_t*>(malloc(b.data.size()));
+    if (block == nullptr) {
+        return false;
+    }
+    memcpy(block, b.data.data(), b.data.size());
+    gSink = block[b.data.size() - 1];
+    free(block);
+    return true;
+}
+
+bool encodeLrpc2(Blobs& b) {
+    lrpc2_msg* msg = buildBlob(b.data);
     uint32_t length = 0;
-    uint8_t* bytes = lrpc2_msg_bytes(built, &length, nullptr);
-    for (auto _ : state) {
-        // Parsing copies the image into a block of its own, as a reply arrives in one.
-        lrpc2_msg* msg =
-            lrpc2_msg_parse(bytes, length, 1, lrpc2_default_table(), LRPC2_HEADER_LEN, nullptr);
-        uint8_t* blob = nullptr;
-        uint32_t blob_len = 0;
-        if (msg == nullptr || lrpc2_get_blob(msg, &blob, &blob_len) != 0 ||
-            blob_len != data.size()) {
-            state.SkipWithError("decode failed");
-            lrpc2_msg_free(msg);
-            break;
-        }
-        benchmark::DoNotOptimize(blob[blob_len - 1]);
-        lrpc2_free_block(blob, blob_len, 0);
-        lrpc2_msg_free(msg);
-    }
-    lrpc2_msg_free(built);
-    state.SetBytesProcessed(state.iterations() * state.range(0));
+    const uint8_t* bytes = lrpc2_msg_bytes(msg, &length, nullptr);
+    const bool ok = bytes != nullptr && length == b.image.size();
+    gSink = ok ? bytes[length - 1] : 0;
+    lrpc2_msg_free(msg);
+    return ok;
 }
-BENCHMARK(BM_DecodeBlobLrpc2)->Apply(sizes);
 
-void BM_DecodeBlobProtobuf(benchmark::State& state) {
-    kvbench::Blob source;
-    source.set_data(std::string(static_cast<size_t>(state.range(0)), 0x5a));
-    const std::string wire = source.SerializeAsString();
-    kvbench::Blob m;
-    std::vector<uint8_t> received(wire.size());
-    for (auto _ : state) {
-        // The image arrives in a buffer, reused from message to message.
-        memcpy(received.data(), wire.data(), wire.size());
-        if (!m.ParseFromArray(received.data(), static_cast<int>(received.size())) ||
-            m.data().size() != static_cast<size_t>(state.range(0))) {
-            state.SkipWithError("decode failed");
-            break;
-        }
-        benchmark::DoNotOptimize(m.data()[m.data().size() - 1]);
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
+// Parsing copies the image into a block of its own, as a reply arrives in one.
+bool decodeLrpc2(Blobs& b) {
+    lrpc2_msg* msg = lrpc2_msg_parse(b.image.data(), static_cast<uint32_t>(b.image.size()), 1,
+                                     lrpc2_default_table(), LRPC2_HEADER_LEN, nullptr);
+    uint8_t* blob = nullptr;
+    uint32_t length = 0;
+    const bool ok =
+        msg != nullptr && lrpc2_get_blob(msg, &blob, &length) == 0 && length == b.data.size();
+    gSink = ok ? blob[length - 1] : 0;
+    lrpc2_free_block(blob, length, 0);
+    lrpc2_msg_free(msg);
+    return ok;
 }
-BENCHMARK(BM_DecodeBlobProtobuf)->Apply(sizes);
 
-// The limit: the bytes copied once into a preallocated buffer.
-void BM_CopyBlob(benchmark::State& state) {
-    const std::vector<uint8_t> data(static_cast<size_t>(state.range(0)), 0x5a);
-    std::vector<uint8_t> copy(data.size());
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(data.data());
-        memcpy(copy.data(), data.data(), data.size());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
+// One message reused, serialised into a preallocated array.
+bool encodeProtobuf(Blobs& b) {
+    b.m.Clear();
+    b.m.set_data(b.data.data(), b.data.size());
+    const size_t length = b.m.ByteSizeLong();
+    const bool ok = length == b.wire.size() &&
+                    b.m.SerializeToArray(b.out.data(), static_cast<int>(b.out.size()));
+    gSink = b.out[length - 1];
+    return ok;
 }
-BENCHMARK(BM_CopyBlob)->Apply(sizes);
+
+// The image arrives in a reused buffer and is parsed into the reused message.
+bool decodeProtobuf(Blobs& b) {
+    memcpy(b.received.data(), b.wire.data(), b.wire.size());
+    const bool ok = b.m.ParseFromArray(b.received.data(), static_cast<int>(b.received.size())) &&
+                    b.m.data().size() == b.data.size();
+    gSink = static_cast<uint8_t>(b.m.data().back());
+    return ok;
+}
+
+using Contender = bool (*)(Blobs&);
+struct Entry {
+    const char* name;
+    Contender run;
+};
+const Entry kContenders[] = {{"copy", copyOnce},
+                             {"lrpc2-encode", encodeLrpc2},
+                             {"protobuf-encode", encodeProtobuf},
+                             {"lrpc2-decode", decodeLrpc2},
+                             {"protobuf-decode", decodeProtobuf}};
+constexpr size_t kContenderCount = sizeof kContenders / sizeof kContenders[0];
+
+int64_t threadCpuNs() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return int64_t{t.tv_sec} * 1000000000 + t.tv_nsec;
+}
+
+// CPU time per message of `count` messages; negative when one failed.
+double timed(const Entry& e, Blobs& b, int count) {
+    const int64_t start = threadCpuNs();
+    for (int i = 0; i < count; ++i) {
+        if (!e.run(b)) {
+            return -1;
+        }
+    }
+    return static_cast<double>(threadCpuNs() - start) / count;
+}
+
+Blobs blobsOf(size_t n) {
+    Blobs b;
+    b.data.assign(n, 0x5a);
+    for (size_t i = 0; i < n; i += 4096) {
+        b.data[i] = static_cast<uint8_t>(i >> 12);
+    }
+    lrpc2_msg* msg = buildBlob(b.data);
+    uint32_t length = 0;
+    const uint8_t* bytes = msg != nullptr ? lrpc2_msg_bytes(msg, &length, nullptr) : nullptr;
+    b.image.assign(bytes, bytes + (bytes != nullptr ? length : 0));
+    lrpc2_msg_free(msg);
+    b.m.set_data(b.data.data(), n);
+    b.wire = b.m.SerializeAsString();
+    b.received.resize(b.wire.size());
+    b.out.resize(b.wire.size());
+    return b;
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    const size_t h = v.size() / 2;
+    return v.size() % 2 != 0 ? v[h] : (v[h - 1] + v[h]) / 2;
+}
+
+int sweep(const std::string& order, uint64_t seed, int rounds) {
+    std::vector<size_t> sizes;
+    for (int quarter = 16; quarter <= 96; ++quarter) {
+        sizes.push_back(static_cast<size_t>(std::llround(std::exp2(quarter / 4.0))));
+    }
+    if (order == "shuffled") {
+        std::shuffle(sizes.begin(), sizes.end(), std::mt19937_64(seed));
+    } else if (order == "descending") {
+        std::reverse(sizes.begin(), sizes.end());
+    } else if (order != "ascending") {
+        fprintf(stderr, "message_bench: unknown order '%s'\n", order.c_str());
+        return 2;
+    }
+    printf("# order %s, seed %llu, %d rounds per size; times in ns of thread CPU per message\n",
+           order.c_str(), static_cast<unsigned long long>(seed), rounds);
+    printf("# size copy_ns");
+    for (size_t c = 1; c < kContenderCount; ++c) {
+        printf(" %s %s_min %s_max", kContenders[c].name, kContenders[c].name, kContenders[c].name);
+    }
+    printf("\n");
+    for (const size_t n : sizes) {
+        Blobs b = blobsOf(n);
+        // About a millisecond per round at a copy's pace of 10 GB/s, whatever the size.
+        const int count = static_cast<int>(std::max<size_t>(1, 10000000 / (n + 1000)));
+        std::vector<double> copy;
+        std::vector<std::vector<double>> ratios(kContenderCount);
+        for (int r = 0; r < rounds; ++r) {
+            double copy_ns = 0;
+            for (size_t c = 0; c < kContenderCount; ++c) {
+                const double ns = timed(kContenders[c], b, count);
+                if (ns < 0) {
+                    fprintf(stderr, "message_bench: %s failed at %zu bytes\n", kContenders[c].name,
+                            n);
+                    return 1;
+                }
+                copy_ns = c == 0 ? ns : copy_ns;
+                ratios[c].push_back(ns / copy_ns);
+            }
+            copy.push_back(copy_ns);
+        }
+        printf("%zu %.1f", n, median(copy));
+        for (size_t c = 1; c < kContenderCount; ++c) {
+            const auto& v = ratios[c];
+            printf(" %.3f %.3f %.3f", median(v), *std::min_element(v.begin(), v.end()),
+                   *std::max_element(v.begin(), v.end()));
+        }
+        printf("\n");
+        fflush(stdout);
+    }
+    return 0;
+}
 
 }  // namespace
 
-BENCHMARK_MAIN();
+// With --sweep=ORDER (shuffled, ascending or descending), [--seed=N] and [--rounds=N]: the
+// sweep alone, as a table on standard output; otherwise the typical message's benchmarks.
+int main(int argc, char** argv) {
+    std::string order;
+    uint64_t seed = std::random_device()();
+    int rounds = 15;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg.rfind("--sweep=", 0) == 0) {
+            order = arg.substr(8);
+        } else if (arg.rfind("--seed=", 0) == 0) {
+            seed = std::stoull(arg.substr(7));
+        } else if (arg.rfind("--rounds=", 0) == 0) {
+            rounds = std::stoi(arg.substr(9));
+        }
+    }
+    if (!order.empty()) {
+        return sweep(order, seed, rounds);
+    }
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

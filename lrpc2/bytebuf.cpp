@@ -1,66 +1,20 @@
 #include "lrpc2/bytebuf.h"
 
 #include <stddef.h>
-#include <stdlib.h>
 #include <string.h>
 
-#include "spare.h"
+#include "msgmem.h"
 
 namespace {
 
 constexpr uint32_t kDefaultCapacity = 512;
 
-// A new block of `size` bytes holding the written bytes; the old block is zeroed over them
-// and freed. realloc would free the old block untouched, secrets included.
-uint8_t* move_wiped(const lrpc2_bytebuf* b, uint64_t size) {
-    uint8_t* block = static_cast<uint8_t*>(malloc(size));
-    if (block == nullptr) {
-        return nullptr;
-    }
-    const uint32_t used = bytebuf_length(b);
-    memcpy(block, b->start, used);
-    explicit_bzero(b->start, used);
-    free(b->start);
-    return block;
-}
-
-// The written bytes moved to a block of `size` bytes, a kept one when there is one.
-uint8_t* grow(const lrpc2_bytebuf* b, uint64_t size) {
-    uint8_t* block = lrpc2_spare_take(size);
-    if (block == nullptr) {
-        return static_cast<uint8_t*>(realloc(b->start, size));
-    }
-    memcpy(block, b->start, bytebuf_length(b));
-    lrpc2_spare_free(b->start, b->capacity);
-    return block;
-}
-
-// Up to this length a new block and a copy are cheaper than splitting the block in place:
-// both blocks come from and go back to the allocator's per-thread cache, where the next
-// message's first block is found again.
-constexpr uint32_t kCopyShrinkLength = 1024;
-
-// The written bytes moved to a block of their own length, or null when that failed. A large
-// buffer goes to a kept block of that length and is itself kept for the next message's growth.
-uint8_t* shrink(const lrpc2_bytebuf* b, uint32_t length) {
-    uint8_t* block = lrpc2_spare_take(length);
-    if (block == nullptr && length <= kCopyShrinkLength) {
-        block = static_cast<uint8_t*>(malloc(length));
-        if (block == nullptr) {
-            return nullptr;
-        }
-    }
-    if (block == nullptr) {
-        return static_cast<uint8_t*>(realloc(b->start, length));
-    }
-    memcpy(block, b->start, length);
-    lrpc2_spare_free(b->start, b->capacity);
-    return block;
-}
-
 int reserve(lrpc2_bytebuf* b, uint32_t n, bool wipe) {
     if (b == nullptr) {
         return 0;
+    }
+    if (lrpc2_mem_room(b, n)) {
+        return 1;
     }
     // Sizes are computed in 64 bits: the allocation must stay addressable by a 32-bit capacity.
     const uint64_t twice = 2 * static_cast<uint64_t>(n);
@@ -69,7 +23,7 @@ int reserve(lrpc2_bytebuf* b, uint32_t n, bool wipe) {
         if (size > UINT32_MAX) {
             return 0;
         }
-        uint8_t* block = static_cast<uint8_t*>(malloc(size));
+        uint8_t* block = lrpc2_mem_alloc(size, wipe);
         if (block == nullptr) {
             return 0;
         }
@@ -79,15 +33,12 @@ int reserve(lrpc2_bytebuf* b, uint32_t n, bool wipe) {
         b->capacity = static_cast<uint32_t>(size);
         return 1;
     }
-    if (static_cast<int64_t>(b->end - b->pos) > static_cast<int64_t>(n)) {
-        return 1;
-    }
     const uint64_t size = b->capacity + twice;
     if (size > UINT32_MAX) {
         return 0;
     }
     const ptrdiff_t used = b->pos - b->start;
-    uint8_t* block = wipe ? move_wiped(b, size) : grow(b, size);
+    uint8_t* block = lrpc2_mem_resize(b->start, static_cast<size_t>(used), size, wipe);
     if (block == nullptr) {
         return 0;
     }
@@ -106,7 +57,7 @@ uint8_t* detach(lrpc2_bytebuf* b, bool wipe) {
     const uint32_t length = bytebuf_length(b);
     // realloc to 0 bytes may free the block, so an empty buffer keeps its allocation.
     if (length != 0) {
-        uint8_t* shrunk = wipe ? move_wiped(b, length) : shrink(b, length);
+        uint8_t* shrunk = lrpc2_mem_resize(b->start, length, length, wipe);
         if (shrunk != nullptr) {
             block = shrunk;
         }
@@ -204,12 +155,7 @@ void bytebuf_release(lrpc2_bytebuf* b, int wipe) {
     if (b == nullptr || b->start == nullptr) {
         return;
     }
-    if (wipe) {
-        explicit_bzero(b->start, bytebuf_length(b));
-        free(b->start);
-    } else {
-        lrpc2_spare_free(b->start, b->capacity);
-    }
+    lrpc2_mem_free(b->start, bytebuf_length(b), wipe != 0);
     bytebuf_init(b, b->capacity);
 }
 

@@ -15,18 +15,12 @@
 #include <unistd.h>
 
 #include "lrpc2/status.h"
+#include "status_out.h"
 
 static_assert(LRPC2_MAX_SOCKET_PATH + 1 == sizeof(sockaddr_un::sun_path),
               "the longest socket path must leave room for the terminator");
 
 namespace {
-
-lrpc2_conn* fail(int32_t* status, int32_t code) {
-    if (status != nullptr) {
-        *status = code;
-    }
-    return nullptr;
-}
 
 bool add_nonblock(int fd) {
     const int flags = fcntl(fd, F_GETFL);
@@ -174,20 +168,20 @@ extern "C" {
 lrpc2_conn* lrpc2_connect_timeout(const char* path, const lrpc2_msg_table* table, int32_t timeout,
                                   int32_t* status) {
     if (path == nullptr || path[0] != '/') {
-        return fail(status, LRPC2_ERR_NOPATH);
+        return lrpc2_report(status, LRPC2_ERR_NOPATH);
     }
     const size_t path_len = strnlen(path, LRPC2_MAX_SOCKET_PATH + 1);
     if (path_len > LRPC2_MAX_SOCKET_PATH) {
-        return fail(status, LRPC2_ERR_NOPATH);
+        return lrpc2_report(status, LRPC2_ERR_NOPATH);
     }
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        return fail(status, LRPC2_ERR_OPEN);
+        return lrpc2_report(status, LRPC2_ERR_OPEN);
     }
     lrpc2_conn* conn = new_conn(fd, fd, table, 1);
     if (conn == nullptr) {
         close(fd);
-        return fail(status, LRPC2_ERR_NOMEM);
+        return lrpc2_report(status, LRPC2_ERR_NOMEM);
     }
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -202,13 +196,11 @@ lrpc2_conn* lrpc2_connect_timeout(const char* path, const lrpc2_msg_table* table
     }
     if (code != 0) {
         lrpc2_close(conn);
-        return fail(status, code);
+        return lrpc2_report(status, code);
     }
     const int on = 1;
     (void)setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
-    if (status != nullptr) {
-        *status = 0;
-    }
+    lrpc2_report(status, 0);
     return conn;
 }
 
@@ -221,11 +213,11 @@ lrpc2_conn* lrpc2_attach(int32_t read_fd, int32_t write_fd, const lrpc2_msg_tabl
     struct stat read_st;
     struct stat write_st;
     if (fstat(read_fd, &read_st) != 0 || fstat(write_fd, &write_st) != 0) {
-        return fail(status, LRPC2_ERR_NOPATH);
+        return lrpc2_report(status, LRPC2_ERR_NOPATH);
     }
     lrpc2_conn* conn = new_conn(read_fd, write_fd, table, S_ISSOCK(write_st.st_mode) ? 1 : 0);
     if (conn == nullptr) {
-        return fail(status, LRPC2_ERR_NOMEM);
+        return lrpc2_report(status, LRPC2_ERR_NOMEM);
     }
     int32_t code = 0;
     if (!add_nonblock(read_fd) || !add_nonblock(write_fd)) {
@@ -235,11 +227,9 @@ lrpc2_conn* lrpc2_attach(int32_t read_fd, int32_t write_fd, const lrpc2_msg_tabl
     }
     if (code != 0) {
         free(conn);
-        return fail(status, code);
+        return lrpc2_report(status, code);
     }
-    if (status != nullptr) {
-        *status = 0;
-    }
+    lrpc2_report(status, 0);
     return conn;
 }
 

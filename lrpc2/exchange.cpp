@@ -7,46 +7,40 @@
 
 #include "lrpc2/status.h"
 #include "msg_internal.h"
-#include "spare.h"
+#include "msgmem.h"
+#include "status_out.h"
 
 namespace {
-
-lrpc2_msg* fail(int32_t* status, int32_t code) {
-    if (status != nullptr) {
-        *status = code;
-    }
-    return nullptr;
-}
 
 // Reads one reply frame into a block sized from its header; the message adopts it.
 lrpc2_msg* read_reply(const lrpc2_conn* conn, int32_t timeout, int32_t* status) {
     uint8_t header[LRPC2_HEADER_LEN];
     int32_t code = lrpc2_read_all(conn->read_fd, header, sizeof header, timeout, conn->is_socket);
     if (code != 0) {
-        return fail(status, code);
+        return lrpc2_report(status, code);
     }
     uint32_t magic = 0;
     uint32_t length = 0;
     memcpy(&magic, header, sizeof magic);
     memcpy(&length, header + sizeof magic, sizeof length);
     if (magic != LRPC2_MAGIC || length < LRPC2_HEADER_LEN || length > LRPC2_MAX_REPLY_LEN) {
-        return fail(status, LRPC2_ERR_SOCKET);
+        return lrpc2_report(status, LRPC2_ERR_SOCKET);
     }
-    uint8_t* block = lrpc2_spare_alloc(length);
+    uint8_t* block = lrpc2_mem_alloc(length, false);
     if (block == nullptr) {
-        return fail(status, LRPC2_ERR_NOMEM);
+        return lrpc2_report(status, LRPC2_ERR_NOMEM);
     }
     code = lrpc2_read_all(conn->read_fd, block + LRPC2_HEADER_LEN, length - LRPC2_HEADER_LEN,
                           timeout, conn->is_socket);
     if (code != 0) {
         lrpc2_wipe_free(block, length);
-        return fail(status, code);
+        return lrpc2_report(status, code);
     }
     memcpy(block, header, sizeof header);
     lrpc2_msg* reply = lrpc2_msg_parse(block, length, 0, conn->table, LRPC2_HEADER_LEN, nullptr);
     if (reply == nullptr) {
         lrpc2_wipe_free(block, length);
-        return fail(status, LRPC2_ERR_SOCKET);
+        return lrpc2_report(status, LRPC2_ERR_SOCKET);
     }
     return reply;
 }
@@ -56,33 +50,31 @@ lrpc2_msg* read_reply(const lrpc2_conn* conn, int32_t timeout, int32_t* status) 
 lrpc2_msg* exchange(lrpc2_conn* conn, lrpc2_msg* request, int32_t timeout, int32_t* status,
                     bool in_dialogue) {
     if (conn == nullptr) {
-        return fail(status, LRPC2_ERR_BADSESSION);
+        return lrpc2_report(status, LRPC2_ERR_BADSESSION);
     }
     uint32_t length = 0;
     uint8_t* image = request != nullptr ? lrpc2_msg_bytes(request, &length, nullptr) : nullptr;
     if (image == nullptr || length < LRPC2_HEADER_LEN) {
-        return fail(status, LRPC2_ERR_BADMSG);
+        return lrpc2_report(status, LRPC2_ERR_BADMSG);
     }
     lrpc2_frame_stamp(image, length);
     int32_t code = lrpc2_write_all(conn->write_fd, image, length, timeout, conn->is_socket);
     if (code != 0) {
-        return fail(status, code);
+        return lrpc2_report(status, code);
     }
     lrpc2_msg* reply = read_reply(conn, timeout, &code);
     if (reply == nullptr) {
-        return fail(status, code);
+        return lrpc2_report(status, code);
     }
     uint32_t id = 0;
     lrpc2_msg_id(reply, &id);
     if (id != LRPC2_ID_AUTH_CHALLENGE) {
-        if (status != nullptr) {
-            *status = 0;
-        }
+        lrpc2_report(status, 0);
         return reply;
     }
     lrpc2_msg_free(reply);
     if (in_dialogue) {
-        return fail(status, LRPC2_ERR_AUTH);
+        return lrpc2_report(status, LRPC2_ERR_AUTH);
     }
     return lrpc2_process_auth(conn, timeout, status);
 }
@@ -142,13 +134,13 @@ struct Dialogue {
     lrpc2_msg* run(lrpc2_conn* conn, int32_t timeout, int32_t* status) {
         if (!peer_trusted(conn->read_fd) ||
             (conn->write_fd != conn->read_fd && !peer_trusted(conn->write_fd))) {
-            return fail(status, LRPC2_ERR_AUTH);
+            return lrpc2_report(status, LRPC2_ERR_AUTH);
         }
         challenge =
             lrpc2_msg_create(LRPC2_ID_AUTH_CHALLENGE, 1, conn->table, LRPC2_HEADER_LEN, nullptr);
         if (challenge == nullptr || lrpc2_put_uint32(challenge, geteuid()) != 0 ||
             lrpc2_put_uint32(challenge, getegid()) != 0 || lrpc2_msg_complete(challenge) != 0) {
-            return fail(status, LRPC2_ERR_AUTH);
+            return lrpc2_report(status, LRPC2_ERR_AUTH);
         }
         answer = exchange(conn, challenge, timeout, status, true);
         if (answer == nullptr) {
@@ -157,7 +149,7 @@ struct Dialogue {
         if (lrpc2_get_string(answer, &path1) != 0 || lrpc2_get_string(answer, &path2) != 0 ||
             path1 == nullptr || path2 == nullptr ||
             lrpc2_read_proof_files(path1, path2, &data1, &data2, &size1, &size2) != 0) {
-            return fail(status, LRPC2_ERR_AUTH);
+            return lrpc2_report(status, LRPC2_ERR_AUTH);
         }
         response =
             lrpc2_msg_create(LRPC2_ID_AUTH_RESPONSE, 1, conn->table, LRPC2_HEADER_LEN, nullptr);
@@ -167,7 +159,7 @@ struct Dialogue {
         }
         if (response == nullptr || lrpc2_put_blob(response, data1, size1) != 0 ||
             lrpc2_put_blob(response, data2, size2) != 0 || lrpc2_msg_complete(response) != 0) {
-            return fail(status, LRPC2_ERR_AUTH);
+            return lrpc2_report(status, LRPC2_ERR_AUTH);
         }
         return exchange(conn, response, timeout, status, true);
     }
@@ -197,7 +189,7 @@ lrpc2_msg* lrpc2_exchange(lrpc2_conn* conn, lrpc2_msg* request, int32_t* status)
 
 lrpc2_msg* lrpc2_process_auth(lrpc2_conn* conn, int32_t timeout, int32_t* status) {
     if (conn == nullptr) {
-        return fail(status, LRPC2_ERR_BADSESSION);
+        return lrpc2_report(status, LRPC2_ERR_BADSESSION);
     }
     Dialogue dialogue;
     return dialogue.run(conn, timeout, status);

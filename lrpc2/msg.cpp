@@ -4,15 +4,10 @@
 
 #include "lrpc2/status.h"
 #include "msg_internal.h"
-#include "spare.h"
+#include "msgmem.h"
+#include "status_out.h"
 
 namespace {
-
-void set_status(int32_t* out, int32_t status) {
-    if (out != nullptr) {
-        *out = status;
-    }
-}
 
 lrpc2_msg* new_record(const lrpc2_msg_table* table, uint32_t header_len) {
     // Every field set one by one: a cleared allocation (calloc, or what the compiler makes of
@@ -45,13 +40,11 @@ extern "C" {
 lrpc2_msg* lrpc2_msg_create(uint32_t id, uint32_t /*reserved*/, const lrpc2_msg_table* table,
                             uint32_t header_len, int32_t* status) {
     if (lrpc2_table_name(table, id) == nullptr) {
-        set_status(status, LRPC2_MSG_INVALID);
-        return nullptr;
+        return lrpc2_report(status, LRPC2_MSG_INVALID);
     }
     lrpc2_msg* msg = new_record(table, header_len);
     if (msg == nullptr) {
-        set_status(status, LRPC2_MSG_NOMEM);
-        return nullptr;
+        return lrpc2_report(status, LRPC2_MSG_NOMEM);
     }
     msg->state = LRPC2_STATE_BUILDING;
     msg->flags = lrpc2_table_secure(table, id) ? LRPC2_MSGF_SECURE : 0;
@@ -61,17 +54,15 @@ lrpc2_msg* lrpc2_msg_create(uint32_t id, uint32_t /*reserved*/, const lrpc2_msg_
     const uint16_t id16 = static_cast<uint16_t>(id);
     if (!bytebuf_reserve_wipe(buf, header_len, lrpc2_msg_secure(msg))) {
         lrpc2_msg_free(msg);
-        set_status(status, LRPC2_MSG_NOMEM);
-        return nullptr;
+        return lrpc2_report(status, LRPC2_MSG_NOMEM);
     }
     memset(buf->pos, 0, header_len);
     buf->pos += header_len;
     if (!lrpc2_msg_append(msg, sizeof id16, &id16)) {
         lrpc2_msg_free(msg);
-        set_status(status, LRPC2_MSG_NOMEM);
-        return nullptr;
+        return lrpc2_report(status, LRPC2_MSG_NOMEM);
     }
-    set_status(status, 0);
+    lrpc2_report(status, 0);
     return msg;
 }
 
@@ -95,21 +86,18 @@ lrpc2_msg* lrpc2_msg_parse(uint8_t* bytes, uint32_t length, int copy, const lrpc
                            uint32_t header_len, int32_t* status) {
     if (bytes == nullptr || length == 0 || length < header_len ||
         !lrpc2_msg_validate(bytes + header_len, length - header_len)) {
-        set_status(status, LRPC2_MSG_INVALID);
-        return nullptr;
+        return lrpc2_report(status, LRPC2_MSG_INVALID);
     }
     lrpc2_msg* msg = new_record(table, header_len);
     if (msg == nullptr) {
-        set_status(status, LRPC2_MSG_NOMEM);
-        return nullptr;
+        return lrpc2_report(status, LRPC2_MSG_NOMEM);
     }
     uint8_t* data = bytes;
     if (copy) {
-        data = lrpc2_spare_alloc(length);
+        data = lrpc2_mem_alloc(length, false);
         if (data == nullptr) {
             free(msg);
-            set_status(status, LRPC2_MSG_NOMEM);
-            return nullptr;
+            return lrpc2_report(status, LRPC2_MSG_NOMEM);
         }
         memcpy(data, bytes, length);
     }
@@ -117,7 +105,7 @@ lrpc2_msg* lrpc2_msg_parse(uint8_t* bytes, uint32_t length, int copy, const lrpc
     uint32_t id = 0;
     lrpc2_msg_id(msg, &id);
     msg->flags = lrpc2_table_secure(table, id) ? LRPC2_MSGF_SECURE : 0;
-    set_status(status, 0);
+    lrpc2_report(status, 0);
     return msg;
 }
 
@@ -127,14 +115,8 @@ void lrpc2_msg_free(lrpc2_msg* msg) {
     }
     const int secure = lrpc2_msg_secure(msg);
     if (msg->state == LRPC2_STATE_COMPLETE) {
-        if (secure) {
-            explicit_bzero(msg->u.done.data,
-                           static_cast<size_t>(msg->u.done.end - msg->u.done.data));
-            free(msg->u.done.data);
-        } else {
-            lrpc2_spare_free(msg->u.done.data,
-                             static_cast<size_t>(msg->u.done.end - msg->u.done.data));
-        }
+        lrpc2_mem_free(msg->u.done.data, static_cast<size_t>(msg->u.done.end - msg->u.done.data),
+                       secure);
     } else {
         bytebuf_release(&msg->u.build.buf, secure);
     }
@@ -147,17 +129,15 @@ void lrpc2_msg_free(lrpc2_msg* msg) {
 
 uint8_t* lrpc2_msg_bytes(lrpc2_msg* msg, uint32_t* length, int32_t* status) {
     if (msg == nullptr || msg->state == LRPC2_STATE_FAILED) {
-        set_status(status, LRPC2_MSG_INVALID);
-        return nullptr;
+        return lrpc2_report(status, LRPC2_MSG_INVALID);
     }
     if (msg->state != LRPC2_STATE_COMPLETE) {
-        set_status(status, LRPC2_MSG_BADSTATE);
-        return nullptr;
+        return lrpc2_report(status, LRPC2_MSG_BADSTATE);
     }
     if (length != nullptr) {
         *length = static_cast<uint32_t>(msg->u.done.end - msg->u.done.data);
     }
-    set_status(status, 0);
+    lrpc2_report(status, 0);
     return msg->u.done.data;
 }
 

@@ -4,7 +4,7 @@
 
 #include "lrpc2/status.h"
 #include "msg_internal.h"
-#include "spare.h"
+#include "msgmem.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ int32_t read_string(lrpc2_reader* r, char** out) {
     if (r->left() < n) {
         return LRPC2_MSG_NODATA;
     }
-    char* text = static_cast<char*>(malloc(static_cast<size_t>(n) + 1));
+    char* text = reinterpret_cast<char*>(lrpc2_mem_alloc(static_cast<size_t>(n) + 1, false));
     if (text == nullptr) {
         return LRPC2_MSG_NOMEM;
     }
@@ -57,7 +57,7 @@ int32_t read_string(lrpc2_reader* r, char** out) {
 // Set members that would end the handed-out array early (a null text in a string set, a pair of
 // two nulls in a key-value set) are handed out as the empty text, so no member is lost.
 int32_t empty_text(char** out) {
-    *out = static_cast<char*>(malloc(1));
+    *out = reinterpret_cast<char*>(lrpc2_mem_alloc(1, false));
     if (*out == nullptr) {
         return LRPC2_MSG_NOMEM;
     }
@@ -153,7 +153,7 @@ int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length) {
         return LRPC2_MSG_NODATA;
     }
     // An empty blob still gets a block of its own, so it stays distinct from the null blob.
-    uint8_t* block = lrpc2_spare_alloc(n);
+    uint8_t* block = lrpc2_mem_alloc(n, false);
     if (block == nullptr) {
         return LRPC2_MSG_NOMEM;
     }

@@ -8,6 +8,7 @@
 
 #include "lrpc2/bytebuf.h"
 #include "lrpc2/msg.h"
+#include "msgmem.h"
 
 #define LRPC2_MSGF_SECURE 0x1u
 
@@ -80,16 +81,14 @@ inline void lrpc2_msg_set_secure(lrpc2_msg* msg) {
     msg->flags |= LRPC2_MSGF_SECURE;
 }
 
-/* Appends n bytes (none for null data) to a message under construction. When the room is
- * there, the bytes go straight in; otherwise one reservation makes it, and a secure message's
- * buffer then grows with its old block wiped. */
+/* Appends n bytes (none for null data) to a message under construction; a secure message's
+ * buffer grows with its old block wiped. */
 inline bool lrpc2_msg_append(lrpc2_msg* msg, uint32_t n, const void* data) {
+    lrpc2_bytebuf* buf = &msg->u.build.buf;
     if (data == nullptr) {
         return true;
     }
-    lrpc2_bytebuf* buf = &msg->u.build.buf;
-    if ((buf->start == nullptr || buf->end - buf->pos <= static_cast<ptrdiff_t>(n)) &&
-        !bytebuf_reserve_wipe(buf, n, lrpc2_msg_secure(msg))) {
+    if (!lrpc2_mem_room(buf, n) && !bytebuf_reserve_wipe(buf, n, lrpc2_msg_secure(msg))) {
         return false;
     }
     memcpy(buf->pos, data, n);

@@ -3,7 +3,7 @@
 #include <string.h>
 
 #include "lrpc2/msg.h"
-#include "spare.h"
+#include "msgmem.h"
 
 extern "C" {
 
@@ -11,10 +11,7 @@ void lrpc2_free_string(char* text, int wipe) {
     if (text == nullptr) {
         return;
     }
-    if (wipe) {
-        explicit_bzero(text, strlen(text));
-    }
-    free(text);
+    lrpc2_mem_free(text, wipe ? strlen(text) : 0, wipe != 0);
 }
 
 void lrpc2_free_string_set(char** texts, int wipe) {
@@ -50,14 +47,7 @@ void lrpc2_free_block(void* block, uint32_t length, int wipe) {
     if (block == nullptr) {
         return;
     }
-    if (wipe) {
-        if (length != 0) {
-            explicit_bzero(block, length);
-        }
-        free(block);
-    } else {
-        lrpc2_spare_free(block, length);
-    }
+    lrpc2_mem_free(block, length, wipe != 0);
 }
 
 void lrpc2_wipe_free(void* block, uint32_t length) {

@@ -1,11 +1,19 @@
 #!/usr/bin/env bash
-# Usage: scripts/bench.sh [REPETITIONS]: set up, build release, run every benchmark in bench/
-# with REPETITIONS interleaved repetitions (default and least 15; kvstop_bench at least 21),
-# print the table of figures and write it, with the
-# machine, its load and the date, to docs/performance.md. Run as root: some benchmarks use
-# private namespaces.
+# Usage: scripts/bench.sh [--sweep-only] [REPETITIONS]: set up, build release, run every
+# benchmark in bench/ with REPETITIONS interleaved repetitions (default and least 15; kvstop_bench
+# at least 21) and the message sweep in shuffled, ascending and descending order with as many
+# rounds per size, print the table of figures and write it, with the sweep's plot
+# (docs/message-sweep.svg), the machine, its load and the date, to docs/performance.md. With
+# --sweep-only, only the message sweep runs (the report says so). Run as root: some benchmarks
+# use private namespaces.
 set -euo pipefail
+shopt -s nullglob
 top=$(cd "$(dirname "$0")/.." && pwd)
+sweep_only=false
+if [ "${1:-}" = --sweep-only ]; then
+  sweep_only=true
+  shift
+fi
 reps=${1:-15}
 if [ "$reps" -lt 15 ]; then
   echo "bench: at least 15 repetitions, not $reps" >&2
@@ -16,9 +24,14 @@ kvstop_reps=$((reps > 21 ? reps : 21))
 dir=$("$top/scripts/build.sh" release)
 out=$(mktemp -d /tmp/kvbench-results.XXXXXX)
 started=$(date -u '+%Y-%m-%d %H:%M UTC')
+# The tree as measured, before this run rewrites the plot.
+commit=$(git -C "$top" rev-parse --short HEAD 2>/dev/null || echo unknown)
+dirty=$(git -C "$top" status --porcelain 2>/dev/null | grep -qv '^??' && echo " (with uncommitted changes)" || true)
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 
-for bench in "$dir"/bench/*_bench; do
+benches=("$dir"/bench/*_bench)
+$sweep_only && benches=()
+for bench in "${benches[@]}"; do
   name=$(basename "$bench")
   n=$reps
   [ "$name" = kvstop_bench ] && n=$kvstop_reps
@@ -30,8 +43,16 @@ for bench in "$dir"/bench/*_bench; do
     >"$out/$name.txt" 2>&1 || echo "bench: $name failed (see $out/$name.txt)" >&2
 done
 
+# The sweep: one seed for the shuffled order, printed so that a run can be repeated.
+seed=$(od -An -N4 -tu4 /dev/urandom | tr -d ' ')
+for order in shuffled ascending descending; do
+  echo "bench: message sweep, $order sizes (seed $seed, $reps rounds per size)" >&2
+  "$dir/bench/message_bench" --sweep=$order --seed="$seed" --rounds="$reps" >"$out/$order.sweep"
+done
+gnuplot -e "dir='$out'; out='$top/docs/message-sweep.svg'" "$top/bench/sweep.gp"
+
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
-table=$(python3 "$top/bench/ratios.py" "$out"/*.json)
+table=$(python3 "$top/bench/ratios.py" "$out"/*.json "$out"/*.sweep)
 echo "$table"
 
 cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1)
@@ -39,8 +60,6 @@ mem=$(awk '/MemTotal/ { printf "%.0f GiB", $2 / 1048576 }' /proc/meminfo)
 os=$(. /etc/os-release && echo "$PRETTY_NAME")
 cxx=$(sed -n 's/^CMAKE_CXX_COMPILER:[^=]*=//p' "$dir/CMakeCache.txt")
 cxx_version=$("$cxx" --version | head -1)
-commit=$(git -C "$top" rev-parse --short HEAD 2>/dev/null || echo unknown)
-dirty=$(git -C "$top" status --porcelain 2>/dev/null | grep -qv '^??' && echo " (with uncommitted changes)" || true)
 {
   echo "# Performance"
   echo
@@ -49,14 +68,28 @@ dirty=$(git -C "$top" status --porcelain 2>/dev/null | grep -qv '^??' && echo " 
   echo
   echo "## Run"
   echo
-  echo "- Started $started, commit $commit$dirty, \`scripts/bench.sh $reps\` ($reps interleaved"
-  echo "  repetitions per figure, $kvstop_reps for kvstop; at least 0.1 s per repetition)."
+  if $sweep_only; then
+    echo "- Started $started, commit $commit$dirty, \`scripts/bench.sh --sweep-only $reps\`: only"
+    echo "  the message sweep ran ($reps rounds per size and order); every other figure is missing."
+  else
+    echo "- Started $started, commit $commit$dirty, \`scripts/bench.sh $reps\` ($reps interleaved"
+    echo "  repetitions per figure, $kvstop_reps for kvstop; at least 0.1 s per repetition; the"
+    echo "  message sweep $reps rounds per size and order)."
+  fi
   echo "- Machine: $cpu, $(nproc) CPUs, $mem, $os, kernel $(uname -r); $cxx_version, release build."
   echo "- Load average (1, 5, 15 min) before the run: $load_before; after: $load_after."
   echo
   echo "## Figures"
   echo
   echo "$table"
+  echo
+  echo "## Message sweep"
+  echo
+  echo "One blob field of 16 B to 16 MiB, four sizes per octave, encoded and decoded; each size's"
+  echo "cost in copies (CPU time over one malloc + memcpy + free of the blob in the same round)."
+  echo "Shuffled order seed: $seed. What is measured: section 2 of the notes below."
+  echo
+  echo "![Cost in copies against size](message-sweep.svg)"
   echo
   echo "## Floating-point output against the C library"
   echo

@@ -28,8 +28,10 @@ profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;
   test) packages=("${test[@]}") ;;
-  # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table.
-  bench) packages=("${build[@]}" libbenchmark-dev libprotobuf-dev protobuf-compiler python3) ;;
+  # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table,
+  # gnuplot draws the message sweep.
+  bench) packages=("${build[@]}" libbenchmark-dev libprotobuf-dev protobuf-compiler python3
+         gnuplot-nox) ;;
   fuzz) packages=("${build[@]}" clang libclang-rt-14-dev) ;;
   coverage) packages=("${test[@]}" gcovr) ;;
   interop) packages=("${build[@]}" util-linux iproute2 curl python3 libmonitoring-plugin-perl
