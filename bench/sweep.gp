@@ -21,6 +21,7 @@ do for [way in "encode decode"] {
          sprintf("< sort -n %s/ascending.sweep", dir) using 1:c with lines title "lrpc2, ascending", \
          sprintf("< sort -n %s/descending.sweep", dir) using 1:c with lines title "lrpc2, descending", \
          sprintf("< sort -n %s/shuffled.sweep", dir) using 1:c+3 with lines dt 2 title "Protocol Buffers, shuffled", \
+         sprintf("< sort -n %s/shuffled.sweep", dir) using 1:(way eq "decode" ? column(15) : NaN) with lines dt 4 title "two plain copies (decode's least), shuffled", \
          4 with lines lc "red" dt 3 title "4 copies"
 }
 unset multiplot
