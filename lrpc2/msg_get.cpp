@@ -67,10 +67,6 @@ int32_t empty_text(char** out) {
 
 // An array of count + 1 entries whose last one ends it; the others are filled by the caller.
 // count is 32 bits wide, so the size cannot overflow.
-void* new_array(uint32_t count, size_t entry) {
-    return malloc((static_cast<size_t>(count) + 1) * entry);
-}
-
 int32_t get_text(lrpc2_msg* msg, uint8_t tag, char** text) {
     lrpc2_reader r;
     int32_t rc = text != nullptr ? begin_get(msg, tag, &r) : LRPC2_MSG_INVALID;
@@ -87,6 +83,22 @@ int32_t read_count(lrpc2_reader* r, size_t min_member, uint32_t* count) {
         return LRPC2_MSG_NODATA;
     }
     return *count <= r->left() / min_member ? 0 : LRPC2_MSG_NODATA;
+}
+
+// Starts a set get: positions at the field, reads its count (members of at least min_member
+// bytes) and allocates the array of count entries and the terminating one.
+template <typename T>
+int32_t begin_set(lrpc2_msg* msg, bool wanted, uint8_t tag, size_t min_member, lrpc2_reader* r,
+                  uint32_t* count, T** array) {
+    int32_t rc = wanted ? begin_get(msg, tag, r) : LRPC2_MSG_INVALID;
+    if (rc == 0) {
+        rc = read_count(r, min_member, count);
+    }
+    if (rc == 0) {
+        *array = static_cast<T*>(malloc((static_cast<size_t>(*count) + 1) * sizeof(T)));
+        rc = *array != nullptr ? 0 : LRPC2_MSG_NOMEM;
+    }
+    return rc;
 }
 
 template <typename T>
@@ -167,16 +179,10 @@ int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length) {
 int32_t lrpc2_get_string_set(lrpc2_msg* msg, char*** texts) {
     lrpc2_reader r;
     uint32_t count = 0;
-    int32_t rc = texts != nullptr ? begin_get(msg, LRPC2_T_STRINGSET, &r) : LRPC2_MSG_INVALID;
-    if (rc == 0) {
-        rc = read_count(&r, 4, &count);
-    }
+    char** array = nullptr;
+    int32_t rc = begin_set(msg, texts != nullptr, LRPC2_T_STRINGSET, 4, &r, &count, &array);
     if (rc != 0) {
         return rc;
-    }
-    auto** array = static_cast<char**>(new_array(count, sizeof(char*)));
-    if (array == nullptr) {
-        return LRPC2_MSG_NOMEM;
     }
     array[count] = nullptr;
     for (uint32_t i = 0; i < count; ++i) {
@@ -198,16 +204,10 @@ int32_t lrpc2_get_string_set(lrpc2_msg* msg, char*** texts) {
 int32_t lrpc2_get_kv_set(lrpc2_msg* msg, lrpc2_kv** pairs) {
     lrpc2_reader r;
     uint32_t count = 0;
-    int32_t rc = pairs != nullptr ? begin_get(msg, LRPC2_T_KVSET, &r) : LRPC2_MSG_INVALID;
-    if (rc == 0) {
-        rc = read_count(&r, 8, &count);
-    }
+    lrpc2_kv* array = nullptr;
+    int32_t rc = begin_set(msg, pairs != nullptr, LRPC2_T_KVSET, 8, &r, &count, &array);
     if (rc != 0) {
         return rc;
-    }
-    auto* array = static_cast<lrpc2_kv*>(new_array(count, sizeof(lrpc2_kv)));
-    if (array == nullptr) {
-        return LRPC2_MSG_NOMEM;
     }
     array[count] = lrpc2_kv{nullptr, nullptr};
     for (uint32_t i = 0; i < count; ++i) {
