@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Usage: hermetic.sh [--devlog] CMD [ARGS...]
-# Runs CMD as root in private mount, pid and network namespaces (loopback up) in which
+# Runs CMD as root in private mount, pid and network namespaces (loopback down: every test
+# executable brings up a loopback of its own, and the demo needs none) in which
 # /etc and /var are writable overlays, and /etc/zantorkv, /var/zantorkv and /var/zantormx
 # are empty tmpfs directories. With --devlog, /dev is private too, so CMD may bind its own
 # /dev/log. The host's files are never changed; every process left behind ends with CMD,
@@ -25,7 +26,6 @@ if [ "${KV_HERMETIC_INSIDE:-}" != 1 ]; then
 fi
 
 T=${KV_HERMETIC_T:?}
-ip link set lo up
 mount -t tmpfs -o mode=755 kvhermetic "$T"
 mkdir -p "$T/etc.up" "$T/etc.wk" "$T/var.up" "$T/var.wk"
 mount -t overlay overlay -o "lowerdir=/etc,upperdir=$T/etc.up,workdir=$T/etc.wk" /etc
