@@ -38,17 +38,15 @@ const char* const kStateNames[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
 
 bool parseRange(const std::string& text, Range& range) {
     range = Range();
+    range.text = text;
     range.inside = !text.empty() && text[0] == '@';
     const std::string body = text.substr(range.inside ? 1 : 0);
     const size_t colon = body.find(':');
-    if (body.empty() ||
-        (colon == std::string::npos ? !parseBound("", true, range.start) ||
-                                          !parseBound(body, false, range.end) || body == "~"
-                                    : !parseBound(body.substr(0, colon), true, range.start) ||
-                                          !parseBound(body.substr(colon + 1), false, range.end))) {
-        return false;
-    }
-    range.set = range.start <= range.end;
+    // Without a colon the text is the end, and the start is 0.
+    const std::string start = colon == std::string::npos ? "" : body.substr(0, colon);
+    const std::string end = colon == std::string::npos ? body : body.substr(colon + 1);
+    range.set = !body.empty() && parseBound(start, true, range.start) &&
+                parseBound(end, false, range.end) && range.start <= range.end;
     return range.set;
 }
 
@@ -75,11 +73,7 @@ std::string checkLine(State state, const std::string& text, const std::string& p
            (perfdata.empty() ? "" : " | " + perfdata) + "\n";
 }
 
-State checkState(const Health& h, const std::string& warning, const std::string& critical,
-                 std::string& line) {
-    Range w, c;
-    parseRange(warning, w);
-    parseRange(critical, c);
+State checkState(const Health& h, const Range& w, const Range& c, std::string& line) {
     State state = alerts(c, h.roundTrip) ? kCritical : alerts(w, h.roundTrip) ? kWarning : kOk;
     const bool running = h.collector == "running";
     if (!running && state == kOk) {
@@ -88,14 +82,12 @@ State checkState(const Health& h, const std::string& warning, const std::string&
     // The guidelines' performance data: 'label'=value[UOM];[warn];[crit];[min];[max]. An
     // inverted range ('@') is left out: the perfdata readers of the plugin libraries and
     // graphers lack it, and would lose the fields after it.
-    const auto field = [](const std::string& range) {
-        return range.empty() || range[0] == '@' ? std::string() : range;
-    };
+    const auto field = [](const Range& range) { return range.inside ? std::string() : range.text; };
     line = checkLine(
         state,
         "round trip " + h.roundTripText + " s, collector " +
             (running ? "running" : "not running: " + h.collector),
-        "'rtt'=" + h.roundTripText + "s;" + field(warning) + ";" + field(critical) + ";0;");
+        "'rtt'=" + h.roundTripText + "s;" + field(w) + ";" + field(c) + ";0;");
     return state;
 }
 

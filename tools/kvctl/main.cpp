@@ -77,7 +77,8 @@ struct Run {
     const char* w = nullptr;  // -w: --wait for stop, --warning for check
     const char* wName = "w";  // as given: "w", "wait" or "warning"
     const char* critical = nullptr;
-    const char* timeoutState = nullptr;  // check: -t SECONDS:STATE
+    kvctl::Range warningRange, criticalRange;  // check's, parsed from w and critical
+    const char* timeoutState = nullptr;        // check: -t SECONDS:STATE
     std::string textfile;
 };
 
@@ -263,15 +264,14 @@ std::string commandOptions(Run& run) {
     const std::string& command = run.command;
     const std::string w = run.w != nullptr ? run.w : "";
     const std::string critical = run.critical != nullptr ? run.critical : "";
-    kvctl::Range range;
     if (run.w != nullptr && strcmp(run.wName, command == "check" ? "wait" : "warning") == 0) {
         return command == "check" ? "--wait goes with stop only" : "--warning goes with check only";
     }
     if (command == "check") {
-        if (run.w != nullptr && !kvctl::parseRange(w, range)) {
+        if (run.w != nullptr && !kvctl::parseRange(w, run.warningRange)) {
             return "bad warning range: '" + w + "'";
         }
-        if (run.critical != nullptr && !kvctl::parseRange(critical, range)) {
+        if (run.critical != nullptr && !kvctl::parseRange(critical, run.criticalRange)) {
             return "bad critical range: '" + critical + "'";
         }
         if (run.timeoutState != nullptr && kvctl::parseState(run.timeoutState) < 0) {
@@ -462,8 +462,7 @@ Result metrics(Lrpc2Client& client, const Run& /*run*/) {
 Result check(Lrpc2Client& client, const Run& run) {
     const kvctl::Health health = kvctl::gather(client, false);
     Result result;
-    result.status = kvctl::checkState(health, run.w != nullptr ? run.w : "",
-                                      run.critical != nullptr ? run.critical : "", result.text);
+    result.status = kvctl::checkState(health, run.warningRange, run.criticalRange, result.text);
     return result;
 }
 

@@ -47,6 +47,7 @@ enum State { kOk = 0, kWarning = 1, kCritical = 2, kUnknown = 3 };
 
 // A threshold range: alert when the value is outside [start, end], or inside with '@'.
 struct Range {
+    std::string text;  // as given, for the performance data
     bool set = false;
     bool inside = false;
     double start = 0;
@@ -60,7 +61,7 @@ int parseState(const std::string& text);
 // check's line: "KAVELO <STATE> - <text>\n", the text made safe and without '|'.
 std::string checkLine(State state, const std::string& text, const std::string& perfdata = "");
 // check's outcome for a daemon that answered, with the ranges as given on the command line.
-State checkState(const Health& health, const std::string& warning, const std::string& critical,
+State checkState(const Health& health, const Range& warning, const Range& critical,
                  std::string& line);
 
 }  // namespace kvctl
