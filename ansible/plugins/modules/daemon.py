@@ -90,7 +90,7 @@ waited_seconds:
   returned: always
   type: float
   sample: 0.104
-rc:
+kvctl_rc:
   description: The exit status of the last kvctl run (0 done, 1 not reachable, 2 failed).
   returned: always
   type: int
@@ -125,7 +125,7 @@ def call(module, result, *args):
     """kvctl --json ARGS, recorded in `result`; returns (result object, error object)."""
     rc, obj, error, cmd = kvctl.run(module, *args)
     result['cmd'].append(cmd)
-    result.update(rc=rc, error=error)
+    result.update(kvctl_rc=rc, error=error)
     return obj, error
 
 
@@ -141,7 +141,7 @@ def act(module, result):
         # Only the status: what a stop or a reload would meet.
         error = call(module, result, 'status')[1]
         running = error is None
-        if not running and (state == 'reloaded' or not kvctl.not_running(result['rc'], error)):
+        if not running and (state == 'reloaded' or not kvctl.not_running(result['kvctl_rc'], error)):
             return failure(result, 'reload' if state == 'reloaded' else 'status', error)
         result.update(before=RUNNING if running else STOPPED,
                       after=RUNNING if state == 'reloaded' else STOPPED, changed=running, error=None,
@@ -161,7 +161,7 @@ def act(module, result):
                       waited_seconds=obj['waited_seconds'],
                       msg='stopped (pid %d gone after %.1f s)' % (obj['pid'], obj['waited_seconds']))
         return None
-    if not kvctl.not_running(result['rc'], error):
+    if not kvctl.not_running(result['kvctl_rc'], error):
         return failure(result, 'stop', error)
     result.update(before=STOPPED, after=STOPPED, error=None, msg='not running')
     return None
@@ -176,7 +176,7 @@ def main():
         ),
         supports_check_mode=True,
     )
-    result = dict(changed=False, before=None, after=None, pid=None, waited_seconds=None, rc=None,
+    result = dict(changed=False, before=None, after=None, pid=None, waited_seconds=None, kvctl_rc=None,
                   error=None, cmd=[], msg='')
     error = act(module, result)
     if module._diff and error is None:

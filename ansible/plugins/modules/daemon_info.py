@@ -60,7 +60,7 @@ status:
   type: dict
   sample: {"online": true, "collector_status": "running", "collector_detail": [1, "running", "kvdsim", true, "local", ""],
            "database_size": 1048576, "database_size_text": "1048576", "despool_rate": 0, "despool_rate_text": "0"}
-rc:
+kvctl_rc:
   description: kvctl's exit status (0 done, 1 not reachable, 2 failed).
   returned: always
   type: int
@@ -90,7 +90,7 @@ from ansible_collections.zantor.kavelo.plugins.module_utils import kvctl
 def main():
     module = AnsibleModule(argument_spec=dict(**kvctl.COMMON_ARGS), supports_check_mode=True)
     rc, status, error, cmd = kvctl.run(module, 'status')
-    result = dict(changed=False, running=error is None, status=status, rc=rc, error=error, cmd=cmd,
+    result = dict(changed=False, running=error is None, status=status, kvctl_rc=rc, error=error, cmd=cmd,
                   msg='running' if error is None else 'not running')
     if error is not None and not kvctl.not_running(rc, error):
         result['msg'] = 'status failed: %s' % error['message']
