@@ -2,7 +2,8 @@
 # Usage: scripts/setup.sh [demo|test|bench|fuzz|coverage|interop]: installs what that needs
 # (default: test); safe to run any number of times.
 #   demo   building kvstop, kvctl and kvdsim only (scripts/demo.sh)
-#   test   building and running the test suite (scripts/test.sh)
+#   test   building and running the test suite (scripts/test.sh), with Ansible's tools for the
+#          collection in ansible/ and promtool for the alert rules (unpacked as for interop)
 #   bench  building and running the benchmarks (scripts/bench.sh)
 #   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
 #   coverage  the test set and gcovr (scripts/coverage.sh)
@@ -23,7 +24,10 @@ say() {
 
 build=(cmake ninja-build g++ libboost-dev nlohmann-json3-dev)
 test=("${build[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind dpkg-dev file pkgconf
-      groff-base man-db python3-jsonschema zsh fish)
+      groff-base man-db python3-jsonschema zsh fish
+      # ansible-test sanity and units, ansible-lint (ansible/tests/check.sh)
+      ansible-core ansible-lint yamllint shellcheck pylint python3-pycodestyle python3-voluptuous
+      python3-venv python3-pytest python3-pytest-xdist python3-pytest-forked)
 profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;
@@ -41,8 +45,10 @@ esac
 # Packages whose programs are only unpacked (interop): a service's package, never installed.
 unpacked=()
 tools=$(cd "$(dirname "$0")/.." && pwd)/build-interop/tools
-if [ "$profile" = interop ]; then
+if [ "$profile" = interop ] || [ "$profile" = test ]; then
   [ -x "$tools/usr/bin/promtool" ] || unpacked+=(prometheus)
+fi
+if [ "$profile" = interop ]; then
   [ -x "$tools/usr/bin/prometheus-node-exporter" ] || unpacked+=(prometheus-node-exporter)
 fi
 

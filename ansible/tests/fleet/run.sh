@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Usage: run.sh KVCTL KVDSIM COLLECTION_DIR: the collection built with ansible-galaxy, installed
-# from its tarball, and stop.yml run with ansible-playbook on three hosts of one machine
+# from its tarball, and its playbook zantor.kavelo.stop run with ansible-playbook on three hosts of one machine
 # (inventory.yml: local connection, a kvdsim on its own socket for each). Run it in private
 # namespaces (tests/support/hermetic.sh), where every daemon it starts ends with it.
 #   stop      all three stopped: changed=3, failed=0, every daemon's process gone
@@ -15,7 +15,8 @@ here=$(cd "$(dirname "$0")" && pwd)
 T=$(mktemp -d /tmp/kvfleet.XXXXXX)
 trap 'rm -rf "$T"' EXIT
 export HOME=$T/home KV_FLEET_DIR=$T ANSIBLE_NOCOLOR=1 ANSIBLE_COLLECTIONS_PATH=$T/collections
-export PATH=$(dirname "$kvctl"):/usr/sbin:/usr/bin:/sbin:/bin
+bin=$(dirname "$kvctl")
+export PATH=$bin:/usr/sbin:/usr/bin:/sbin:/bin
 mkdir -p "$HOME"
 ip link set lo up
 
@@ -64,13 +65,13 @@ expect_gone() {
   [ $rc -eq 1 ] || fail "$run: kvctl status on $1 exits $rc, not 1 (not reachable)"
 }
 
-# play NAME WANT_RC RECAP ARGS...: stop.yml with ARGS; its exit status and its whole recap,
+# play NAME WANT_RC RECAP ARGS...: the playbook with ARGS; its exit status and its whole recap,
 # one line a host as "HOST ok=N changed=N failed=N".
 play() {
   run=$1
   local want_rc=$2 want=$3 rc=0 t0=$SECONDS
   shift 3
-  timeout 300 ansible-playbook -i "$here/inventory.yml" "$here/stop.yml" "$@" >"$T/$run.out" 2>&1 || rc=$?
+  timeout 300 ansible-playbook -i "$here/inventory.yml" zantor.kavelo.stop "$@" >"$T/$run.out" 2>&1 || rc=$?
   echo "== $run: ansible-playbook $* -> exit $rc in $((SECONDS - t0)) s"
   cat "$T/$run.out"
   [ $rc -eq "$want_rc" ] || fail "$run: exit status $rc, not $want_rc"
