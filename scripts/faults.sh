@@ -11,7 +11,9 @@
 #   file PATH            the file, relative to the top of the tree
 #   from TEXT            text that occurs exactly once in that file
 #   to TEXT              what replaces it ("to" alone deletes it)
-# In TEXT, "\n" stands for a line feed.
+# In TEXT, "\n" stands for a line feed. A list may name, before its faults, the labels of the
+# cases that judge them ("labels REGEX": ctest -L REGEX); without it they are judged by every
+# case but those labelled ansible or promtool, which judge files that no C++ fault changes.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 kv_name='faults'
@@ -41,19 +43,21 @@ git -C "$src" reset -q --hard "$snapshot"
 git -C "$src" clean -qfdx
 
 echo "faults: building $(git -C "$top" rev-parse --short HEAD) with its changes in $bld"
-cmake -S "$src" -B "$bld" -G Ninja -DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1" >>"$log" 2>&1
+# promtool is unpacked in the working tree only.
+cmake -S "$src" -B "$bld" -G Ninja -DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1" \
+  "-DKV_PROMTOOL=$top/build-interop/tools/usr/bin/promtool" >>"$log" 2>&1
 cmake --build "$bld" >>"$log" 2>&1 || { echo "faults: the unchanged tree does not build; see $log" >&2; exit 1; }
 
-# suite: runs the cases and prints the names of those that failed, one a line.
+# suite CTEST_ARGS...: runs those cases and prints the names of those that failed, one a line.
 suite() {
-  (cd "$bld" && ctest -j "$(($(nproc) * 3))" -LE 'long|valgrind' -E '^package$' --timeout 30 \
+  (cd "$bld" && ctest -j "$(($(nproc) * 3))" "$@" -E '^package$' --timeout 30 \
     --output-on-failure >>"$log" 2>&1) || true
   local failed=$bld/Testing/Temporary/LastTestsFailed.log
   [ ! -e "$failed" ] || sed 's/^[0-9]*://; s/  *#.*//' "$failed" | sort
 }
 
 rm -f "$bld/Testing/Temporary/LastTestsFailed.log"
-baseline=$(suite)
+baseline=$(suite -LE 'long|valgrind')
 if [ -n "$baseline" ]; then
   echo "faults: the unchanged tree fails cases already:" >&2
   printf '  %s\n' "$baseline" >&2
@@ -79,7 +83,7 @@ plant() {
     bad=$((bad + 1))
   else
     rm -f "$bld/Testing/Temporary/LastTestsFailed.log"
-    failed=$(suite | paste -sd' ' -)
+    failed=$(suite "${judges[@]}" | paste -sd' ' -)
     if [ -n "$failed" ]; then
       caught=$((caught + 1))
       printf '%-14s caught by %s  (%s)\n' "$id" "$failed" "$rule"
@@ -91,10 +95,11 @@ plant() {
 }
 
 for list in "${lists[@]}"; do
-  id='' rule='' file='' from='' have_from=0
+  id='' rule='' file='' from='' have_from=0 judges=(-LE 'long|valgrind|ansible|promtool')
   while IFS= read -r line || [ -n "$line" ]; do
     case "$line" in
       '' | '#'*) continue ;;
+      'labels '*) judges=(-L "${line#labels }") ;;
       'fault '*) line=${line#fault }; id=${line%% *} rule=${line#* } file='' have_from=0 ;;
       'file '*) file=${line#file } ;;
       'from '*) from=${line#from } from=${from//\\n/$'\n'} have_from=1 ;;
