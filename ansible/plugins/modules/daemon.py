@@ -33,22 +33,9 @@ options:
         C(state=stopped). A process still running then is a failure.
     type: int
     default: 30
-  socket:
-    description:
-      - The daemon's control socket. By default the one that C(/etc/zantorkv/zantorkv.conf)
-        names, or C(/var/zantorkv/audit).
-    type: path
-  timeout:
-    description:
-      - Seconds allowed for connecting and for each exchange with the daemon (0 for no limit).
-        By default C(lrpc2.timeout) from C(/etc/zantorkv/zantorkv.conf), or 30.
-    type: int
-requirements:
-  - C(kvctl) on the managed host (in C(PATH), C(/usr/sbin) or C(/sbin)).
+extends_documentation_fragment:
+  - zantor.kavelo.kvctl
 attributes:
-  check_mode:
-    description: Asks only for the status and acts on nothing.
-    support: full
   diff_mode:
     description: The daemon's state before and after.
     support: full

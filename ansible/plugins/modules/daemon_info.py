@@ -16,23 +16,9 @@ description:
   - Asks the Kavelo audit daemon for its status with C(kvctl --json status), reading only its
     exit status and its JSON object. Changes nothing.
   - A daemon that is not running is a result (C(running=false)), not a failure.
-options:
-  socket:
-    description:
-      - The daemon's control socket. By default the one that C(/etc/zantorkv/zantorkv.conf)
-        names, or C(/var/zantorkv/audit).
-    type: path
-  timeout:
-    description:
-      - Seconds allowed for connecting and for each exchange with the daemon (0 for no limit).
-        By default C(lrpc2.timeout) from C(/etc/zantorkv/zantorkv.conf), or 30.
-    type: int
-requirements:
-  - C(kvctl) on the managed host (in C(PATH), C(/usr/sbin) or C(/sbin)).
-attributes:
-  check_mode:
-    description: Asks only for the status and acts on nothing.
-    support: full
+options: {}
+extends_documentation_fragment:
+  - zantor.kavelo.kvctl
 author:
   - kvstop developers (!UNKNOWN)
 '''
