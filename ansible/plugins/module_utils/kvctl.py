@@ -24,29 +24,36 @@ COMMON_ARGS = dict(
 def run(module, *args):
     """kvctl --json ARGS with the module's socket and time-out.
 
-    Returns (rc, result, error, cmd): the exit status, the result object when kvctl
-    succeeded, its error object when it did not (exactly one of the two is None), and the
-    command line.
+    Returns (rc, result, error, cmd): the exit status (None when kvctl was not found), the
+    result object when kvctl succeeded, its error object when it did not (exactly one of the
+    two is None), and the command line.
     """
-    cmd = [module.get_bin_path('kvctl', required=True, opt_dirs=['/usr/sbin', '/sbin']), '--json']
+    path = module.get_bin_path('kvctl', opt_dirs=['/usr/sbin', '/sbin'])
+    cmd = [path or 'kvctl', '--json']
     if module.params['socket'] is not None:
         cmd += ['--socket', module.params['socket']]
     if module.params['timeout'] is not None:
         cmd += ['--timeout', str(module.params['timeout'])]
     cmd += list(args)
+    if path is None:
+        return None, None, failed(module, 'kvctl not found in PATH, /usr/sbin or /sbin'), cmd
     rc, out, err = module.run_command(cmd)
     try:
         obj = json.loads(out)
     except ValueError:
         obj = None
-    if not isinstance(obj, dict):
-        # Not kvctl's contract: no object to pass on, only what it said.
-        error = dict(kind='failed', message='kvctl wrote no JSON object (%s)' % (err.strip() or 'no message'),
-                     socket=module.params['socket'])
-        return rc, None, error, cmd
-    if rc == DONE:
+    if isinstance(obj, dict) and rc == DONE and 'error' not in obj:
         return rc, obj, None, cmd
-    return rc, None, obj.get('error'), cmd
+    if isinstance(obj, dict) and rc != DONE and isinstance(obj.get('error'), dict):
+        return rc, None, obj['error'], cmd
+    # Not kvctl's contract: no object to pass on, only what it said.
+    return rc, None, failed(module, 'unexpected output from kvctl (exit status %d): %s'
+                            % (rc, err.strip() or 'nothing on standard error')), cmd
+
+
+def failed(module, message):
+    """An error object of kvctl's shape for a failure that kvctl could not describe."""
+    return dict(kind='failed', message=message, socket=module.params['socket'])
 
 
 def not_running(rc, error):

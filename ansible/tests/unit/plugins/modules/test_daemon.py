@@ -68,7 +68,14 @@ DAEMON_ROWS = [
      (True, False, None, None, None, 'reload failed: nothing listens', [['status']])),
     # Anything but a JSON object is not kvctl's contract: a failure, whatever the exit status.
     ('stop, no JSON', {'state': 'stopped'}, False, [(0, 'stopped')],
-     (True, False, None, None, None, 'stop failed: kvctl wrote no JSON object (no message)', [['stop', '--wait', '30']])),
+     (True, False, None, None, None, 'stop failed: unexpected output from kvctl (exit status 0): nothing on standard error',
+      [['stop', '--wait', '30']])),
+    ('stop, error object with status 0', {'state': 'stopped'}, False, [(0, GONE[1])],
+     (True, False, None, None, None, 'stop failed: unexpected output from kvctl (exit status 0): nothing on standard error',
+      [['stop', '--wait', '30']])),
+    ('stop, status 1 without an error object', {'state': 'stopped'}, False, [(1, STOPPED)],
+     (True, False, None, None, None, 'stop failed: unexpected output from kvctl (exit status 1): nothing on standard error',
+      [['stop', '--wait', '30']])),
 ]
 
 
@@ -119,7 +126,7 @@ def test_daemon(monkeypatch, name, args, check, answers, want):
     assert result['kvctl_rc'] == answers[-1][0]
     # kvctl's error object, as it came, on a failure; none otherwise.
     answer = answers[-1][1]
-    if isinstance(answer, str):
+    if want[5].startswith('stop failed: unexpected output'):
         assert result['error'] == {'kind': 'failed', 'message': want[5][len('stop failed: '):], 'socket': None}
     else:
         assert result['error'] == (answer['error'] if failed else None)
