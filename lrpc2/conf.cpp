@@ -21,15 +21,24 @@ constexpr size_t kMaxName = 1024;
 
 }  // namespace
 
-struct conf_entry {
-    conf_entry* next;  // older entry
-    char* key;
-    char* raw;       // as read; the list text once a file reference was read
+// What a lookup learns about an entry, made on its first lookup: most entries of a file
+// are never looked up.
+struct conf_lookup {
+    char* list;      // the list file's text once a file reference was read
     char* expanded;  // cached expansion
     char* fileRef;   // expanded "file:/" reference
     int32_t fileStatus;
     uint8_t flags;
     int32_t integer;
+};
+
+// One block per entry: this header, then the key and the raw value as read, each with its
+// terminator. So the parsed file takes at most 32 bytes per entry besides its own bytes (the
+// header, the terminators and the C library's rounding; "a=b" lines take 8 times their size,
+// lines of 40 bytes less than twice).
+struct conf_entry {
+    conf_entry* next;  // older entry
+    conf_lookup* lookup;
 };
 
 struct conf_file {
@@ -46,21 +55,48 @@ void setStatus(int32_t* status, int32_t value) {
     }
 }
 
+const char* keyOf(const conf_entry* e) {
+    return reinterpret_cast<const char*>(e + 1);
+}
+
+// The list file's text once its reference was read, else the value as read.
+const char* rawOf(const conf_entry* e) {
+    if (e->lookup != nullptr && e->lookup->list != nullptr) {
+        return e->lookup->list;
+    }
+    const char* key = keyOf(e);
+    return key + strlen(key) + 1;
+}
+
 conf_entry* findEntry(const conf_file* file, const char* key) {
     for (conf_entry* e = file->entries; e != nullptr; e = e->next) {
-        if (strcmp(e->key, key) == 0) {
+        if (strcmp(keyOf(e), key) == 0) {
             return e;
         }
     }
     return nullptr;
 }
 
+// Copies the text with its terminator to `to`; the position after it.
+char* copyOut(char* to, const conf::Text& text) {
+    const uint32_t n = text.length();
+    if (n != 0) {
+        memcpy(to, text.data(), n);
+    }
+    to[n] = '\0';
+    return to + n + 1;
+}
+
 int32_t parse(conf::Cursor in, const char* const* prefixes, conf_file* file) {
+    // One key and one value buffer for the whole file: each entry is copied out at its size.
+    conf::Text key;
+    conf::Text raw;
     for (;;) {
         if (!conf::skipToItem(in)) {
             return 0;
         }
-        conf::Text key;
+        key.cut(0);
+        raw.cut(0);
         if (prefixes != nullptr) {
             const char* prefix = conf::matchPrefix(in, prefixes);
             if (prefix == nullptr) {
@@ -73,22 +109,21 @@ int32_t parse(conf::Cursor in, const char* const* prefixes, conf_file* file) {
         if (found == conf::KeyResult::END) {
             return 0;
         }
-        conf::Text raw;
         conf::readRawValue(in, raw);
-        if (found == conf::KeyResult::FAILED || raw.failed()) {
+        if (found == conf::KeyResult::FAILED || key.failed() || raw.failed()) {
             return CONF_ERR_NOMEM;
         }
-        conf_entry* entry = static_cast<conf_entry*>(calloc(1, sizeof(conf_entry)));
+        const size_t keyLength = key.length();
+        const size_t rawLength = raw.length();
+        auto* entry =
+            static_cast<conf_entry*>(malloc(sizeof(conf_entry) + keyLength + rawLength + 2));
         if (entry == nullptr) {
             return CONF_ERR_NOMEM;
         }
-        entry->key = key.take();
-        entry->raw = raw.take();
+        copyOut(copyOut(reinterpret_cast<char*>(entry + 1), key), raw);
+        entry->lookup = nullptr;
         entry->next = file->entries;
         file->entries = entry;
-        if (entry->key == nullptr || entry->raw == nullptr) {
-            return CONF_ERR_NOMEM;
-        }
     }
 }
 
@@ -228,48 +263,52 @@ int32_t readListFile(conf_file* file, const char* path, char** out) {
 
 // Once per entry: a value beginning with "file:/" is replaced by its list file's text. A
 // failure is kept in the entry.
-void resolveFileReference(conf_file* file, conf_entry* e) {
-    if (e->flags & FILE_CHECKED) {
+void resolveFileReference(conf_file* file, conf_lookup* l, const char* raw) {
+    if (l->flags & FILE_CHECKED) {
         return;
     }
-    e->flags |= FILE_CHECKED;
-    const char* p = e->raw;
+    l->flags |= FILE_CHECKED;
+    const char* p = raw;
     while (*p == ' ' || *p == '\t' || conf::isLineEnd(*p)) {
         ++p;
     }
     if (strncmp(p, "file:/", 6) != 0) {
         return;
     }
-    e->fileStatus = expandText(file, e->raw, &e->fileRef);
-    if (e->fileStatus != 0) {
+    l->fileStatus = expandText(file, raw, &l->fileRef);
+    if (l->fileStatus != 0) {
         return;
     }
-    char* list = nullptr;
-    e->fileStatus = readListFile(file, strchr(e->fileRef, '/'), &list);
-    if (e->fileStatus == 0) {
-        free(e->raw);
-        e->raw = list;
-    }
+    l->fileStatus = readListFile(file, strchr(l->fileRef, '/'), &l->list);
 }
 
 int32_t expandEntry(conf_file* file, conf_entry* e) {
-    e->flags |= IN_PROGRESS;
+    if (e->lookup == nullptr) {
+        e->lookup = static_cast<conf_lookup*>(calloc(1, sizeof(conf_lookup)));
+        if (e->lookup == nullptr) {
+            return CONF_ERR_NOMEM;
+        }
+    }
+    conf_lookup* l = e->lookup;
+    l->flags |= IN_PROGRESS;
     ++file->nesting;
-    resolveFileReference(file, e);
-    int32_t rc = e->fileStatus;
+    resolveFileReference(file, l, rawOf(e));
+    int32_t rc = l->fileStatus;
     if (rc == 0) {
-        rc = expandText(file, e->raw, &e->expanded);
+        rc = expandText(file, rawOf(e), &l->expanded);
     }
     --file->nesting;
-    e->flags &= static_cast<uint8_t>(~IN_PROGRESS);
+    l->flags &= static_cast<uint8_t>(~IN_PROGRESS);
     return rc;
 }
 
 void freeEntry(conf_entry* e) {
-    free(e->key);
-    free(e->raw);
-    free(e->expanded);
-    free(e->fileRef);
+    if (e->lookup != nullptr) {
+        free(e->lookup->list);
+        free(e->lookup->expanded);
+        free(e->lookup->fileRef);
+        free(e->lookup);
+    }
     free(e);
 }
 
@@ -278,10 +317,10 @@ void freeEntry(conf_entry* e) {
 conf_entry* expandedEntry(conf_file* file, const char* key, int32_t* rc) {
     *rc = 0;
     conf_entry* e = file != nullptr && key != nullptr ? findEntry(file, key) : nullptr;
-    if (e == nullptr || (e->flags & IN_PROGRESS)) {
+    if (e == nullptr || (e->lookup != nullptr && (e->lookup->flags & IN_PROGRESS))) {
         return nullptr;
     }
-    if (e->expanded == nullptr) {
+    if (e->lookup == nullptr || e->lookup->expanded == nullptr) {
         *rc = expandEntry(file, e);
     }
     return *rc == 0 ? e : nullptr;
@@ -330,7 +369,7 @@ const char* conf_get_string(conf_file* file, const char* key, const char* def, i
     if (rc != 0) {
         return nullptr;
     }
-    return e != nullptr ? e->expanded : def;
+    return e != nullptr ? e->lookup->expanded : def;
 }
 
 int32_t conf_get_int(conf_file* file, const char* key, int32_t def, int32_t* status) {
@@ -343,17 +382,18 @@ int32_t conf_get_int(conf_file* file, const char* key, int32_t def, int32_t* sta
     if (e == nullptr) {
         return def;
     }
-    if (!(e->flags & INT_PARSED)) {
+    conf_lookup* l = e->lookup;
+    if (!(l->flags & INT_PARSED)) {
         char* end = nullptr;
         errno = 0;
-        const long value = strtol(e->expanded, &end, 0);
-        e->flags |= INT_PARSED;
-        if (end != e->expanded && errno != ERANGE && value >= INT32_MIN && value <= INT32_MAX) {
-            e->flags |= INT_VALID;
-            e->integer = static_cast<int32_t>(value);
+        const long value = strtol(l->expanded, &end, 0);
+        l->flags |= INT_PARSED;
+        if (end != l->expanded && errno != ERANGE && value >= INT32_MIN && value <= INT32_MAX) {
+            l->flags |= INT_VALID;
+            l->integer = static_cast<int32_t>(value);
         }
     }
-    return (e->flags & INT_VALID) ? e->integer : def;
+    return (l->flags & INT_VALID) ? l->integer : def;
 }
 
 void conf_free(conf_file* file) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "support/alloc_hooks.h"  // the link wraps malloc and free
+#include "support/child.h"
 #include "support/files.h"
 #include "support/hermetic.h"
 
@@ -127,6 +128,47 @@ TEST(Conf, LongReferenceChains) {
     EXPECT_EQ(conf.str("k63"), "end");
     EXPECT_EQ(conf.str("k200"), "$k136");
     EXPECT_EQ(conf.str("k20000"), "$k19936");
+}
+
+// Memory and time in proportion to the file: at most 32 bytes per entry besides the file's
+// own bytes (read once), so 12 times the size of a file of "a=b" lines is far above what it
+// takes and far below the 140 times that a block per text of each entry took.
+TEST(Conf, LinearInTheInput) {
+    TempDir dir;
+    std::string repeated;
+    std::string continued;
+    std::string joined;
+    for (int i = 0; i < 1000000; ++i) {
+        repeated += "a=b\n";
+        continued += "a\\\n";
+        joined += "a ";
+    }
+    struct Case {
+        const char* name;
+        std::string text;
+        std::string value;  // of the key "k"
+        long maxGrowthKb;   // 0: not bounded
+    };
+    const Case cases[] = {
+        {"4 MB of a=b lines", repeated + "k=v\n", "v",
+         static_cast<long>(repeated.size() * 12 / 1024)},
+        {"a million continuation lines", "k=" + continued + "end\n", joined + "end", 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = dir.write("big.conf", c.text);
+        const kvtest::BoundedRun run = kvtest::runBounded(
+            [&] {
+                Conf conf(path);
+                return conf.str("k") == c.value ? 0 : 1;
+            },
+            20);
+        EXPECT_EQ(run.status, 0);
+        if (c.maxGrowthKb != 0 && kvtest::kLibcAllocator) {
+            EXPECT_GT(run.growthKb, 0);
+            EXPECT_LE(run.growthKb, c.maxGrowthKb);
+        }
+    }
 }
 
 TEST(Conf, OpenFailures) {
