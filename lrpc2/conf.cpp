@@ -32,17 +32,21 @@ struct conf_lookup {
     int32_t integer;
 };
 
-// One block per entry: this header, then the key and the raw value as read, each with its
-// terminator. So the parsed file takes at most 32 bytes per entry besides its own bytes (the
-// header, the terminators and the C library's rounding; "a=b" lines take 8 times their size,
-// lines of 40 bytes less than twice).
+// One block per key: this header, then the key and the raw value as read, each with its
+// terminator; a later line of the same key replaces it. An index of the keys finds it in
+// constant time. So the parsed file takes at most 64 bytes per distinct key besides the
+// bytes of its last line (the header, the terminators, the C library's rounding and up to
+// four index slots): a file of "k1234=v" lines at most 8 times its size, one of lines of 60
+// bytes about twice, one of repeated "a=b" lines nothing at all. Reading holds the file's
+// bytes once more, at most twice over while it grows.
 struct conf_entry {
-    conf_entry* next;  // older entry
     conf_lookup* lookup;
 };
 
 struct conf_file {
-    conf_entry* entries;  // newest first
+    conf_entry** index;  // open addressing, linear probing; at most half full
+    uint32_t indexSize;  // a power of two, or 0
+    uint32_t keys;
     char* slots[CONF_JOIN_PARAM_COUNT];
     int32_t nesting;  // expansions in progress
 };
@@ -68,13 +72,65 @@ const char* rawOf(const conf_entry* e) {
     return key + strlen(key) + 1;
 }
 
-conf_entry* findEntry(const conf_file* file, const char* key) {
-    for (conf_entry* e = file->entries; e != nullptr; e = e->next) {
-        if (strcmp(keyOf(e), key) == 0) {
-            return e;
-        }
+// FNV-1a: the index is only as good as its spread of similar keys.
+uint32_t hashOf(const char* key) {
+    uint32_t h = 2166136261u;
+    for (const char* p = key; *p != '\0'; ++p) {
+        h = (h ^ static_cast<unsigned char>(*p)) * 16777619u;
     }
-    return nullptr;
+    return h;
+}
+
+// The slot of `key` in an index of `size` slots: its entry's, or the empty one it would take.
+conf_entry** slotOf(conf_entry** index, uint32_t size, const char* key) {
+    uint32_t i = hashOf(key) & (size - 1);
+    while (index[i] != nullptr && strcmp(keyOf(index[i]), key) != 0) {
+        i = (i + 1) & (size - 1);
+    }
+    return &index[i];
+}
+
+conf_entry* findEntry(const conf_file* file, const char* key) {
+    return file->indexSize != 0 ? *slotOf(file->index, file->indexSize, key) : nullptr;
+}
+
+void freeEntry(conf_entry* e) {
+    if (e->lookup != nullptr) {
+        free(e->lookup->list);
+        free(e->lookup->expanded);
+        free(e->lookup->fileRef);
+        free(e->lookup);
+    }
+    free(e);
+}
+
+// Indexes `entry` in place of the older entry of its key, which is freed; false (and
+// `entry` freed) when the index cannot grow.
+bool addEntry(conf_file* file, conf_entry* entry) {
+    if (2 * (file->keys + 1) > file->indexSize) {
+        const uint32_t size = file->indexSize != 0 ? 2 * file->indexSize : 16;
+        auto** index = static_cast<conf_entry**>(calloc(size, sizeof(conf_entry*)));
+        if (index == nullptr) {
+            freeEntry(entry);
+            return false;
+        }
+        for (uint32_t i = 0; i < file->indexSize; ++i) {
+            if (file->index[i] != nullptr) {
+                *slotOf(index, size, keyOf(file->index[i])) = file->index[i];
+            }
+        }
+        free(file->index);
+        file->index = index;
+        file->indexSize = size;
+    }
+    conf_entry** slot = slotOf(file->index, file->indexSize, keyOf(entry));
+    if (*slot != nullptr) {
+        freeEntry(*slot);
+    } else {
+        ++file->keys;
+    }
+    *slot = entry;
+    return true;
 }
 
 // Copies the text with its terminator to `to`; the position after it.
@@ -122,8 +178,9 @@ int32_t parse(conf::Cursor in, const char* const* prefixes, conf_file* file) {
         }
         copyOut(copyOut(reinterpret_cast<char*>(entry + 1), key), raw);
         entry->lookup = nullptr;
-        entry->next = file->entries;
-        file->entries = entry;
+        if (!addEntry(file, entry)) {
+            return CONF_ERR_NOMEM;
+        }
     }
 }
 
@@ -302,16 +359,6 @@ int32_t expandEntry(conf_file* file, conf_entry* e) {
     return rc;
 }
 
-void freeEntry(conf_entry* e) {
-    if (e->lookup != nullptr) {
-        free(e->lookup->list);
-        free(e->lookup->expanded);
-        free(e->lookup->fileRef);
-        free(e->lookup);
-    }
-    free(e);
-}
-
 // The entry of `key` with its value expanded. Null for a key that is missing or being
 // expanded (*rc 0), and for one whose expansion fails (*rc the status).
 conf_entry* expandedEntry(conf_file* file, const char* key, int32_t* rc) {
@@ -400,11 +447,12 @@ void conf_free(conf_file* file) {
     if (file == nullptr) {
         return;
     }
-    for (conf_entry* e = file->entries; e != nullptr;) {
-        conf_entry* next = e->next;
-        freeEntry(e);
-        e = next;
+    for (uint32_t i = 0; i < file->indexSize; ++i) {
+        if (file->index[i] != nullptr) {
+            freeEntry(file->index[i]);
+        }
     }
+    free(file->index);
     for (char* slot : file->slots) {
         free(slot);
     }
