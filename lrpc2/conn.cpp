@@ -324,9 +324,6 @@ int32_t lrpc2_last_sender(const lrpc2_conn* conn, lrpc2_sender* sender) {
 
 int32_t lrpc2_read_frame(lrpc2_conn* conn, void* data, uint32_t count, int32_t timeout,
                          int32_t frame_start) {
-    if (frame_start != 0) {
-        conn->sender = {};
-    }
     return transfer_all(conn->read_fd, static_cast<uint8_t*>(data), count, timeout,
                         conn->is_socket != 0, false, &conn->sender, frame_start != 0);
 }

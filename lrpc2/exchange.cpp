@@ -51,6 +51,7 @@ lrpc2_msg* exchange(lrpc2_conn* conn, lrpc2_msg* request, int32_t timeout, int32
     if (conn == nullptr) {
         return lrpc2_report(status, LRPC2_ERR_BADSESSION);
     }
+    conn->sender = {};  // known again only once a reply is read
     uint32_t length = 0;
     uint8_t* image = request != nullptr ? lrpc2_msg_bytes(request, &length, nullptr) : nullptr;
     if (image == nullptr || length < LRPC2_HEADER_LEN) {

@@ -50,8 +50,8 @@ typedef struct lrpc2_conn {
     const lrpc2_msg_table* table;
     int32_t is_socket;
     /* The one writer of every byte of the last frame read; pid 0: none known (no frame
-     * yet, a failed read, not a socket, bytes without credentials or from several
-     * writers). */
+     * read since the last exchange began, a failed read, not a socket, bytes without
+     * credentials or from several writers). */
     lrpc2_sender sender;
 } lrpc2_conn;
 
