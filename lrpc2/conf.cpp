@@ -43,8 +43,12 @@ struct conf_entry {
     conf_lookup* lookup;
 };
 
+struct conf_slot {
+    conf_entry* entry;  // null: free
+};
+
 struct conf_file {
-    conf_entry** index;  // open addressing, linear probing; at most half full
+    conf_slot* index;    // open addressing, linear probing; at most half full
     uint32_t indexSize;  // a power of two, or 0
     uint32_t keys;
     char* slots[CONF_JOIN_PARAM_COUNT];
@@ -82,16 +86,16 @@ uint32_t hashOf(const char* key) {
 }
 
 // The slot of `key` in an index of `size` slots: its entry's, or the empty one it would take.
-conf_entry** slotOf(conf_entry** index, uint32_t size, const char* key) {
+conf_slot* slotOf(conf_slot* index, uint32_t size, const char* key) {
     uint32_t i = hashOf(key) & (size - 1);
-    while (index[i] != nullptr && strcmp(keyOf(index[i]), key) != 0) {
+    while (index[i].entry != nullptr && strcmp(keyOf(index[i].entry), key) != 0) {
         i = (i + 1) & (size - 1);
     }
     return &index[i];
 }
 
 conf_entry* findEntry(const conf_file* file, const char* key) {
-    return file->indexSize != 0 ? *slotOf(file->index, file->indexSize, key) : nullptr;
+    return file->indexSize != 0 ? slotOf(file->index, file->indexSize, key)->entry : nullptr;
 }
 
 void freeEntry(conf_entry* e) {
@@ -109,27 +113,27 @@ void freeEntry(conf_entry* e) {
 bool addEntry(conf_file* file, conf_entry* entry) {
     if (2 * (file->keys + 1) > file->indexSize) {
         const uint32_t size = file->indexSize != 0 ? 2 * file->indexSize : 16;
-        auto** index = static_cast<conf_entry**>(calloc(size, sizeof(conf_entry*)));
+        auto* index = static_cast<conf_slot*>(calloc(size, sizeof(conf_slot)));
         if (index == nullptr) {
             freeEntry(entry);
             return false;
         }
         for (uint32_t i = 0; i < file->indexSize; ++i) {
-            if (file->index[i] != nullptr) {
-                *slotOf(index, size, keyOf(file->index[i])) = file->index[i];
+            if (file->index[i].entry != nullptr) {
+                slotOf(index, size, keyOf(file->index[i].entry))->entry = file->index[i].entry;
             }
         }
         free(file->index);
         file->index = index;
         file->indexSize = size;
     }
-    conf_entry** slot = slotOf(file->index, file->indexSize, keyOf(entry));
-    if (*slot != nullptr) {
-        freeEntry(*slot);
+    conf_slot* slot = slotOf(file->index, file->indexSize, keyOf(entry));
+    if (slot->entry != nullptr) {
+        freeEntry(slot->entry);
     } else {
         ++file->keys;
     }
-    *slot = entry;
+    slot->entry = entry;
     return true;
 }
 
@@ -448,8 +452,8 @@ void conf_free(conf_file* file) {
         return;
     }
     for (uint32_t i = 0; i < file->indexSize; ++i) {
-        if (file->index[i] != nullptr) {
-            freeEntry(file->index[i]);
+        if (file->index[i].entry != nullptr) {
+            freeEntry(file->index[i].entry);
         }
     }
     free(file->index);
