@@ -69,7 +69,7 @@ BoundedRun runBounded(const std::function<int()>& body, int cpuSeconds) {
     }
     close(growth[1]);
     if (pid > 0) {
-        run.status = waitExitWithin(pid, 4 * cpuSeconds + 10);
+        run.status = waitExitWithin(pid, 10 * cpuSeconds + 10);
         if (!readFully(growth[0], &run.growthKb, sizeof run.growthKb)) {
             run.growthKb = -1;
         }

@@ -65,7 +65,7 @@ struct BoundedRun {
 };
 
 // Runs `body` in a child process limited to `cpuSeconds` of CPU time: a bound against a
-// runaway, not a measurement. A child still running after 4 times that in real time, plus 10
+// runaway, not a measurement. A child still running after 10 times that in real time, plus 10
 // seconds, is killed.
 BoundedRun runBounded(const std::function<int()>& body, int cpuSeconds);
 
