@@ -1,6 +1,6 @@
 // Fuzzes the configuration reader: the input is the file, read through a memory file, and
 // every key candidate of every line is looked up as text and as integer. The first byte
-// chooses whether a prefix list is used.
+// chooses whether a prefix list is used; the rest may stand for a larger file (repeat.h).
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "lrpc2/conf.h"
+#include "repeat.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
@@ -20,9 +21,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (fd < 0) {
         return 0;
     }
-    const uint8_t* text = data + 1;
-    const size_t length = size - 1;
-    if (write(fd, text, length) != static_cast<ssize_t>(length)) {
+    const std::string file_text = repeatedInput(data + 1, size - 1, kMaxFileInput);
+    const char* text = file_text.data();
+    const size_t length = file_text.size();
+    if (length != 0 && write(fd, text, length) != static_cast<ssize_t>(length)) {
         close(fd);
         return 0;
     }

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <string>
 
+#include "repeat.h"
 #include "zfw/exception.h"
 #include "zfw/properties.h"
 #include "zfw/setting.h"
@@ -81,7 +82,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), size);
+    const std::string text = repeatedInput(data, size, kMaxFileInput);
     exercise(text, true);
     exercise(text, false);
     return 0;

@@ -21,10 +21,10 @@ constexpr size_t kMaxName = 1024;
 
 }  // namespace
 
-struct conf_entry {
-    conf_entry* next;  // older entry
-    char* key;
-    char* raw;       // as read; the list text once a file reference was read
+// What a lookup learns about an entry, made on its first lookup: most entries of a file
+// are never looked up.
+struct conf_lookup {
+    char* list;      // the list file's text once a file reference was read
     char* expanded;  // cached expansion
     char* fileRef;   // expanded "file:/" reference
     int32_t fileStatus;
@@ -32,8 +32,25 @@ struct conf_entry {
     int32_t integer;
 };
 
+// One block per key: this header, then the key and the raw value as read, each with its
+// terminator; a later line of the same key replaces it. An index of the keys finds it in
+// constant time. So the parsed file takes at most 64 bytes per distinct key besides the
+// bytes of its last line (the header, the terminators, the C library's rounding and up to
+// four index slots): a file of "k1234=v" lines at most 8 times its size, one of lines of 60
+// bytes about twice, one of repeated "a=b" lines nothing at all. Reading holds the file's
+// bytes once more, at most twice over while it grows.
+struct conf_entry {
+    conf_lookup* lookup;
+};
+
+struct conf_slot {
+    conf_entry* entry;  // null: free
+};
+
 struct conf_file {
-    conf_entry* entries;  // newest first
+    conf_slot* index;    // open addressing, linear probing; at most half full
+    uint32_t indexSize;  // a power of two, or 0
+    uint32_t keys;
     char* slots[CONF_JOIN_PARAM_COUNT];
     int32_t nesting;  // expansions in progress
 };
@@ -46,21 +63,100 @@ void setStatus(int32_t* status, int32_t value) {
     }
 }
 
-conf_entry* findEntry(const conf_file* file, const char* key) {
-    for (conf_entry* e = file->entries; e != nullptr; e = e->next) {
-        if (strcmp(e->key, key) == 0) {
-            return e;
-        }
+const char* keyOf(const conf_entry* e) {
+    return reinterpret_cast<const char*>(e + 1);
+}
+
+// The list file's text once its reference was read, else the value as read.
+const char* rawOf(const conf_entry* e) {
+    if (e->lookup != nullptr && e->lookup->list != nullptr) {
+        return e->lookup->list;
     }
-    return nullptr;
+    const char* key = keyOf(e);
+    return key + strlen(key) + 1;
+}
+
+// FNV-1a: the index is only as good as its spread of similar keys.
+uint32_t hashOf(const char* key) {
+    uint32_t h = 2166136261u;
+    for (const char* p = key; *p != '\0'; ++p) {
+        h = (h ^ static_cast<unsigned char>(*p)) * 16777619u;
+    }
+    return h;
+}
+
+// The slot of `key` in an index of `size` slots: its entry's, or the empty one it would take.
+conf_slot* slotOf(conf_slot* index, uint32_t size, const char* key) {
+    uint32_t i = hashOf(key) & (size - 1);
+    while (index[i].entry != nullptr && strcmp(keyOf(index[i].entry), key) != 0) {
+        i = (i + 1) & (size - 1);
+    }
+    return &index[i];
+}
+
+conf_entry* findEntry(const conf_file* file, const char* key) {
+    return file->indexSize != 0 ? slotOf(file->index, file->indexSize, key)->entry : nullptr;
+}
+
+void freeEntry(conf_entry* e) {
+    if (e->lookup != nullptr) {
+        free(e->lookup->list);
+        free(e->lookup->expanded);
+        free(e->lookup->fileRef);
+        free(e->lookup);
+    }
+    free(e);
+}
+
+// Indexes `entry` in place of the older entry of its key, which is freed; false (and
+// `entry` freed) when the index cannot grow.
+bool addEntry(conf_file* file, conf_entry* entry) {
+    if (2 * (file->keys + 1) > file->indexSize) {
+        const uint32_t size = file->indexSize != 0 ? 2 * file->indexSize : 16;
+        auto* index = static_cast<conf_slot*>(calloc(size, sizeof(conf_slot)));
+        if (index == nullptr) {
+            freeEntry(entry);
+            return false;
+        }
+        for (uint32_t i = 0; i < file->indexSize; ++i) {
+            if (file->index[i].entry != nullptr) {
+                slotOf(index, size, keyOf(file->index[i].entry))->entry = file->index[i].entry;
+            }
+        }
+        free(file->index);
+        file->index = index;
+        file->indexSize = size;
+    }
+    conf_slot* slot = slotOf(file->index, file->indexSize, keyOf(entry));
+    if (slot->entry != nullptr) {
+        freeEntry(slot->entry);
+    } else {
+        ++file->keys;
+    }
+    slot->entry = entry;
+    return true;
+}
+
+// Copies the text with its terminator to `to`; the position after it.
+char* copyOut(char* to, const conf::Text& text) {
+    const uint32_t n = text.length();
+    if (n != 0) {
+        memcpy(to, text.data(), n);
+    }
+    to[n] = '\0';
+    return to + n + 1;
 }
 
 int32_t parse(conf::Cursor in, const char* const* prefixes, conf_file* file) {
+    // One key and one value buffer for the whole file: each entry is copied out at its size.
+    conf::Text key;
+    conf::Text raw;
     for (;;) {
         if (!conf::skipToItem(in)) {
             return 0;
         }
-        conf::Text key;
+        key.cut(0);
+        raw.cut(0);
         if (prefixes != nullptr) {
             const char* prefix = conf::matchPrefix(in, prefixes);
             if (prefix == nullptr) {
@@ -73,20 +169,20 @@ int32_t parse(conf::Cursor in, const char* const* prefixes, conf_file* file) {
         if (found == conf::KeyResult::END) {
             return 0;
         }
-        conf::Text raw;
         conf::readRawValue(in, raw);
-        if (found == conf::KeyResult::FAILED || raw.failed()) {
+        if (found == conf::KeyResult::FAILED || key.failed() || raw.failed()) {
             return CONF_ERR_NOMEM;
         }
-        conf_entry* entry = static_cast<conf_entry*>(calloc(1, sizeof(conf_entry)));
+        const size_t keyLength = key.length();
+        const size_t rawLength = raw.length();
+        auto* entry =
+            static_cast<conf_entry*>(malloc(sizeof(conf_entry) + keyLength + rawLength + 2));
         if (entry == nullptr) {
             return CONF_ERR_NOMEM;
         }
-        entry->key = key.take();
-        entry->raw = raw.take();
-        entry->next = file->entries;
-        file->entries = entry;
-        if (entry->key == nullptr || entry->raw == nullptr) {
+        copyOut(copyOut(reinterpret_cast<char*>(entry + 1), key), raw);
+        entry->lookup = nullptr;
+        if (!addEntry(file, entry)) {
             return CONF_ERR_NOMEM;
         }
     }
@@ -228,49 +324,43 @@ int32_t readListFile(conf_file* file, const char* path, char** out) {
 
 // Once per entry: a value beginning with "file:/" is replaced by its list file's text. A
 // failure is kept in the entry.
-void resolveFileReference(conf_file* file, conf_entry* e) {
-    if (e->flags & FILE_CHECKED) {
+void resolveFileReference(conf_file* file, conf_lookup* l, const char* raw) {
+    if (l->flags & FILE_CHECKED) {
         return;
     }
-    e->flags |= FILE_CHECKED;
-    const char* p = e->raw;
+    l->flags |= FILE_CHECKED;
+    const char* p = raw;
     while (*p == ' ' || *p == '\t' || conf::isLineEnd(*p)) {
         ++p;
     }
     if (strncmp(p, "file:/", 6) != 0) {
         return;
     }
-    e->fileStatus = expandText(file, e->raw, &e->fileRef);
-    if (e->fileStatus != 0) {
+    l->fileStatus = expandText(file, raw, &l->fileRef);
+    if (l->fileStatus != 0) {
         return;
     }
-    char* list = nullptr;
-    e->fileStatus = readListFile(file, strchr(e->fileRef, '/'), &list);
-    if (e->fileStatus == 0) {
-        free(e->raw);
-        e->raw = list;
-    }
+    l->fileStatus = readListFile(file, strchr(l->fileRef, '/'), &l->list);
 }
 
 int32_t expandEntry(conf_file* file, conf_entry* e) {
-    e->flags |= IN_PROGRESS;
+    if (e->lookup == nullptr) {
+        e->lookup = static_cast<conf_lookup*>(calloc(1, sizeof(conf_lookup)));
+        if (e->lookup == nullptr) {
+            return CONF_ERR_NOMEM;
+        }
+    }
+    conf_lookup* l = e->lookup;
+    l->flags |= IN_PROGRESS;
     ++file->nesting;
-    resolveFileReference(file, e);
-    int32_t rc = e->fileStatus;
+    resolveFileReference(file, l, rawOf(e));
+    int32_t rc = l->fileStatus;
     if (rc == 0) {
-        rc = expandText(file, e->raw, &e->expanded);
+        rc = expandText(file, rawOf(e), &l->expanded);
     }
     --file->nesting;
-    e->flags &= static_cast<uint8_t>(~IN_PROGRESS);
+    l->flags &= static_cast<uint8_t>(~IN_PROGRESS);
     return rc;
-}
-
-void freeEntry(conf_entry* e) {
-    free(e->key);
-    free(e->raw);
-    free(e->expanded);
-    free(e->fileRef);
-    free(e);
 }
 
 // The entry of `key` with its value expanded. Null for a key that is missing or being
@@ -278,10 +368,10 @@ void freeEntry(conf_entry* e) {
 conf_entry* expandedEntry(conf_file* file, const char* key, int32_t* rc) {
     *rc = 0;
     conf_entry* e = file != nullptr && key != nullptr ? findEntry(file, key) : nullptr;
-    if (e == nullptr || (e->flags & IN_PROGRESS)) {
+    if (e == nullptr || (e->lookup != nullptr && (e->lookup->flags & IN_PROGRESS))) {
         return nullptr;
     }
-    if (e->expanded == nullptr) {
+    if (e->lookup == nullptr || e->lookup->expanded == nullptr) {
         *rc = expandEntry(file, e);
     }
     return *rc == 0 ? e : nullptr;
@@ -330,7 +420,7 @@ const char* conf_get_string(conf_file* file, const char* key, const char* def, i
     if (rc != 0) {
         return nullptr;
     }
-    return e != nullptr ? e->expanded : def;
+    return e != nullptr ? e->lookup->expanded : def;
 }
 
 int32_t conf_get_int(conf_file* file, const char* key, int32_t def, int32_t* status) {
@@ -343,28 +433,30 @@ int32_t conf_get_int(conf_file* file, const char* key, int32_t def, int32_t* sta
     if (e == nullptr) {
         return def;
     }
-    if (!(e->flags & INT_PARSED)) {
+    conf_lookup* l = e->lookup;
+    if (!(l->flags & INT_PARSED)) {
         char* end = nullptr;
         errno = 0;
-        const long value = strtol(e->expanded, &end, 0);
-        e->flags |= INT_PARSED;
-        if (end != e->expanded && errno != ERANGE && value >= INT32_MIN && value <= INT32_MAX) {
-            e->flags |= INT_VALID;
-            e->integer = static_cast<int32_t>(value);
+        const long value = strtol(l->expanded, &end, 0);
+        l->flags |= INT_PARSED;
+        if (end != l->expanded && errno != ERANGE && value >= INT32_MIN && value <= INT32_MAX) {
+            l->flags |= INT_VALID;
+            l->integer = static_cast<int32_t>(value);
         }
     }
-    return (e->flags & INT_VALID) ? e->integer : def;
+    return (l->flags & INT_VALID) ? l->integer : def;
 }
 
 void conf_free(conf_file* file) {
     if (file == nullptr) {
         return;
     }
-    for (conf_entry* e = file->entries; e != nullptr;) {
-        conf_entry* next = e->next;
-        freeEntry(e);
-        e = next;
+    for (uint32_t i = 0; i < file->indexSize; ++i) {
+        if (file->index[i].entry != nullptr) {
+            freeEntry(file->index[i].entry);
+        }
     }
+    free(file->index);
     for (char* slot : file->slots) {
         free(slot);
     }

@@ -24,6 +24,8 @@ class Text {
     bool add(const char* text, size_t n);
     bool add(const char* text);
     uint32_t length() const { return bytebuf_length(&m_buf); }
+    // The bytes so far (not terminated); null while empty.
+    const char* data() const { return reinterpret_cast<const char*>(bytebuf_data(&m_buf)); }
     // Drops everything after the first n bytes.
     void cut(uint32_t n);
     bool failed() const { return m_failed; }

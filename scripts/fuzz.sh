@@ -1,21 +1,40 @@
 #!/usr/bin/env bash
-# Usage: scripts/fuzz.sh [seconds]: builds every fuzz/<name>_fuzz.cpp with clang's libFuzzer and
-# ASan+UBSan in build-fuzz, and runs each for the given seconds (default 30) over a working copy
-# (fuzz/corpus-work/<name>/) of its seed corpus fuzz/corpus/<name>/. Fails when any target finds a
-# crash, a leak or undefined behaviour; the input that did it is kept in build-fuzz/artifacts/.
+# Usage: scripts/fuzz.sh [SECONDS [TARGET...]]: builds every fuzz/<name>_fuzz.cpp with clang's
+# libFuzzer and ASan+UBSan in build-fuzz, and runs each (or each TARGET named, e.g. conf_fuzz) for
+# SECONDS (default 30) over a working copy (fuzz/corpus-work/<name>/) of its seed corpus
+# fuzz/corpus/<name>/. Inputs may grow at once to what a real one holds (kMaxLen below), and an
+# input that takes more than 10 seconds, or 2 GiB, is a finding as much as a crash, a leak or
+# undefined behaviour: the run fails and the input is kept in build-fuzz/artifacts/. Under the
+# sanitizers a file of 1 MiB takes up to 3 seconds; a cost that grows with the square of the
+# size takes minutes there.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${1:-30}
+shift $(($# > 0 ? 1 : 0))
 case "$seconds" in
   '' | *[!0-9]*) echo "fuzz.sh: seconds must be a whole number, not '$seconds'" >&2; exit 2 ;;
 esac
 command -v clang++ >/dev/null 2>&1 || { echo "fuzz.sh: clang++ (libFuzzer) is not installed" >&2; exit 2; }
 "$top/scripts/setup.sh" fuzz
 
+# The largest input of each target: a reply frame at the 16 MiB limit, configuration and
+# setting files of 1 MiB (fuzz/repeat.h makes larger files of small inputs), format strings and
+# paths of 64 KiB.
+declare -A kMaxLen=(
+  [exchange_reply_fuzz]=$((16 << 20)) [msg_parse_fuzz]=$((16 << 20))
+  [conf_fuzz]=$((1 << 20)) [properties_parse_fuzz]=$((1 << 20)) [kset_read_fuzz]=$((1 << 20))
+  [format_fuzz]=65536 [path_parse_fuzz]=65536
+)
+
 shopt -s nullglob
-targets=()
-for src in "$top"/fuzz/*_fuzz.cpp; do
-  targets+=("$(basename "$src" .cpp)")
+targets=("$@")
+if [ ${#targets[@]} -eq 0 ]; then
+  for src in "$top"/fuzz/*_fuzz.cpp; do
+    targets+=("$(basename "$src" .cpp)")
+  done
+fi
+for target in "${targets[@]}"; do
+  [ -n "${kMaxLen[$target]:-}" ] || { echo "fuzz.sh: no input size for target '$target'" >&2; exit 2; }
 done
 if [ ${#targets[@]} -eq 0 ]; then
   echo "fuzz.sh: no fuzz targets in fuzz/" >&2
@@ -41,6 +60,7 @@ for target in "${targets[@]}"; do
   fi
   echo "fuzz.sh: $target for ${seconds}s" >&2
   if ! "$dir/fuzz/$target" -max_total_time="$seconds" -print_final_stats=1 \
+      -max_len="${kMaxLen[$target]}" -len_control=0 -timeout=10 -rss_limit_mb=2048 \
       -artifact_prefix="$dir/artifacts/$name-" "$work"; then
     failed+=("$target")
   fi

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "support/alloc_hooks.h"  // the link wraps malloc and free
+#include "support/child.h"
 #include "support/files.h"
 #include "support/hermetic.h"
 
@@ -127,6 +128,55 @@ TEST(Conf, LongReferenceChains) {
     EXPECT_EQ(conf.str("k63"), "end");
     EXPECT_EQ(conf.str("k200"), "$k136");
     EXPECT_EQ(conf.str("k20000"), "$k19936");
+}
+
+// Memory and time in proportion to the file: at most 64 bytes per distinct key besides the
+// file's bytes, and a lookup that does not walk every key. The memory bound is far above
+// that and far below the 140 times the file that a block per text of each line took; the CPU
+// bound far above a lookup naming 300,000 keys and far below walking all keys for each.
+TEST(Conf, LinearInTheInput) {
+    TempDir dir;
+    std::string repeated;
+    std::string continued;
+    std::string joined;
+    for (int i = 0; i < 1000000; ++i) {
+        repeated += "a=b\n";
+        continued += "a\\\n";
+        joined += "a ";
+    }
+    std::string keys;
+    std::string named = "k=";
+    for (int i = 0; i < 300000; ++i) {
+        keys += "k" + std::to_string(i) + "=x\n";
+        named += "$k" + std::to_string(i);
+    }
+    struct Case {
+        const char* name;
+        std::string text;
+        std::string value;  // of the key "k"
+        long maxGrowthKb;   // 0: not bounded
+    };
+    const Case cases[] = {
+        {"4 MB of a=b lines", repeated + "k=v\n", "v",
+         static_cast<long>(repeated.size() * 12 / 1024)},
+        {"a million continuation lines", "k=" + continued + "end\n", joined + "end", 0},
+        {"a value naming 300,000 keys", keys + named + "\n", std::string(300000, 'x'), 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = dir.write("big.conf", c.text);
+        const kvtest::BoundedRun run = kvtest::runBounded(
+            [&] {
+                Conf conf(path);
+                return conf.str("k") == c.value ? 0 : 1;
+            },
+            20);
+        EXPECT_EQ(run.status, 0);
+        if (c.maxGrowthKb != 0 && kvtest::kLibcAllocator) {
+            EXPECT_GT(run.growthKb, 0);
+            EXPECT_LE(run.growthKb, c.maxGrowthKb);
+        }
+    }
 }
 
 TEST(Conf, OpenFailures) {

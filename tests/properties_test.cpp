@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
 
+#include "support/child.h"
 #include "support/files.h"
 #include "support/hermetic.h"
 #include "zfw/properties.h"
@@ -138,6 +141,70 @@ TEST_F(PropertiesTest, GettersAndEarlierKeys) {
         EXPECT_EQ(props->getBool(b.key, true), b.withTrue) << b.key;
     }
     EXPECT_EQ(props->get("absent"), "");
+}
+
+// A second parse into the same store: keys it does not give keep their values, but neither
+// variables nor lists see their text any more; keys it gives again are seen, with their
+// text before processing.
+TEST_F(PropertiesTest, KeysOfAnEarlierParse) {
+    const auto props = storeOf("kept=a b\nquoted=\"q r\"\nplain=p\n");
+    std::istringstream second("quoted=\"s t\"\nplain=n\nv=[$kept][$quoted][$plain]\n");
+    props->parse(second, true);
+    EXPECT_EQ(props->get("kept"), "a b");
+    EXPECT_EQ(props->get("quoted"), "s t");
+    EXPECT_EQ(props->get("v"), "[][s t][n]");
+    EXPECT_EQ(*props->getList("kept"), listOf({}));
+    EXPECT_EQ(*props->getList("quoted"), listOf({"s t"}));
+    EXPECT_EQ(*props->getList("plain"), listOf({"n"}));
+}
+
+// Joining continuation lines takes time, and a loaded file memory, in proportion to the
+// input. The bounds are many times what that takes and a fraction of what rescanning the
+// joined line after each continuation, or keeping the file and each entry twice, took.
+TEST_F(PropertiesTest, LinearInTheInput) {
+    TempDir dir;
+    std::string joined;
+    std::string continued;
+    for (int i = 0; i < 1000000; ++i) {
+        continued += "a\\\n";
+        joined += "a ";
+    }
+    std::string distinct;
+    char line[32];
+    for (int i = 0; i < 320000; ++i) {
+        snprintf(line, sizeof line, "key.%08d=value%06d\n", i, i);
+        distinct += line;
+    }
+    struct Case {
+        const char* name;
+        std::string text;
+        const char* key;
+        std::string value;
+        size_t entries;
+        long maxGrowthKb;  // 0: not bounded
+    };
+    const Case cases[] = {
+        {"a million continuation lines", "k=" + continued + "end\n", "k", joined + "end", 1, 0},
+        {"8 MB of distinct keys", distinct, "key.00319999", "value319999", 320000,
+         static_cast<long>(distinct.size() * 8 / 1024)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = dir.write("big.conf", c.text);
+        const kvtest::BoundedRun run = kvtest::runBounded(
+            [&] {
+                Properties props(false, false);
+                props.load(path, false);
+                const auto size = static_cast<size_t>(std::distance(props.begin(), props.end()));
+                return props.get(c.key) == c.value && size == c.entries ? 0 : 1;
+            },
+            20);
+        EXPECT_EQ(run.status, 0);
+        if (c.maxGrowthKb != 0 && kvtest::kLibcAllocator) {
+            EXPECT_GT(run.growthKb, 0);
+            EXPECT_LE(run.growthKb, c.maxGrowthKb);
+        }
+    }
 }
 
 TEST_F(PropertiesTest, Lists) {

@@ -124,6 +124,10 @@ bool readRegularFile(const std::string& fileName, std::string& content) {
     struct stat st;
     bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
     content.clear();
+    if (ok) {
+        // Sized once: growing by doubling would hold up to twice the file for a moment.
+        content.reserve(static_cast<size_t>(st.st_size));
+    }
     char buffer[8192];
     while (ok) {
         const ssize_t n = read(fd, buffer, sizeof buffer);

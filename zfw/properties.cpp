@@ -95,6 +95,12 @@ class QuoteState {
     bool m_single = false;
 };
 
+// A text read in place as a stream: the file is parsed without a second copy of it.
+class TextStream : public std::streambuf {
+  public:
+    explicit TextStream(std::string& text) { setg(&text[0], &text[0], &text[0] + text.size()); }
+};
+
 // The state at the end of `s`.
 QuoteState scanned(const std::string& s) {
     QuoteState state;
@@ -150,7 +156,8 @@ void Properties::dumpToTty() {
 void Properties::load(const std::string& path, bool expand) {
     std::string content;
     if (readRegularFile(path, content)) {
-        std::istringstream in(content);
+        TextStream text(content);
+        std::istream in(&text);
         parse(in, expand);
     }
     if (!loaded()) {
@@ -163,6 +170,7 @@ void Properties::load(const std::string& path, bool expand) {
 bool Properties::reload() {
     MutexLock lock(m_mutex);
     m_raw.clear();
+    m_stale.clear();
     m_listCache.clear();
     m_params.clear();
     m_values.clear();
@@ -186,19 +194,35 @@ void Properties::parse(std::istream& in, bool expand) {
         return;
     }
     resolveJoinParams();
+    // The input's keys are collected apart, so that a key read earlier counts as given
+    // only when this input gives it too.
+    Map earlier;
+    earlier.swap(m_values);
+    m_stale.clear();
     std::string line;
     std::string scratch;
     std::string key;
+    std::string raw;
     std::string value;
     while (readLogicalLine(in, line, scratch, true)) {
-        if (!parseLine(line, key, value)) {
+        if (!parseLine(line, key, raw)) {
             continue;
         }
-        substituteVariables(value);
-        m_raw[key] = value;
+        substituteVariables(raw);
+        value = raw;
         removeEscapes(value);
         stripQuotes(value);
+        if (value != raw) {
+            m_raw[key] = raw;
+        } else {
+            m_raw.erase(key);
+        }
         m_values[key] = value;
+    }
+    for (auto& entry : earlier) {
+        if (m_values.emplace(entry.first, std::move(entry.second)).second) {
+            m_stale.insert(entry.first);
+        }
     }
     m_loaded = true;
     noteOpenlogChoiceIfProcessWide();
@@ -289,9 +313,9 @@ boost::shared_ptr<StringList> Properties::getList(const std::string& key, const 
         if (cached != m_listCache.end()) {
             return cached->second;
         }
-        const auto raw = m_raw.find(key);
-        if (raw != m_raw.end()) {
-            stored = raw->second;
+        const std::string* raw = rawOf(key);
+        if (raw != nullptr) {
+            stored = *raw;
         }
     }
     const std::string* candidates[] = {&stored, def};
@@ -439,6 +463,15 @@ void Properties::write(std::ostream& out, const std::string& comment) const {
     }
 }
 
+const std::string* Properties::rawOf(const std::string& key) const {
+    const auto raw = m_raw.find(key);
+    if (raw != m_raw.end()) {
+        return &raw->second;
+    }
+    const auto value = m_stale.count(key) == 0 ? m_values.find(key) : m_values.end();
+    return value != m_values.end() ? &value->second : nullptr;
+}
+
 bool Properties::loaded() const {
     MutexLock lock(m_mutex);
     return m_loaded;
@@ -454,7 +487,11 @@ bool Properties::isWordChar(char c) {
 }
 
 bool Properties::endsWithEscape(const std::string& s) {
-    return scanned(s).escaped();
+    // Only the trailing run of backslashes decides, so joining continuation lines never
+    // rescans the line joined so far.
+    const size_t last = s.find_last_not_of('\\');
+    const size_t run = last == std::string::npos ? s.size() : s.size() - 1 - last;
+    return run % 2 == 1;
 }
 
 bool Properties::isInsideQuotes(const std::string& s) {
@@ -670,9 +707,9 @@ void Properties::substituteVariables(std::string& value) {
             replacement = env;
             found = true;
         } else {
-            const auto raw = m_raw.find(name);
-            if (raw != m_raw.end() && !raw->second.empty()) {
-                replacement = raw->second;
+            const std::string* raw = rawOf(name);
+            if (raw != nullptr && !raw->empty()) {
+                replacement = *raw;
                 found = true;
             }
         }

@@ -168,8 +168,13 @@ ReplaceResult replaceFile(const std::string& path, const std::string& newPath,
 void Properties::setList(const std::string& key, const StringList& items, bool escapeDollars) {
     const std::string text = formatList(items, escapeDollars);
     MutexLock lock(m_mutex);
+    storeList(key, text);
+}
+
+void Properties::storeList(const std::string& key, const std::string& text) {
     m_values[key] = text;
-    m_raw[key] = text;
+    m_raw.erase(key);
+    m_stale.erase(key);
     m_listCache.erase(key);
 }
 
@@ -190,9 +195,7 @@ bool Properties::addToList(const std::string& key, const StringList& items, bool
     if (text == (stored == m_values.end() ? m_empty : stored->second)) {
         return false;
     }
-    m_values[key] = text;
-    m_raw[key] = text;
-    m_listCache.erase(key);
+    storeList(key, text);
     return true;
 }
 

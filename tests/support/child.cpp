@@ -1,8 +1,10 @@
 #include "support/child.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -42,6 +44,38 @@ void dieWithParent(pid_t parent) {
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
         _exit(126);
     }
+}
+
+BoundedRun runBounded(const std::function<int()>& body, int cpuSeconds) {
+    BoundedRun run = {-1, -1};
+    int growth[2];
+    if (pipe2(growth, O_CLOEXEC) != 0) {
+        return run;
+    }
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dieWithParent(parent);
+        const rlimit cpu = {static_cast<rlim_t>(cpuSeconds), static_cast<rlim_t>(cpuSeconds) + 1};
+        rusage before = {};
+        rusage after = {};
+        if (setrlimit(RLIMIT_CPU, &cpu) != 0 || getrusage(RUSAGE_SELF, &before) != 0) {
+            _exit(125);
+        }
+        const int status = body();
+        getrusage(RUSAGE_SELF, &after);
+        const long kb = after.ru_maxrss - before.ru_maxrss;
+        _exit(writeFully(growth[1], &kb, sizeof kb) ? status : 125);
+    }
+    close(growth[1]);
+    if (pid > 0) {
+        run.status = waitExitWithin(pid, 10 * cpuSeconds + 10);
+        if (!readFully(growth[0], &run.growthKb, sizeof run.growthKb)) {
+            run.growthKb = -1;
+        }
+    }
+    close(growth[0]);
+    return run;
 }
 
 int waitExitWithin(pid_t pid, int seconds) {

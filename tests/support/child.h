@@ -42,6 +42,33 @@ void sleepMs(int ms);
 // test leaves anything running, whether it passes, fails or is killed for its time limit.
 void dieWithParent(pid_t parent);
 
+// Memory figures are the C library allocator's; a sanitizer's runtime replaces it (redzones,
+// quarantine, shadow memory), so they mean nothing there.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kLibcAllocator = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kLibcAllocator = false;
+#else
+constexpr bool kLibcAllocator = true;
+#endif
+#else
+constexpr bool kLibcAllocator = true;
+#endif
+
+// What runBounded saw of its child: the exit status (128 + the signal that ended it, SIGXCPU
+// when it ran out of CPU time) and how far the child's peak resident size grew while the body
+// ran, in KiB (-1 when unknown).
+struct BoundedRun {
+    int status;
+    long growthKb;
+};
+
+// Runs `body` in a child process limited to `cpuSeconds` of CPU time: a bound against a
+// runaway, not a measurement. A child still running after 10 times that in real time, plus 10
+// seconds, is killed.
+BoundedRun runBounded(const std::function<int()>& body, int cpuSeconds);
+
 // Waits up to `seconds` for `pid`, then kills it: its exit status, or 128 + the signal that
 // ended it (137 after the limit).
 int waitExitWithin(pid_t pid, int seconds);

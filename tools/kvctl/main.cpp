@@ -500,7 +500,7 @@ Result stop(Lrpc2Client& client, const Run& run) {
         if (run.wait >= 0) {
             // Opened while the daemon holds the connection, so that the pid cannot name
             // another process by the time it is waited for.
-            pid = client.peerPid();
+            pid = client.listenerPid();
             pidfd = pid > 0 ? static_cast<int>(syscall(SYS_pidfd_open, pid, 0)) : -1;
             if (pidfd < 0) {
                 throw failed("cannot watch the daemon's process: " +

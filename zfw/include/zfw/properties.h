@@ -15,6 +15,7 @@
 #include <boost/shared_ptr.hpp>
 #include <iosfwd>
 #include <map>
+#include <set>
 #include <string>
 
 #include "zfw/mutex.h"
@@ -145,9 +146,22 @@ class Properties {
     boost::shared_ptr<StringList> splitList(const std::string& text) const;
     bool readListFile(const std::string& fileName, StringList& out) const;
 
+    // The text of `key` before escapes and quotes were processed, or null when the latest
+    // parse did not give the key. The caller holds m_mutex.
+    const std::string* rawOf(const std::string& key) const;
+    // Stores the file-syntax text of an edited list as both texts of `key`. The caller holds
+    // m_mutex.
+    void storeList(const std::string& key, const std::string& text);
+
+    // Memory: the processed values hold one map node (about 100 bytes) per key besides
+    // the key's and value's own bytes; only keys whose text before processing differs (it
+    // holds escapes or quotes) have a second one in m_raw. So a loaded file takes its own
+    // size plus about 100 bytes per distinct key (for "key.00000000=value000000" lines,
+    // 5.5 times the file), and loading holds the file's bytes once more.
     Map m_values;
     mutable Mutex m_mutex;
-    Map m_raw;
+    Map m_raw;                      // the texts before processing, where they differ
+    std::set<std::string> m_stale;  // keys in m_values from an earlier parse only
     std::map<std::string, boost::shared_ptr<StringList>> m_listCache;
     Map m_params;
     bool m_loaded;
