@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Usage: scripts/setup.sh [demo|test|bench|fuzz|coverage|interop]: installs what that needs
-# (default: test); safe to run any number of times.
+# Usage: scripts/setup.sh [demo|package|test|debian|bench|fuzz|coverage|interop]: installs
+# what that needs (default: test); safe to run any number of times.
 #   demo   building kvstop, kvctl and kvdsim only (scripts/demo.sh)
-#   test   building and running the test suite (scripts/test.sh)
+#   package  the Debian packages' build dependencies (debian/control) and dpkg-buildpackage
+#   test   building and running the test suite (scripts/test.sh), the package test included
+#   debian autopkgtest and piuparts in bookworm chroots (scripts/debian-check.sh)
 #   bench  building and running the benchmarks (scripts/bench.sh)
 #   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
 #   coverage  the test set and gcovr (scripts/coverage.sh)
@@ -22,12 +24,19 @@ say() {
 }
 
 build=(cmake ninja-build g++ libboost-dev nlohmann-json3-dev)
-test=("${build[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind dpkg-dev file pkgconf
-      groff-base man-db python3-jsonschema zsh fish)
+# Build-Depends of debian/control without versions (debhelper-compat is debhelper's).
+mapfile -t package < <(sed -n '/^Build-Depends:/,/^[A-Z][-A-Za-z]*:/{/^Build-Depends:/!{/^ /!d}; s/^Build-Depends://; p}' \
+  "$(dirname "$0")/../debian/control" | tr ',' '\n' | sed 's/([^)]*)//; s/[[:space:]]//g; /^$/d; s/^debhelper-compat$/debhelper/')
+package+=(dpkg-dev)
+# The package test: lintian, hardening-check (devscripts), mandoc and systemd-analyze.
+test=("${build[@]}" "${package[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind file
+      pkgconf groff-base man-db python3-jsonschema zsh fish lintian devscripts mandoc systemd)
 profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;
+  package) packages=("${package[@]}") ;;
   test) packages=("${test[@]}") ;;
+  debian) packages=("${package[@]}" autopkgtest piuparts debootstrap) ;;
   # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table,
   # gnuplot draws the message sweep.
   bench) packages=("${build[@]}" libbenchmark-dev libprotobuf-dev protobuf-compiler python3
@@ -36,7 +45,8 @@ case "$profile" in
   coverage) packages=("${test[@]}" gcovr) ;;
   interop) packages=("${build[@]}" util-linux iproute2 curl python3 libmonitoring-plugin-perl
                      python3-nagiosplugin) ;;
-  *) echo "setup: unknown profile '$profile' (demo, test, bench, fuzz, coverage or interop)" >&2; exit 2 ;;
+  *) echo "setup: unknown profile '$profile' (demo, package, test, debian, bench, fuzz, coverage or interop)" >&2
+     exit 2 ;;
 esac
 # Packages whose programs are only unpacked (interop): a service's package, never installed.
 unpacked=()
