@@ -50,7 +50,7 @@ fi
 
 t0=$SECONDS
 kv_show "building the packages"
-changes=$(bash "$top/scripts/debs.sh" "$top" "$dir/current" 2>>"$kv_log") || kv_fail "building failed"
+bash "$top/scripts/debs.sh" "$top" "$dir/current" >/dev/null 2>>"$kv_log" || kv_fail "building failed"
 kv_done "building the packages ($(kv_elapsed "$t0"))"
 arch=$(dpkg --print-architecture)
 debs=()
@@ -64,6 +64,7 @@ if [ "$what" != piuparts ]; then
   root=$dir/autopkgtest-root
   rm -rf "$root"
   mkdir -p "$root"
+  # shellcheck disable=SC2016 # the chroot's script expands its own arguments
   unshare -m --propagation private bash -c '
     set -e
     root=$1 base=$2
