@@ -24,10 +24,11 @@ say() {
 }
 
 build=(cmake ninja-build g++ libboost-dev nlohmann-json3-dev)
-# Build-Depends of debian/control without versions (debhelper-compat is debhelper's).
+# Build-Depends of debian/control without versions (debhelper-compat is debhelper's), and
+# what dpkg-buildpackage always needs.
 mapfile -t package < <(sed -n '/^Build-Depends:/,/^[A-Z][-A-Za-z]*:/{/^Build-Depends:/!{/^ /!d}; s/^Build-Depends://; p}' \
   "$(dirname "$0")/../debian/control" | tr ',' '\n' | sed 's/([^)]*)//; s/[[:space:]]//g; /^$/d; s/^debhelper-compat$/debhelper/')
-package+=(dpkg-dev)
+package+=(dpkg-dev build-essential)
 # The package test: lintian, hardening-check (devscripts), mandoc and systemd-analyze.
 test=("${build[@]}" "${package[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind file
       pkgconf groff-base man-db python3-jsonschema zsh fish lintian devscripts mandoc systemd)
