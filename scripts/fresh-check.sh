@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Usage: scripts/fresh-check.sh [DIR]   (maintainers, as root; not part of the tests)
+# Usage: scripts/fresh-check.sh [DIR [COMMAND...]]   (maintainers, as root; not part of the tests)
 # What a newcomer meets on a fresh machine: makes a new Debian bookworm minbase root in DIR
 # (default /var/tmp/kvstop-fresh; an old one there is removed) with debootstrap, copies this
-# tree to /srv/kvstop in it, and runs the README's two commands there as root, without sudo,
-# in order, twice: the second round shows that they can be run again. Each run happens in a
+# tree to /srv/kvstop in it, and runs the README's two commands (or the COMMANDs) there as
+# root, without sudo, in order, twice: the second round shows that they can be run again. Each run happens in a
 # private mount namespace in which DIR is bind-mounted onto itself (so that / is a mount point
 # inside the chroot) with /proc, /sys and /dev, all of which end with the run. Prints every
 # command's output, then a table of exit statuses, times and disk use, and checks that no
@@ -12,6 +12,8 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 root=${1:-/var/tmp/kvstop-fresh}
 root=$(realpath -m "$root")
+commands=("${@:2}")
+[ ${#commands[@]} -gt 0 ] || commands=("bash scripts/demo.sh" "bash scripts/test.sh")
 [ "$(id -u)" -eq 0 ] || { echo "fresh-check.sh: run as root" >&2; exit 1; }
 case "$root" in /) echo "fresh-check.sh: DIR must not be /" >&2; exit 2 ;; esac
 exec > >(tee "$root.log") 2>&1
@@ -56,14 +58,15 @@ in_root() {
 }
 
 for round in 1 2; do
-  for cmd in "bash scripts/demo.sh" "bash scripts/test.sh"; do
+  for cmd in "${commands[@]}"; do
     echo
     echo "== round $round: # $cmd"
     before=$(mb "$root")
     t=$(now)
     rc=0
     in_root "cd /srv/kvstop && $cmd" </dev/null || rc=$?
-    rows+=("$(printf '%-22s %6s %9s %9s' "${cmd#bash scripts/} ($round)" "$rc" \
+    label="$(cut -c1-16 <<<"${cmd#bash scripts/}") ($round)"
+    rows+=("$(printf '%-22s %6s %9s %9s' "$label" "$rc" \
       "$(($(now) - t)) s" "+$(($(mb "$root") - before)) MB")")
   done
 done

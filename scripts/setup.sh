@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Usage: scripts/setup.sh [demo|test|bench|fuzz|coverage|interop]: installs what that needs
-# (default: test); safe to run any number of times.
+# Usage: scripts/setup.sh [demo|package|test|debian|bench|fuzz|coverage|interop]: installs
+# what that needs (default: test); safe to run any number of times.
 #   demo   building kvstop, kvctl and kvdsim only (scripts/demo.sh)
-#   test   building and running the test suite (scripts/test.sh), with Ansible's tools for the
-#          collection in ansible/ and promtool for the alert rules (unpacked as for interop)
+#   package  the Debian packages' build dependencies (debian/control) and dpkg-buildpackage
+#   test   building and running the test suite (scripts/test.sh), the package test included,
+#          with Ansible's tools for the collection in ansible/ and promtool for the alert
+#          rules (unpacked as for interop)
+#   debian autopkgtest and piuparts in bookworm chroots (scripts/debian-check.sh)
 #   bench  building and running the benchmarks (scripts/bench.sh)
 #   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
 #   coverage  the test set and gcovr (scripts/coverage.sh)
@@ -23,15 +26,23 @@ say() {
 }
 
 build=(cmake ninja-build g++ libboost-dev nlohmann-json3-dev)
-test=("${build[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind dpkg-dev file pkgconf
-      groff-base man-db python3-jsonschema zsh fish
+# Build-Depends of debian/control without versions (debhelper-compat is debhelper's), and
+# what dpkg-buildpackage always needs.
+mapfile -t package < <(sed -n '/^Build-Depends:/,/^[A-Z][-A-Za-z]*:/{/^Build-Depends:/!{/^ /!d}; s/^Build-Depends://; p}' \
+  "$(dirname "$0")/../debian/control" | tr ',' '\n' | sed 's/([^)]*)//; s/[[:space:]]//g; /^$/d; s/^debhelper-compat$/debhelper/')
+package+=(dpkg-dev build-essential)
+# The package test: lintian, hardening-check (devscripts), mandoc and systemd-analyze.
+test=("${build[@]}" "${package[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind file
+      pkgconf groff-base man-db python3-jsonschema zsh fish lintian devscripts mandoc systemd
       # ansible-test sanity and units, ansible-lint (ansible/tests/check.sh)
       ansible-core ansible-lint yamllint shellcheck pylint python3-pycodestyle python3-voluptuous
       python3-venv python3-pytest python3-pytest-xdist python3-pytest-forked)
 profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;
+  package) packages=("${package[@]}") ;;
   test) packages=("${test[@]}") ;;
+  debian) packages=("${package[@]}" autopkgtest piuparts debootstrap) ;;
   # Protocol Buffers only as the message benchmark's yardstick; python3 prints the table,
   # gnuplot draws the message sweep.
   bench) packages=("${build[@]}" libbenchmark-dev libprotobuf-dev protobuf-compiler python3
@@ -40,7 +51,8 @@ case "$profile" in
   coverage) packages=("${test[@]}" gcovr) ;;
   interop) packages=("${build[@]}" util-linux iproute2 curl python3 libmonitoring-plugin-perl
                      python3-nagiosplugin) ;;
-  *) echo "setup: unknown profile '$profile' (demo, test, bench, fuzz, coverage or interop)" >&2; exit 2 ;;
+  *) echo "setup: unknown profile '$profile' (demo, package, test, debian, bench, fuzz, coverage or interop)" >&2
+     exit 2 ;;
 esac
 # Packages whose programs are only unpacked (interop): a service's package, never installed.
 unpacked=()

@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
-# Usage: package_test.sh BUILD_DIR [CFLAGS...] (as root, under tests/support/hermetic.sh)
-# Makes the Debian package of BUILD_DIR with CPack and installs it with dpkg into this
-# namespace only: /etc and /var are hermetic.sh's overlays and /usr gets one here, so the
-# host's files and package database never change. Checks that kvstop and kvctl are on
-# root's PATH, that man finds every page, that bash, zsh and fish each complete kvctl with
-# its installed completion, that the installed kvctl reads the installed kvdsim's status
-# (its JSON valid under the installed schema) and kvstop stops it, that the
-# installed client library builds a C program through pkg-config, and that purging the
-# package leaves exactly the files that were there before.
+# Usage: package_test.sh SOURCE_DIR (as root, under tests/support/hermetic.sh)
+# Builds the Debian packages of a copy of SOURCE_DIR with dpkg-buildpackage, judges them with
+# lintian, and installs kvstop, kvdsim and libkvstop-dev with dpkg into this namespace only:
+# /etc and /var are hermetic.sh's overlays and /usr gets one here, so the host's files and
+# package database never change. Checks that kvstop and kvctl are on root's PATH, that every
+# binary is hardened, that man and mandoc find nothing to say about the pages, that bash, zsh
+# and fish each complete kvctl with its installed completion, that the installed kvctl reads
+# the installed kvdsim's status (its JSON valid under the installed schema) and kvstop stops
+# it, that a client of each library builds with pkg-config alone and runs, that systemd
+# accepts a unit with the example drop-in, and that purging the packages leaves exactly the
+# files that were there before.
 set -euo pipefail
-build=${1:?usage: package_test.sh BUILD_DIR [CFLAGS...]}
-shift
-cflags=("$@")
+src=${1:?usage: package_test.sh SOURCE_DIR}
 grep -qs ' /var/zantormx ' /proc/self/mounts || { echo "run me under hermetic.sh" >&2; exit 2; }
 
 T=$(mktemp -d /tmp/kvpackage.XXXXXX)
@@ -40,9 +40,12 @@ snapshot() {
     grep -Ev '^/var/lib/dpkg/[a-z]+-old$' | sort
 }
 
-(cd "$build" && cpack -G DEB -B "$T/pkg" >"$T/cpack.log" 2>&1) || { cat "$T/cpack.log"; exit 1; }
-deb=$(ls "$T"/pkg/kvstop_*.deb)
-dpkg-deb --field "$deb"
+changes=$(bash "$src/scripts/debs.sh" "$src" "$T/src") || exit 1
+debs=(kvstop kvdsim libkvstop-dev)
+check "lintian passes every package" lintian --fail-on error,warning "$changes"
+files=()
+for p in "${debs[@]}"; do files+=("$T/src/${p}_1.0.0_$(dpkg --print-architecture).deb"); done
+for f in "${files[@]}"; do dpkg-deb --field "$f" Package Version Depends; done
 
 # A private, writable /usr over the host's.
 mkdir "$T/usr"
@@ -50,22 +53,44 @@ mount -t tmpfs -o mode=755 kvpackage "$T/usr"
 mkdir "$T/usr/up" "$T/usr/wk"
 mount -t overlay overlay -o "lowerdir=/usr,upperdir=$T/usr/up,workdir=$T/usr/wk" /usr
 
-check "kvstop is not installed yet" bash -c '! dpkg -s kvstop >/dev/null 2>&1'
+for p in "${debs[@]}"; do
+  check "$p is not installed yet" bash -c '! dpkg -s "$1" >/dev/null 2>&1' _ "$p"
+done
 check "kvstop is not on root's PATH yet" as_root '! command -v kvstop'
 snapshot >"$T/before"
 
-dpkg -i "$deb" >"$T/dpkg-i.log" 2>&1 || { cat "$T/dpkg-i.log"; exit 1; }
-check "dpkg reports the package installed" \
-  bash -c '[ "$(dpkg-query -W -f="\${Status}" kvstop)" = "install ok installed" ]'
+dpkg -i "${files[@]}" >"$T/dpkg-i.log" 2>&1 || { cat "$T/dpkg-i.log"; exit 1; }
+for p in "${debs[@]}"; do
+  check "dpkg reports $p installed" \
+    bash -c '[ "$(dpkg-query -W -f="\${Status}" "$1")" = "install ok installed" ]' _ "$p"
+done
 check "kvstop is /usr/sbin/kvstop on root's PATH" as_root '[ "$(command -v kvstop)" = /usr/sbin/kvstop ]'
 check "kvdsim is on the PATH" as_root '[ "$(command -v kvdsim)" = /usr/bin/kvdsim ]'
 check "kvctl is /usr/sbin/kvctl on root's PATH" as_root '[ "$(command -v kvctl)" = /usr/sbin/kvctl ]'
-for f in include/lrpc2/lrpc2.h include/zkvfw/lrpc2client.h include/zfw/logger.h \
-         share/man/man8/kvstop.8.gz share/man/man8/kvctl.8.gz share/man/man1/kvdsim.1.gz \
-         share/bash-completion/completions/kvctl share/zsh/vendor-completions/_kvctl \
-         share/fish/vendor_completions.d/kvctl.fish share/kvctl/kvctl.schema.json; do
-  check "/usr/$f belongs to the package" \
-    bash -c '[ "$(dpkg -S "$1")" = "kvstop: $1" ]' _ "/usr/$f"
+lib=lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+dev=libkvstop-dev:$(dpkg --print-architecture)  # Multi-Arch: same
+for f in kvstop=sbin/kvstop kvstop=sbin/kvctl kvstop=share/man/man8/kvstop.8.gz \
+         kvstop=share/man/man8/kvctl.8.gz kvstop=share/bash-completion/completions/kvctl \
+         kvstop=share/zsh/vendor-completions/_kvctl kvstop=share/fish/vendor_completions.d/kvctl.fish \
+         kvstop=share/kvctl/kvctl.schema.json kvstop=share/doc/kvstop/examples/kvctl-stop.conf \
+         kvdsim=bin/kvdsim kvdsim=share/man/man1/kvdsim.1.gz \
+         "$dev=include/lrpc2/lrpc2.h" "$dev=include/zkvfw/lrpc2client.h" "$dev=include/zfw/logger.h" \
+         "$dev=$lib/libzfw_override.a" "$dev=$lib/pkgconfig/lrpc2.pc" "$dev=$lib/pkgconfig/zkvfw.pc" \
+         "$dev=$lib/pkgconfig/zfw.pc"; do
+  check "/usr/${f#*=} belongs to ${f%%=*}" \
+    bash -c '[ "$(dpkg -S "$1")" = "$2: $1" ]' _ "/usr/${f#*=}" "${f%%=*}"
+done
+# PIE, stack protector, read-only relocations and immediate binding; not fortify (the
+# programs replace snprintf themselves), nor what bookworm's dpkg-buildflags does not add.
+for b in /usr/sbin/kvstop /usr/sbin/kvctl /usr/bin/kvdsim; do
+  check "$b is hardened" bash -c '[ "$(hardening-check --nofortify --nocfprotection "$1")" = "$1:
+ Position Independent Executable: yes
+ Stack protected: yes
+ Fortify Source functions: no, only unprotected functions found! (ignored)
+ Read-only relocations: yes
+ Immediate binding: yes
+ Stack clash protection: unknown, no -fstack-clash-protection instructions found
+ Control flow integrity: no, not found! (ignored)" ]' _ "$b"
 done
 
 for page in "8 kvstop:kvstop - stop the local Kavelo audit daemon" \
@@ -77,6 +102,11 @@ for page in "8 kvstop:kvstop - stop the local Kavelo audit daemon" \
 done
 check "kvctl(8) names every option of kvctl --help" as_root 'm=$(MANPAGER=cat MANWIDTH=200 man kvctl)
   for o in $(kvctl --help | grep -o -- "--[a-z]*" | sort -u); do grep -qF -- "$o" <<<"$m" || exit 1; done'
+for page in /usr/share/man/man8/kvstop.8.gz /usr/share/man/man8/kvctl.8.gz \
+            /usr/share/man/man1/kvdsim.1.gz; do
+  check "mandoc -T lint has nothing to say about $page" \
+    bash -c '[ -z "$(mandoc -T lint "$1" 2>&1)" ]' _ "$page"
+done
 out=$(MANPAGER=cat man -l /usr/share/man/man8/kvstop.8.gz 2>&1) || true
 check "man -l on the installed kvstop(8)" grep -q '^EXIT STATUS' <<<"$out"
 
@@ -102,6 +132,64 @@ check "zsh completes kvctl's commands" timeout 20 zsh -fc '
   zpty -r z out "*status  -- online flag*stop    -- stop the daemon*"'
 check "fish completes kvctl's commands and options" bash -c \
   '[ "$(fish -c "complete -C \"kvctl st\"; complete -C \"kvctl status --j\"" | cut -f1 | tr "\n" " ")" = "status stop --json " ]'
+# A client of each library, built with nothing but its pkg-config flags: lrpc2 from C, the
+# framework and the session from C++ (the session pings the daemon). libstdc++ prints 1.5
+# through vsnprintf, so the framework's formatter ("%g" in fixed-point) shows in the output.
+cat >"$T/lrpc2.c" <<'EOF'
+#include <stdio.h>
+#include "lrpc2/lrpc2.h"
+int main(void) {
+    int32_t status = 0;
+    uint32_t length = 0;
+    lrpc2_msg* msg = lrpc2_msg_create(20, 0, lrpc2_default_table(), 0, &status);
+    if (msg && lrpc2_put_string(msg, "kvstop") == 0 && lrpc2_msg_complete(msg) == 0)
+        lrpc2_msg_bytes(msg, &length, &status);
+    lrpc2_msg_free(msg);
+    printf("%s %u|%s\n", lrpc2_table_name(lrpc2_default_table(), 20), (unsigned)length,
+           lrpc2_status_text(408));
+    return 0;
+}
+EOF
+cat >"$T/zfw.cpp" <<'EOF'
+#include <iostream>
+#include "zfw/strutil.h"
+int main() {
+    std::cout << zfw::toUpper(zfw::trim(" kavelo\t")) << ' ' << 1.5 << '|'
+              << zfw::format("%05d", 42) << '\n';
+}
+EOF
+cat >"$T/zkvfw.cpp" <<'EOF'
+#include <cstdio>
+#include "zkvfw/lrpc2client.h"
+int main() {
+    Lrpc2Client client;
+    const bool connected = client.connect();
+    std::printf("%s|%s\n", connected ? "connected" : "not connected",
+                connected && client.ping() ? "ping" : "no ping");
+}
+EOF
+for row in "lrpc2|gcc -std=c99|c|KVStop 14|Timeout during operation" \
+           "zfw|g++ -std=c++17|cpp|KAVELO 1.500000|00042" "zkvfw|g++ -std=c++17|cpp|connected|ping"; do
+  IFS='|' read -r name cc ext out1 out2 <<<"$row"
+  flags=$(pkg-config --cflags --libs "$name") || flags=
+  check "pkg-config knows $name" test -n "$flags"
+  # shellcheck disable=SC2086
+  check "a client of $name builds with its pkg-config flags" \
+    $cc -Wall -Werror -o "$T/$name" "$T/$name.$ext" $flags
+  check "and runs" bash -c '[ "$("$1")" = "$2" ]' _ "$T/$name" "$out1|$out2"
+done
+# The framework's vsnprintf replaces the C library's in its clients, even when only libstdc++
+# and the framework call it (linked whole).
+check "the framework's client defines vsnprintf" bash -c 'nm "$1" | grep -q " T vsnprintf$"' _ "$T/zfw"
+
+# systemd accepts a unit of the daemon with the example drop-in, without a word.
+mkdir -p "$T/unit/kavelo.service.d"
+printf '%s\n' '[Unit]' 'Description=Kavelo audit daemon (simulated)' '' '[Service]' \
+  'ExecStart=/usr/bin/kvdsim --exit-on-stop' >"$T/unit/kavelo.service"
+cp /usr/share/doc/kvstop/examples/kvctl-stop.conf "$T/unit/kavelo.service.d/"
+check "systemd-analyze verify prints nothing for a unit with the drop-in" \
+  bash -c 'cd "$1" && [ -z "$(systemd-analyze verify ./kavelo.service 2>&1)" ]' _ "$T/unit"
+
 rc=0
 out=$(as_root kvstop 2>&1) || rc=$?
 check "kvstop exits 0 (status $rc)" test "$rc" = 0
@@ -112,27 +200,28 @@ kill -KILL "$daemon" 2>/dev/null || true
 wait "$daemon" 2>/dev/null || true
 daemon=
 
-# The client library through pkg-config, from a C program.
-cat >"$T/client.c" <<'CEOF'
-#include <stdio.h>
-#include <string.h>
-#include "lrpc2/lrpc2.h"
-int main(void) {
-    const char* name = lrpc2_table_name(lrpc2_default_table(), 20);
-    const char* text = lrpc2_status_text(408);
-    printf("%s|%s\n", name ? name : "(null)", text ? text : "(null)");
-    return 0;
-}
-CEOF
-flags=$(pkg-config --cflags --libs lrpc2) || flags=
-check "pkg-config knows lrpc2" test -n "$flags"
-# shellcheck disable=SC2086
-check "a C program builds against the installed lrpc2" gcc -std=c99 -Wall -Werror \
-  "${cflags[@]}" -o "$T/client" "$T/client.c" $flags
-check "and runs" bash -c '[ "$("$1")" = "KVStop|Timeout during operation" ]' _ "$T/client"
+# The drop-in's stop command as systemd runs it: a daemon already gone is a clean stop, a
+# failed stop request is not; and systemd waits longer than kvctl's worst case.
+execstop=$(sed -n 's/^ExecStop=//p' /usr/share/doc/kvstop/examples/kvctl-stop.conf)
+execstop=${execstop//\$\$/\$}
+check "the drop-in's ExecStop succeeds when the daemon is gone" sh -c "$execstop 2>/dev/null"
+rm -f "$ready"
+/usr/bin/kvdsim --fault close-request --ready-file "$ready" >/dev/null &
+daemon=$!
+for _ in $(seq 100); do [ -e "$ready" ] || ! kill -0 "$daemon" 2>/dev/null && break; sleep 0.05; done
+check "the drop-in's ExecStop fails when the stop request fails" sh -c "! $execstop 2>/dev/null"
+kill -KILL "$daemon" 2>/dev/null || true
+wait "$daemon" 2>/dev/null || true
+daemon=
+read -r t w < <(sed -n 's/.*--timeout \([0-9]*\) stop --wait \([0-9]*\).*/\1 \2/p' <<<"$execstop")
+check "TimeoutStopSec= is above kvctl's connect, reply and wait" bash -c \
+  '[ "$(sed -n "s/^TimeoutStopSec=//p" "$1")" -gt $(($2 * 2 + $3)) ]' _ \
+  /usr/share/doc/kvstop/examples/kvctl-stop.conf "${t:-0}" "${w:-0}"
 
-dpkg --purge kvstop >"$T/dpkg-r.log" 2>&1 || { cat "$T/dpkg-r.log"; exit 1; }
-check "dpkg forgot the package" bash -c '! dpkg -s kvstop >/dev/null 2>&1'
+dpkg --purge "${debs[@]}" >"$T/dpkg-r.log" 2>&1 || { cat "$T/dpkg-r.log"; exit 1; }
+for p in "${debs[@]}"; do
+  check "dpkg forgot $p" bash -c '! dpkg -s "$1" >/dev/null 2>&1' _ "$p"
+done
 snapshot >"$T/after"
 check "purging leaves exactly the files that were there before" diff "$T/before" "$T/after"
 exit $fail
