@@ -39,3 +39,8 @@ foreach(row ${KV_PC_LIBRARIES})
   install(FILES ${PROJECT_BINARY_DIR}/pkgconfig/${KV_PC_NAME}.pc
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
+
+# Prometheus alert rules on kvctl's metrics; their runbook links point into the README,
+# which the package installs as its documentation.
+install(FILES ${PROJECT_SOURCE_DIR}/monitoring/kavelo.rules.yml
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/kvstop/prometheus)

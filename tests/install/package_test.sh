@@ -73,6 +73,7 @@ for f in kvstop=sbin/kvstop kvstop=sbin/kvctl kvstop=share/man/man8/kvstop.8.gz 
          kvstop=share/man/man8/kvctl.8.gz kvstop=share/bash-completion/completions/kvctl \
          kvstop=share/zsh/vendor-completions/_kvctl kvstop=share/fish/vendor_completions.d/kvctl.fish \
          kvstop=share/kvctl/kvctl.schema.json kvstop=share/doc/kvstop/examples/kvctl-stop.conf \
+         kvstop=share/kvstop/prometheus/kavelo.rules.yml kvstop=share/doc/kvstop/README.md \
          kvdsim=bin/kvdsim kvdsim=share/man/man1/kvdsim.1.gz \
          "$dev=include/lrpc2/lrpc2.h" "$dev=include/zkvfw/lrpc2client.h" "$dev=include/zfw/logger.h" \
          "$dev=$lib/libzfw_override.a" "$dev=$lib/pkgconfig/lrpc2.pc" "$dev=$lib/pkgconfig/zkvfw.pc" \
