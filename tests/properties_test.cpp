@@ -10,7 +10,7 @@
 #include <string>
 
 #include "support/files.h"
-#include "support/hermetic.h"
+#include "support/private_root.h"
 #include "zfw/properties.h"
 #include "zfw/setting.h"
 
@@ -38,7 +38,7 @@ StringList listOf(std::initializer_list<const char*> items) {
 class PropertiesTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "run under tests/support/hermetic.sh";
+        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "/etc/zantorkv or /var/zantormx is not private";
         Properties::destroyProperties();
         zfw::MutexLock lock(zfw::gSettingsMutex);
         zfw::clearSettingsCache();
