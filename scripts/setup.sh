@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
-# Usage: scripts/setup.sh [demo|test|bench|fuzz|coverage|interop]: installs what that needs
+# Usage: scripts/setup.sh [demo|test|bench|fuzz|coverage]: installs what that needs
 # (default: test); safe to run any number of times.
 #   demo   building kvstop, kvctl and kvdsim only (scripts/demo.sh)
-#   test   building and running the test suite (scripts/test.sh)
+#   test   building and running the test suite (scripts/test.sh), kvctl's monitoring forms
+#          against the real tools included: the monitoring-plugin libraries installed;
+#          promtool and node_exporter taken out of their packages (apt-get download, dpkg -x)
+#          into build-interop/tools, never installed, since the packages would install and
+#          start services
 #   bench  building and running the benchmarks (scripts/bench.sh)
 #   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
 #   coverage  the test set and gcovr (scripts/coverage.sh)
-#   interop   kvctl's monitoring forms against the real tools (scripts/interop.sh): the
-#             monitoring-plugin libraries installed; promtool and node_exporter taken out of
-#             their packages (apt-get download, dpkg -x) into build-interop/tools, never
-#             installed, since the packages would install and start services
 # The install starts, enables and reconfigures no service of the host: policy-rc.d refuses
 # every start while it runs, and units that the install enabled are disabled again.
 # With KV_SETUP_STATUS_FD set, says what it does on that descriptor ("kv:" lines) and has
@@ -23,7 +23,8 @@ say() {
 
 build=(cmake ninja-build g++ libboost-dev nlohmann-json3-dev)
 test=("${build[@]}" libgtest-dev libgmock-dev util-linux iproute2 valgrind dpkg-dev file pkgconf
-      groff-base man-db python3-jsonschema zsh fish)
+      groff-base man-db python3-jsonschema zsh fish curl python3 libmonitoring-plugin-perl
+      python3-nagiosplugin)
 profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;
@@ -34,14 +35,12 @@ case "$profile" in
          gnuplot-nox) ;;
   fuzz) packages=("${build[@]}" clang libclang-rt-14-dev) ;;
   coverage) packages=("${test[@]}" gcovr) ;;
-  interop) packages=("${build[@]}" util-linux iproute2 curl python3 libmonitoring-plugin-perl
-                     python3-nagiosplugin) ;;
-  *) echo "setup: unknown profile '$profile' (demo, test, bench, fuzz, coverage or interop)" >&2; exit 2 ;;
+  *) echo "setup: unknown profile '$profile' (demo, test, bench, fuzz or coverage)" >&2; exit 2 ;;
 esac
-# Packages whose programs are only unpacked (interop): a service's package, never installed.
+# Packages whose programs are only unpacked (test): a service's package, never installed.
 unpacked=()
 tools=$(cd "$(dirname "$0")/.." && pwd)/build-interop/tools
-if [ "$profile" = interop ]; then
+if [ "$profile" = test ] || [ "$profile" = coverage ]; then
   [ -x "$tools/usr/bin/promtool" ] || unpacked+=(prometheus)
   [ -x "$tools/usr/bin/prometheus-node-exporter" ] || unpacked+=(prometheus-node-exporter)
 fi

@@ -167,7 +167,7 @@ void firstProcess(const char* self, const std::string& scratch) {
 
 // Runs the rest of main in the private machine; returns there, or exits with its status.
 void enterPrivateMachine(const char* self) {
-    char scratch[] = "/tmp/kvtest.XXXXXX";
+    char scratch[] = "/tmp/kvroot.XXXXXX";
     if (mkdtemp(scratch) == nullptr) {
         fail(self, "mkdtemp");
     }
