@@ -41,7 +41,8 @@ git -C "$src" reset -q --hard "$snapshot"
 git -C "$src" clean -qfdx
 
 echo "faults: building $(git -C "$top" rev-parse --short HEAD) with its changes in $bld"
-cmake -S "$src" -B "$bld" -G Ninja -DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1" >>"$log" 2>&1
+cmake -S "$src" -B "$bld" -G Ninja -DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1" \
+  "-DKV_INTEROP_TOOLS=$top/build-interop/tools/usr/bin" >>"$log" 2>&1
 cmake --build "$bld" >>"$log" 2>&1 || { echo "faults: the unchanged tree does not build; see $log" >&2; exit 1; }
 
 # suite: runs the cases and prints the names of those that failed, one a line.

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <ostream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "support/child.h"
@@ -20,26 +22,25 @@
 
 namespace {
 
+using Words = std::vector<std::string>;
 const std::string kKvctl = KV_BIN_DIR "/tools/kvctl/kvctl";
-const std::string kTools = KV_INTEROP_TOOLS;
 const std::string kScripts = KV_INTEROP_SCRIPTS;
-const std::string kPromtool = kTools + "/promtool";
-const std::string kNodeExporter = kTools + "/prometheus-node-exporter";
+const std::string kPromtool = KV_INTEROP_TOOLS "/promtool";
+const std::string kNodeExporter = KV_INTEROP_TOOLS "/prometheus-node-exporter";
 
 // A label text with every kind of byte that needs care: backslash, double quote, line feed,
 // non-ASCII, controls; and what kvctl makes of it (controls become '?').
 const std::string kOdd = "back\\slash \"quoted\"\nline two \xc3\xa9 \x01\x7f end";
 const std::string kOddShown = "back\\slash \"quoted\"\nline two \xc3\xa9 ?? end";
 
-// The simulated daemon's arguments: kDown for none.
-const std::vector<std::string> kDown = {"down"};
-const std::vector<std::string> kOddDaemon = {"--collector-status", kOdd, "--collector-detail",
-                                             "9," + kOdd + "," + kOdd + ",no," + kOdd + "," + kOdd};
+// The simulated daemon's arguments; kDown: no daemon.
+const Words kDown = {"down"};
+const Words kOddDaemon = {"--collector-status", kOdd, "--collector-detail",
+                          "9," + kOdd + "," + kOdd + ",no," + kOdd + "," + kOdd};
 
-// kvctl (with `args`) against the simulated daemon started with `daemon` in `dir`.
-kvtest::ProgramResult kvctl(const kvtest::TempDir& dir, const std::vector<std::string>& daemon,
-                            const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {kKvctl, "-s", dir.file("sock")};
+// kvctl with `args` against the simulated daemon started with `daemon` in `dir`.
+kvtest::ProgramResult kvctl(const kvtest::TempDir& dir, const Words& daemon, const Words& args) {
+    Words argv = {kKvctl, "-s", dir.file("sock")};
     argv.insert(argv.end(), args.begin(), args.end());
     if (daemon == kDown) {
         return kvtest::runProgram(argv);
@@ -49,25 +50,30 @@ kvtest::ProgramResult kvctl(const kvtest::TempDir& dir, const std::vector<std::s
     return kvtest::runProgram(argv);
 }
 
-// A program's exit status and everything it wrote, as one text for a comparison.
+// A program's exit status and everything it wrote, as one text to compare.
 std::string outcome(const kvtest::ProgramResult& r) {
     return std::to_string(r.status) + "\n" + r.out + r.err;
 }
 
-// promtool check metrics on the file's content.
 kvtest::ProgramResult promtool(const std::string& file) {
-    return kvtest::runProgram({"/bin/sh", "-c", "exec \"$0\" check metrics <\"$1\"", kPromtool, file});
+    return kvtest::runProgram(
+        {"/bin/sh", "-c", "exec \"$0\" check metrics <\"$1\"", kPromtool, file});
 }
 
-struct MetricsCase {
-    const char* name;
-    std::vector<std::string> daemon;
+// Every case of a table is named; its name also stands for it in ctest's list.
+struct Named {
+    std::string name;
+    friend std::ostream& operator<<(std::ostream& os, const Named& n) { return os << n.name; }
+};
+template <typename Case>
+std::string nameOf(const ::testing::TestParamInfo<Case>& info) {
+    return info.param.name;
+}
+
+struct MetricsCase : Named {
+    Words daemon;
     int status;
 };
-
-void PrintTo(const MetricsCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class Promtool : public ::testing::TestWithParam<MetricsCase> {};
 
@@ -81,57 +87,48 @@ TEST_P(Promtool, AcceptsTheMetricsSilently) {
 
 INSTANTIATE_TEST_SUITE_P(
     Metrics, Promtool,
-    ::testing::Values(
-        MetricsCase{"up", {}, 0},
-        MetricsCase{"collector_stopped",
-                    {"--collector-status", "stopped", "--collector-detail", "0,stopped,kvdsim,no,local,"},
-                    0},
-        MetricsCase{"numbers_as_text", {"--db-size", "42MB", "--despool-rate", "n/a", "--online", "no"},
-                    0},
-        MetricsCase{"odd_label_text", kOddDaemon, 0}, MetricsCase{"down", kDown, 1}),
-    [](const ::testing::TestParamInfo<MetricsCase>& info) { return info.param.name; });
+    ::testing::Values(MetricsCase{{"up"}, {}, 0},
+                      MetricsCase{"collector_stopped",
+                                  {"--collector-status", "stopped", "--collector-detail",
+                                   "0,stopped,kvdsim,no,local,"},
+                                  0},
+                      MetricsCase{"numbers_as_text",
+                                  {"--db-size", "42MB", "--despool-rate", "n/a", "--online", "no"},
+                                  0},
+                      MetricsCase{{"odd_label_text"}, kOddDaemon, 0},
+                      MetricsCase{{"down"}, kDown, 1}),
+    nameOf<MetricsCase>);
 
 // The same output with a name broken is refused, or the acceptance above proves nothing.
 TEST(PromtoolComplains, AboutBrokenNames) {
     ASSERT_EQ(access(kPromtool.c_str(), X_OK), 0) << kPromtool << ": run scripts/setup.sh";
     kvtest::TempDir dir;
     const std::string good = kvctl(dir, {}, {"-t", "10", "metrics"}).out;
-    const struct {
-        const char* from;
-        const char* to;
-        const char* complaint;
-    } cases[] = {
-        {"kavelo_ping_round_trip_seconds", "kavelo_ping_round_trip_ms",
-         "kavelo_ping_round_trip_ms metric names should not contain abbreviated units\n"},
-        {"# TYPE kavelo_up gauge", "# TYPE kavelo_up counter",
-         "kavelo_up counter metrics should have \"_total\" suffix\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.to);
+    for (const auto& [from, to, complaint] :
+         {std::tuple{"kavelo_ping_round_trip_seconds", "kavelo_ping_round_trip_ms",
+                     "kavelo_ping_round_trip_ms metric names should not contain abbreviated units"},
+          std::tuple{"# TYPE kavelo_up gauge", "# TYPE kavelo_up counter",
+                     "kavelo_up counter metrics should have \"_total\" suffix"}}) {
         std::string broken = good;
-        for (size_t at; (at = broken.find(c.from)) != std::string::npos;) {
-            broken.replace(at, strlen(c.from), c.to);
+        for (size_t at; (at = broken.find(from)) != std::string::npos;) {
+            broken.replace(at, strlen(from), to);
         }
-        EXPECT_EQ(outcome(promtool(dir.write("broken", broken))), std::string("3\n") + c.complaint);
+        EXPECT_EQ(outcome(promtool(dir.write("broken", broken))),
+                  std::string("3\n") + complaint + "\n");
     }
 }
 
-struct TextfileCase {
-    const char* name;
-    std::vector<std::string> daemon;
+struct TextfileCase : Named {
+    Words daemon;
     const char* timeout;
     int status;
     const char* up;
 };
 
-void PrintTo(const TextfileCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
 class NodeExporter : public ::testing::TestWithParam<TextfileCase> {};
 
-// The kavelo_ samples of a Prometheus text file (tests/interop/samples.py); with `status`,
-// the decoded status label goes there.
+// The kavelo_ samples of a Prometheus text file, decoded (tests/interop/samples.py); the
+// decoded status label goes to `status`.
 std::string samples(const std::string& file, const std::string& status) {
     const kvtest::ProgramResult r =
         kvtest::runProgram({"/usr/bin/python3", kScripts + "/samples.py", file, status});
@@ -139,12 +136,11 @@ std::string samples(const std::string& file, const std::string& status) {
     return r.out;
 }
 
-// The file that kvctl wrote, scraped through node_exporter's textfile collector: no scrape
-// error, the same samples, and the odd collector status decoded as kvctl shows it.
+// What kvctl wrote, scraped through node_exporter's textfile collector: no scrape error, the
+// same samples, and the odd collector status decoded as kvctl shows it.
 TEST_P(NodeExporter, ScrapesTheTextfile) {
     ASSERT_EQ(access(kNodeExporter.c_str(), X_OK), 0) << kNodeExporter << ": run scripts/setup.sh";
     kvtest::TempDir dir, textfiles;
-    const std::string listen = "--web.listen-address=127.0.0.1:9100";
     const std::string url = "http://127.0.0.1:9100/metrics";
     kvtest::ChildProcess exporter([&] {
         const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -152,37 +148,35 @@ TEST_P(NodeExporter, ScrapesTheTextfile) {
         dup2(quiet, 2);
         const std::string collect = "--collector.textfile.directory=" + textfiles.path();
         execl(kNodeExporter.c_str(), kNodeExporter.c_str(), "--collector.disable-defaults",
-              "--collector.textfile", collect.c_str(), listen.c_str(), nullptr);
+              "--collector.textfile", collect.c_str(), "--web.listen-address=127.0.0.1:9100",
+              nullptr);
         return 127;
     });
+    const Words curl = {"/usr/bin/curl", "-sSf", "--max-time", "5", "-o"};
+    const auto fetch = [&](const std::string& to) {
+        Words argv = curl;
+        argv.insert(argv.end(), {to, url});
+        return kvtest::runProgram(argv).status == 0;
+    };
     bool listening = false;
     for (int i = 0; i < 100 && !listening; ++i) {
         kvtest::sleepMs(100);
-        listening = kvtest::runProgram({"/usr/bin/curl", "-sf", "--max-time", "2", "-o",
-                                        "/dev/null", url})
-                        .status == 0;
+        listening = fetch("/dev/null");
     }
     ASSERT_TRUE(listening) << "node_exporter did not answer within 10 s";
 
     const TextfileCase& c = GetParam();
-    const std::string prom = textfiles.file("kavelo.prom");
+    const std::string prom = textfiles.file("kavelo.prom"), scrape = dir.file("scrape");
     const kvtest::ProgramResult r =
         kvctl(dir, c.daemon, {"-t", c.timeout, "metrics", "--textfile", prom});
     EXPECT_EQ(outcome(r), std::to_string(c.status) + "\n" + r.err);
-    EXPECT_EQ(r.out, "");
     EXPECT_EQ(kvtest::modeOf(prom), 0644u);
     EXPECT_EQ(kvtest::runProgram({"/bin/ls", "-A", textfiles.path()}).out, "kavelo.prom\n");
-
-    const std::string scrape = dir.file("scrape");
-    ASSERT_EQ(kvtest::runProgram({"/usr/bin/curl", "-sSf", "--max-time", "5", "-o", scrape, url})
-                  .status,
-              0);
-    EXPECT_NE(("\n" + kvtest::readFile(scrape)).find("\nnode_textfile_scrape_error 0\n"),
-              std::string::npos);
+    ASSERT_TRUE(fetch(scrape));
+    EXPECT_NE(kvtest::readFile(scrape).find("\nnode_textfile_scrape_error 0\n"), std::string::npos);
     const std::string got = samples(scrape, dir.file("status.scraped"));
     EXPECT_EQ(got, samples(prom, dir.file("status.file")));
-    EXPECT_NE(("\n" + got + "\n").find(std::string("\nkavelo_up [] ") + c.up + "\n"),
-              std::string::npos)
+    EXPECT_NE(("\n" + got).find(std::string("\nkavelo_up [] ") + c.up + "\n"), std::string::npos)
         << got;
     if (c.daemon == kOddDaemon) {
         EXPECT_EQ(kvtest::readFile(dir.file("status.scraped")), kOddShown);
@@ -190,32 +184,26 @@ TEST_P(NodeExporter, ScrapesTheTextfile) {
 }
 
 // Up, down, and hung (no answer to the ping: the time-out commits kavelo_up 0 to the file).
-INSTANTIATE_TEST_SUITE_P(Textfile, NodeExporter,
-                         ::testing::Values(TextfileCase{"up", kOddDaemon, "10", 0, "1.0"},
-                                           TextfileCase{"down", kDown, "10", 1, "0.0"},
-                                           TextfileCase{"hung", {"--fault", "silent-request"}, "1",
-                                                        2, "0.0"}),
-                         [](const ::testing::TestParamInfo<TextfileCase>& info) {
-                             return info.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Textfile, NodeExporter,
+    ::testing::Values(TextfileCase{{"up"}, kOddDaemon, "10", 0, "1.0"},
+                      TextfileCase{{"down"}, kDown, "10", 1, "0.0"},
+                      TextfileCase{{"hung"}, {"--fault", "silent-request"}, "1", 2, "0.0"}),
+    nameOf<TextfileCase>);
 
-// Both libraries judge the lines of `kvctl check` in the file (tests/interop/judge.*).
+// Both libraries judge the `kvctl check` line in the file (tests/interop/judge.*) as kvctl did.
 void expectJudgedAlike(const std::string& lines) {
-    const std::string verdict = "0\n1 lines judged, 0 mismatched\n";
-    EXPECT_EQ(outcome(kvtest::runProgram({"/usr/bin/perl", kScripts + "/judge.pl", lines})),
-              verdict);
-    EXPECT_EQ(outcome(kvtest::runProgram({"/usr/bin/python3", kScripts + "/judge.py", lines})),
-              verdict);
+    for (const auto& [judge, script] :
+         {std::pair{"/usr/bin/perl", "/judge.pl"}, std::pair{"/usr/bin/python3", "/judge.py"}}) {
+        EXPECT_EQ(outcome(kvtest::runProgram({judge, kScripts + script, lines})),
+                  "0\n1 lines judged, 0 mismatched\n");
+    }
 }
 
-struct CheckCase {
+struct CheckCase : Named {
     std::string warning, critical;
     bool slow;
 };
-
-void PrintTo(const CheckCase& c, std::ostream* os) {
-    *os << "-w '" << c.warning << "' -c '" << c.critical << "'" << (c.slow ? ", slow" : "");
-}
 
 class MonitoringPlugin : public ::testing::TestWithParam<CheckCase> {};
 
@@ -225,63 +213,61 @@ class MonitoringPlugin : public ::testing::TestWithParam<CheckCase> {};
 TEST_P(MonitoringPlugin, LibrariesReadTheCheckLine) {
     const CheckCase& c = GetParam();
     kvtest::TempDir dir;
-    std::vector<std::string> args = {"-t", "10", "check"};
+    Words args = {"-t", "10", "check"};
     for (const auto& [option, range] : {std::pair{"-w", c.warning}, std::pair{"-c", c.critical}}) {
         if (!range.empty()) {
             args.insert(args.end(), {option, range});
         }
     }
-    const std::vector<std::string> daemon =
-        c.slow ? std::vector<std::string>{"--piece", "1", "--piece-delay", "5"}
-               : std::vector<std::string>{};
-    const kvtest::ProgramResult r = kvctl(dir, daemon, args);
+    const kvtest::ProgramResult r =
+        kvctl(dir, c.slow ? Words{"--piece", "1", "--piece-delay", "5"} : Words{}, args);
     ASSERT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 1) << r.out << r.err;
-    const std::string lines = dir.write(
-        "lines", c.warning + "\t" + c.critical + "\t" + std::to_string(r.status) + "\t" + r.out);
-    expectJudgedAlike(lines);
+    expectJudgedAlike(dir.write(
+        "lines", c.warning + "\t" + c.critical + "\t" + std::to_string(r.status) + "\t" + r.out));
 }
 
+// Each range as warning, with another as critical, on a fast and on a slow daemon; named as
+// "fast_w_0p01_1_c_at0p001_0p02" for -w 0.01:1 -c @0.001:0.02.
 std::vector<CheckCase> checkCases() {
-    const char* const ranges[] = {"",         "0.01:", "~:0.01", "0.01:1", "@0.01:1", "@~:0.01",
-                                  "0.01",     "@0.01", "1:",     "~:",     "0:0.001", "@0.001:0.02",
-                                  ".5",       "0.02:0.5", "@0:0.02", "~:1"};
-    const size_t n = sizeof ranges / sizeof ranges[0];
+    const std::string ranges[] = {"",     "0.01:",    "~:0.01",  "0.01:1", "@0.01:1", "@~:0.01",
+                                  "0.01", "@0.01",    "1:",      "~:",     "0:0.001", "@0.001:0.02",
+                                  ".5",   "0.02:0.5", "@0:0.02", "~:1"};
+    const auto tag = [](const std::string& range) {
+        std::string out = range.empty() ? "none" : "";
+        for (char ch : range) {
+            out += ch == '@'   ? "at"
+                   : ch == '~' ? "inf"
+                   : ch == '.' ? "p"
+                   : ch == ':' ? "_"
+                               : std::string(1, ch);
+        }
+        return out;
+    };
     std::vector<CheckCase> cases;
-    for (bool slow : {false, true}) {
-        for (size_t i = 0; i < n; ++i) {
-            cases.push_back({ranges[i], ranges[(i + 5) % n], slow});
+    for (const char* speed : {"fast", "slow"}) {
+        for (size_t i = 0; i < std::size(ranges); ++i) {
+            const std::string& w = ranges[i];
+            const std::string& c = ranges[(i + 5) % std::size(ranges)];
+            const std::string name = std::string(speed) + "_w_" + tag(w) + "_c_" + tag(c);
+            cases.push_back({{name}, w, c, speed[0] == 's'});
         }
     }
     return cases;
 }
 
-// "fast_w_0p01_1_c_at0p001_0p02" for -w 0.01:1 -c @0.001:0.02 on a fast daemon.
-std::string checkName(const ::testing::TestParamInfo<CheckCase>& info) {
-    std::string name = info.param.slow ? "slow" : "fast";
-    for (const auto& [tag, range] : {std::pair{"_w_", &info.param.warning},
-                                     std::pair{"_c_", &info.param.critical}}) {
-        name += tag;
-        for (char ch : range->empty() ? std::string("none") : *range) {
-            name += ch == '@' ? "at" : ch == '~' ? "inf" : ch == '.' ? "p" : ch == ':' ? "_"
-                                                                               : std::string(1, ch);
-        }
-    }
-    return name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Check, MonitoringPlugin, ::testing::ValuesIn(checkCases()), checkName);
+INSTANTIATE_TEST_SUITE_P(Check, MonitoringPlugin, ::testing::ValuesIn(checkCases()),
+                         nameOf<CheckCase>);
 
 TEST(MonitoringPluginStates, StoppedCollectorIsWarningAndNoDaemonCritical) {
     kvtest::TempDir dir;
     const kvtest::ProgramResult stopped =
         kvctl(dir, {"--collector-status", "stopped"}, {"check", "-w", "5", "-c", "10"});
     EXPECT_EQ(stopped.status, 1);
-    EXPECT_NE(stopped.out.find("collector not running: stopped | "), std::string::npos);
-    const std::string lines = dir.write("lines", "5\t10\t1\t" + stopped.out);
-    expectJudgedAlike(lines);
-    const kvtest::ProgramResult down = kvctl(dir, kDown, {"check"});
-    EXPECT_EQ(outcome(down), "2\nKAVELO CRITICAL - " + dir.file("sock") +
-                                 ": Kavelo daemon does not appear to be running or reachable\n");
+    EXPECT_NE(stopped.out.find(" collector not running: stopped | "), std::string::npos);
+    expectJudgedAlike(dir.write("lines", "5\t10\t1\t" + stopped.out));
+    EXPECT_EQ(outcome(kvctl(dir, kDown, {"check"})),
+              "2\nKAVELO CRITICAL - " + dir.file("sock") +
+                  ": Kavelo daemon does not appear to be running or reachable\n");
 }
 
 }  // namespace

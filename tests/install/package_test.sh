@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Usage: package_test.sh BUILD_DIR [CFLAGS...] (as root, under tests/support/hermetic.sh)
+# Usage: package_test.sh BUILD_DIR [CFLAGS...] (as root, under scripts/hermetic.sh)
 # Makes the Debian package of BUILD_DIR with CPack and installs it with dpkg into this
 # namespace only: /etc and /var are hermetic.sh's overlays and /usr gets one here, so the
 # host's files and package database never change. Checks that kvstop and kvctl are on

@@ -9,9 +9,9 @@
 // The host's files are never changed; only an empty directory in /tmp is made and removed.
 #include "support/private_root.h"
 
+#include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -68,8 +68,9 @@ bool overlay(const std::string& scratch, const std::string& dir) {
 // /dev as a tmpfs with binds of the devices programs open, so that "/dev/log" is free.
 Step privateDev(const std::string& scratch) {
     const std::string old = scratch + "/dev";
-    if (mkdir(old.c_str(), 0755) != 0 || mount("/dev", old.c_str(), nullptr, MS_BIND | MS_REC,
-                                               nullptr) != 0 || !mountTmpfs("/dev")) {
+    if (mkdir(old.c_str(), 0755) != 0 ||
+        mount("/dev", old.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0 ||
+        !mountTmpfs("/dev")) {
         return "a tmpfs on /dev";
     }
     for (const char* name : {"null", "zero", "full", "random", "urandom", "tty", "ptmx"}) {

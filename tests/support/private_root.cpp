@@ -25,8 +25,9 @@ bool isPrivate(const char* dir) {
 
 bool clearPrivateDirs() {
     return isPrivate("/etc/zantorkv") && isPrivate("/var/zantormx") &&
-           system("rm -rf /etc/zantorkv/* /etc/zantorkv/.[!.]* /var/zantormx/* "
-                  "/var/zantormx/.[!.]*") == 0;
+           system(
+               "rm -rf /etc/zantorkv/* /etc/zantorkv/.[!.]* /var/zantormx/* "
+               "/var/zantormx/.[!.]*") == 0;
 }
 
 }  // namespace kvtest
