@@ -28,34 +28,30 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 namespace {
 
-// Each step returns what failed, or nullptr.
+// Each step says what failed, or nullptr.
 using Step = const char*;
 
 Step loopbackUp() {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return "socket";
-    }
     ifreq ifr{};
     strncpy(ifr.ifr_name, "lo", sizeof ifr.ifr_name - 1);
-    Step failed = nullptr;
-    if (ioctl(fd, SIOCGIFFLAGS, &ifr) != 0) {
-        failed = "SIOCGIFFLAGS lo";
-    } else {
-        ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP);
-        if (ioctl(fd, SIOCSIFFLAGS, &ifr) != 0) {
-            failed = "SIOCSIFFLAGS lo";
-        }
-    }
+    bool up = fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
+    ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP);
+    up = up && ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
     close(fd);
-    return failed;
+    return up ? nullptr : "the loopback interface";
 }
 
 bool mountTmpfs(const std::string& dir) {
     return mount(kvtest::kPrivateTmpfs, dir.c_str(), "tmpfs", 0, "mode=755") == 0;
+}
+
+bool bindMount(const std::string& from, const std::string& to) {
+    return mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
 }
 
 bool overlay(const std::string& scratch, const std::string& dir) {
@@ -68,63 +64,45 @@ bool overlay(const std::string& scratch, const std::string& dir) {
 // /dev as a tmpfs with binds of the devices programs open, so that "/dev/log" is free.
 Step privateDev(const std::string& scratch) {
     const std::string old = scratch + "/dev";
-    if (mkdir(old.c_str(), 0755) != 0 ||
-        mount("/dev", old.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0 ||
-        !mountTmpfs("/dev")) {
-        return "a tmpfs on /dev";
-    }
-    for (const char* name : {"null", "zero", "full", "random", "urandom", "tty", "ptmx"}) {
-        const std::string from = old + "/" + name, to = std::string("/dev/") + name;
-        struct stat st = {};
-        if (stat(from.c_str(), &st) != 0) {
-            continue;
-        }
-        const int fd = open(to.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        if (fd < 0 || close(fd) != 0 ||
-            mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-            return "a device bind in /dev";
+    bool ok = mkdir(old.c_str(), 0755) == 0 && bindMount("/dev", old) && mountTmpfs("/dev");
+    for (const std::string name : {"null", "zero", "full", "random", "urandom", "tty", "ptmx"}) {
+        if (ok && access((old + "/" + name).c_str(), F_OK) == 0) {
+            const int fd = open(("/dev/" + name).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+            ok = fd >= 0 && close(fd) == 0 && bindMount(old + "/" + name, "/dev/" + name);
         }
     }
-    for (const char* name : {"pts", "shm"}) {
-        const std::string from = old + "/" + name, to = std::string("/dev/") + name;
-        if (mkdir(to.c_str(), 0755) != 0 ||
-            mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
-            return "/dev/pts or /dev/shm";
-        }
+    for (const std::string name : {"pts", "shm"}) {
+        ok = ok && mkdir(("/dev/" + name).c_str(), 0755) == 0 &&
+             bindMount(old + "/" + name, "/dev/" + name);
     }
-    if (symlink("/proc/self/fd", "/dev/fd") != 0 || symlink("/proc/self/fd/0", "/dev/stdin") != 0 ||
-        symlink("/proc/self/fd/1", "/dev/stdout") != 0 ||
-        symlink("/proc/self/fd/2", "/dev/stderr") != 0 || umount2(old.c_str(), MNT_DETACH) != 0) {
-        return "the links in /dev";
+    const std::pair<const char*, const char*> links[] = {{"/proc/self/fd", "/dev/fd"},
+                                                         {"/proc/self/fd/0", "/dev/stdin"},
+                                                         {"/proc/self/fd/1", "/dev/stdout"},
+                                                         {"/proc/self/fd/2", "/dev/stderr"}};
+    for (const auto& [target, link] : links) {
+        ok = ok && symlink(target, link) == 0;
     }
-    return nullptr;
+    return ok && umount2(old.c_str(), MNT_DETACH) == 0 ? nullptr : "a private /dev";
 }
 
 // In the new pid namespace, before any thread: its own mounts and network.
 Step privateRoot(const std::string& scratch) {
-    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) {
-        return "unshare(CLONE_NEWNS | CLONE_NEWNET)";
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+        return "mount and network namespaces with a /proc of their own";
     }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return "private mount propagation";
-    }
-    if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
-        return "a /proc for the pid namespace";
-    }
-    if (!mountTmpfs(scratch) || mkdir((scratch + "/etc").c_str(), 0755) != 0 ||
-        mkdir((scratch + "/var").c_str(), 0755) != 0 || !overlay(scratch, "/etc") ||
-        !overlay(scratch, "/var")) {
-        return "overlays on /etc and /var";
-    }
+    bool ok = mountTmpfs(scratch) && mkdir((scratch + "/etc").c_str(), 0755) == 0 &&
+              mkdir((scratch + "/var").c_str(), 0755) == 0 && overlay(scratch, "/etc") &&
+              overlay(scratch, "/var");
     for (const char* dir : {"/etc/zantorkv", "/var/zantorkv", "/var/zantormx"}) {
-        if ((mkdir(dir, 0755) != 0 && errno != EEXIST) || !mountTmpfs(dir)) {
-            return "the private fixed directories";
-        }
+        ok = ok && (mkdir(dir, 0755) == 0 || errno == EEXIST) && mountTmpfs(dir);
     }
-    if (Step failed = privateDev(scratch)) {
-        return failed;
+    if (!ok) {
+        return "overlays on /etc and /var with the private fixed directories";
     }
-    return loopbackUp();
+    const Step failed = privateDev(scratch);
+    return failed != nullptr ? failed : loopbackUp();
 }
 
 [[noreturn]] void fail(const char* self, Step failed) {
@@ -150,18 +128,12 @@ void firstProcess(const char* self, const std::string& scratch) {
     if (cases == 0) {
         return;
     }
-    if (cases < 0) {
-        fail(self, "fork");
-    }
     for (;;) {
         int raw = 0;
-        const pid_t pid = wait(&raw);
-        if (pid == cases) {
+        const pid_t pid = cases > 0 ? wait(&raw) : -1;
+        if (pid == cases || (pid < 0 && errno != EINTR)) {
             // Leaving ends everything else in the namespace.
-            _exit(exitCode(raw));
-        }
-        if (pid < 0 && errno != EINTR) {
-            _exit(1);
+            _exit(pid == cases ? exitCode(raw) : 1);
         }
     }
 }
@@ -169,12 +141,9 @@ void firstProcess(const char* self, const std::string& scratch) {
 // Runs the rest of main in the private machine; returns there, or exits with its status.
 void enterPrivateMachine(const char* self) {
     char scratch[] = "/tmp/kvroot.XXXXXX";
-    if (mkdtemp(scratch) == nullptr) {
-        fail(self, "mkdtemp");
-    }
-    if (unshare(CLONE_NEWPID) != 0) {
+    if (mkdtemp(scratch) == nullptr || unshare(CLONE_NEWPID) != 0) {
         rmdir(scratch);
-        fail(self, "unshare(CLONE_NEWPID)");
+        fail(self, "a pid namespace");
     }
     const pid_t first = fork();
     if (first == 0) {
@@ -186,10 +155,7 @@ void enterPrivateMachine(const char* self) {
     }
     // The mounts went with the namespace: the directory is empty again.
     rmdir(scratch);
-    if (first < 0) {
-        fail(self, "fork");
-    }
-    _exit(exitCode(raw));
+    _exit(first > 0 ? exitCode(raw) : 1);
 }
 
 }  // namespace
