@@ -1,8 +1,7 @@
 // kvctl's monitoring forms judged by the programs that read them: promtool checks `kvctl
-// metrics`, node_exporter's textfile collector scrapes what `kvctl metrics --textfile` wrote,
-// and the monitoring-plugin libraries (Perl's Monitoring::Plugin, Python's nagiosplugin) read
-// every `kvctl check` line (their code is in tests/interop/). promtool and node_exporter are
-// unpacked from their Debian packages by scripts/setup.sh, never installed.
+// metrics`, node_exporter scrapes what `kvctl metrics --textfile` wrote (both unpacked by
+// scripts/setup.sh, never installed), and the monitoring-plugin libraries (Perl and Python,
+// tests/interop/) read every `kvctl check` line.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -33,8 +32,7 @@ const std::string kNodeExporter = KV_INTEROP_TOOLS "/prometheus-node-exporter";
 const std::string kOdd = "back\\slash \"quoted\"\nline two \xc3\xa9 \x01\x7f end";
 const std::string kOddShown = "back\\slash \"quoted\"\nline two \xc3\xa9 ?? end";
 
-// The simulated daemon's arguments; kDown: no daemon.
-const Words kDown = {"down"};
+const Words kDown = {"down"};  // for a daemon's arguments: no daemon
 const Words kOddDaemon = {"--collector-status", kOdd, "--collector-detail",
                           "9," + kOdd + "," + kOdd + ",no," + kOdd + "," + kOdd};
 

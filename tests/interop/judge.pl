@@ -1,10 +1,8 @@
 #!/usr/bin/perl
-# Usage: judge.pl FILE: each line of FILE is "warning<TAB>critical<TAB>exit status<TAB>output"
-# of one `kvctl check`. The performance data must parse with Monitoring::Plugin::Performance to
-# one 'rtt' in seconds with min 0 and the printed value, and the warning and critical must read
-# back as given ('@' ranges, which that grammar lacks, as empty fields); the state is
-# Monitoring::Plugin::Threshold's for that value, and the exit status matches the word.
-# Prints "N lines judged, M mismatched"; exits 1 on a mismatch.
+# Usage: judge.pl FILE of "warning<TAB>critical<TAB>exit status<TAB>output" lines of `kvctl check`:
+# the perfdata must parse (Monitoring::Plugin::Performance) to one 'rtt' in seconds, min 0, the
+# printed value and the given ranges ('@' ones, which it lacks, as empty fields), and the exit
+# status must be Monitoring::Plugin::Threshold's. Prints "N lines judged, M mismatched".
 use strict;
 use warnings;
 use Monitoring::Plugin::Performance;
@@ -23,9 +21,7 @@ while (my $line = <>) {
     my $ok = @p == 1 && $p[0]->label eq "rtt" && $p[0]->uom eq "s" && $p[0]->min == 0
       && defined $value && $p[0]->value == $value
       && ($p[0]->warning // "") eq $field->($w) && ($p[0]->critical // "") eq $field->($c);
-    my %t;
-    $t{warning} = $w if $w ne "";
-    $t{critical} = $c if $c ne "";
+    my %t = (($w ne "" ? (warning => $w) : ()), ($c ne "" ? (critical => $c) : ()));
     my $want = Monitoring::Plugin::Threshold->set_thresholds(%t)->get_status($value // -1);
     $want = 1 if $want == 0 && $out =~ /collector not running/;
     if (!$ok || $words[$rc] ne $text || $rc != $want) {

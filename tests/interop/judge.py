@@ -1,7 +1,6 @@
-"""Usage: judge.py FILE: each line of FILE is "warning<TAB>critical<TAB>exit status<TAB>output"
-of one `kvctl check`; its exit status must be the state that nagiosplugin.Range gives for the
-round trip in its performance data. Prints "N lines judged, M mismatched"; exits 1 on a
-mismatch."""
+"""Usage: judge.py FILE of "warning<TAB>critical<TAB>exit status<TAB>output" lines of `kvctl
+check`: the exit status must be nagiosplugin.Range's state for the round trip in the perfdata.
+Prints "N lines judged, M mismatched"."""
 import re
 import sys
 

@@ -6,11 +6,9 @@
 
 namespace kvtest {
 
-// The source name of those tmpfs mounts.
-constexpr const char* kPrivateTmpfs = "kvtest";
+constexpr const char* kPrivateTmpfs = "kvtest";  // the source name of those mounts
 
-// True when `dir` is one of those mounts: helpers that write the fixed paths check it first,
-// so that a program with another main never touches the host's.
+// True when `dir` is one of those mounts: helpers that write the fixed paths check it first.
 bool isPrivate(const char* dir);
 
 // Empties "/etc/zantorkv" and "/var/zantormx" for the next case of a run that holds several;
