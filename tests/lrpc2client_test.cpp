@@ -87,13 +87,11 @@ TEST(SessionTest, SocketPathFromDataDirectoryAndName) {
         {"absolute name is appended", "kvd.data.dir=DIR\nkvd.socket=/sock\n", "DIR//sock", kSock},
         {"last of repeated keys", "kvd.data.dir=/none\nkvd.data.dir=DIR\nkvd.socket=sock\n",
          "DIR/sock", kSock},
-        {"expanded from another key", "base=DIR\nkvd.data.dir=$base\nkvd.socket=sock\n", "DIR/sock",
-         kSock},
+        {"expanded", "base=DIR\nkvd.data.dir=$base\nkvd.socket=sock\n", "DIR/sock", kSock},
         {"default name", "kvd.data.dir=DIR\n", "DIR/audit", kAudit},
         {"default directory and name", "lrpc2.timeout=5\n", "/var/zantorkv/audit", kDefault},
         {"relative directory", "kvd.data.dir=srv\nkvd.socket=sock\n", "srv/sock", kNone},
-        // Set but unexpandable (no host settings here): no path, and no fallback to the
-        // default socket.
+        // Set but unexpandable (no host settings here): no path, no fallback to the default.
         {"unexpandable directory", "kvd.data.dir=$JOINNAME\nkvd.socket=audit\n", "", kNone},
         {"unexpandable name", "kvd.data.dir=/var/zantorkv\nkvd.socket=$SITE\n", "", kNone},
     };
