@@ -267,7 +267,7 @@ TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
         unsigned capacity;
     };
     const Case cases[] = {
-        {"logger.queue.size=4\n", 4},
+        {"logger.queue.size=1\n", 1},  // the smallest queue
         // The logger "log" at DEBUG makes the queue four times larger.
         {"logger.queue.size=10\nlog.log=DEBUG\n", 40},
     };
