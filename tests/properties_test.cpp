@@ -96,6 +96,7 @@ TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
         {"e=$nosuch", "e", ""},
         {"f=\"$PROPS_TEST_HOME\"", "f", "/home/t"},
         {"g=a$", "g", "a"},
+        {"m=a$:b", "m", "a:b"},
         {"n=$9abc", "n", "abc"},
         {"w=$$", "w", ""},
         {"v=${PROPS_TEST_HOME}", "v", "{PROPS_TEST_HOME}"},

@@ -2,11 +2,10 @@
 // machine of its own before GoogleTest starts any thread:
 // - a pid namespace: the cases run as its second process under a first one that only reaps,
 //   and every process a case leaves behind dies when the case ends or is killed;
-// - a network namespace with only the loopback interface, up;
-// - a mount namespace in which /etc and /var are writable overlays, "/etc/zantorkv",
-//   "/var/zantorkv" and "/var/zantormx" are empty tmpfs directories, /proc shows the pid
-//   namespace, and /dev is a tmpfs holding the usual devices, so a case may bind "/dev/log".
-// The host's files are never changed; only an empty directory in /tmp is made and removed.
+// - a network namespace with only the loopback interface, up; a mount namespace in which /etc
+//   and /var are writable overlays, "/etc/zantorkv", "/var/zantorkv" and "/var/zantormx" empty
+//   tmpfs directories, /proc the pid namespace's and /dev a tmpfs with the usual devices, so
+//   that a case may bind "/dev/log". Only an empty directory in /tmp is made and removed.
 #include "support/private_root.h"
 
 #include <fcntl.h>
