@@ -38,7 +38,7 @@ extern "C" {
 
 /* LRPC2_MSG_NOMEM, ..., LRPC2_ERR_FILEOP. */
 enum {
-#define LRPC2_STATUS_NAME(name, code, text) LRPC2_##name = code,
+#define LRPC2_STATUS_NAME(name, code, text) LRPC2_##name = (code),
     LRPC2_STATUS_MAP(LRPC2_STATUS_NAME)
 #undef LRPC2_STATUS_NAME
 };
