@@ -1,6 +1,6 @@
 // kvstop end to end against kvdsim: the wall time of one run (which sleeps one second by
 // design) against `sleep 1` started the same way, and kvstop's peak resident memory. Runs
-// under tests/support/hermetic.sh --devlog: the daemon's socket, the configuration file
+// under scripts/hermetic.sh --devlog: the daemon's socket, the configuration file
 // and "/dev/log" (drained by a thread here, as a syslog daemon would) are private.
 #include <fcntl.h>
 #include <poll.h>

@@ -1,7 +1,7 @@
 // Cost of a log call: disabled (the cached level check only, against one bare comparison),
 // guarded as kvstop writes it (isEnabled, then log only when enabled), in nanoseconds and in
 // time-stamp counter cycles; and enabled, delivered directly to a syslog datagram socket. Run as
-// root: the benchmark reruns itself under tests/support/hermetic.sh --devlog and reads its records
+// root: the benchmark reruns itself under scripts/hermetic.sh --devlog and reads its records
 // at its own
 // "/dev/log"; the host's /dev/log is never touched.
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // A log call with the log queue started against direct delivery and a bare syslog() call,
 // all writing to a datagram socket at a private "/dev/log" that a thread of its own reads.
-// The benchmark reruns itself in private namespaces (tests/support/hermetic.sh --devlog),
+// The benchmark reruns itself in private namespaces (scripts/hermetic.sh --devlog),
 // so it never binds the host's "/dev/log"; it needs root for that.
 #include <syslog.h>
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "conf_internal.h"
+#include "kvsyntax/escape.h"
 
 namespace conf {
 
@@ -120,20 +121,8 @@ int32_t readFile(const char* path, lrpc2_bytebuf* out) {
 }
 
 char mapEscape(char c) {
-    switch (c) {
-        case 'f':
-            return '\f';
-        case 'n':
-            return '\n';
-        case 'r':
-            return '\r';
-        case 't':
-            return '\t';
-        case 'v':
-            return '\v';
-        default:
-            return c;
-    }
+    const char control = kvsyntax::controlFor(c);
+    return control != '\0' ? control : c;
 }
 
 bool skipToItem(Cursor& in) {

@@ -128,9 +128,8 @@ int32_t transfer_all(int fd, uint8_t* data, uint32_t count, int32_t timeout, boo
     if (data == nullptr) {
         return LRPC2_ERR_SOCKET;
     }
-    // No limit: block in the transfer itself instead of waiting without end. The flags
-    // matter only then; with a time-out, skipping their read saves a system call per
-    // transfer (a bad descriptor still fails the transfer itself with 405).
+    // No limit: block in the transfer itself instead of waiting without end; with a time-out
+    // the descriptor stays as it is and each wait is bounded.
     bool made_blocking = false;
     if (timeout == 0) {
         const int flags = fcntl(fd, F_GETFL);

@@ -10,17 +10,10 @@
 namespace {
 
 lrpc2_msg* new_record(const lrpc2_msg_table* table, uint32_t header_len) {
-    // Every field set one by one: a cleared allocation (calloc, or what the compiler makes of
-    // malloc and memset) bypasses the allocator's per-thread cache.
-    lrpc2_msg* msg = static_cast<lrpc2_msg*>(malloc(sizeof(lrpc2_msg)));
+    lrpc2_msg* msg = static_cast<lrpc2_msg*>(calloc(1, sizeof(lrpc2_msg)));
     if (msg != nullptr) {
-        msg->state = 0;
         msg->table = table;
-        msg->flags = 0;
         msg->header_len = header_len;
-        msg->u.build.open_set = 0;
-        msg->u.build.set_count = 0;
-        msg->u.build.count_pos = 0;
         bytebuf_init(&msg->u.build.buf, 0);
     }
     return msg;
@@ -49,7 +42,6 @@ lrpc2_msg* lrpc2_msg_create(uint32_t id, uint32_t /*reserved*/, const lrpc2_msg_
     msg->state = LRPC2_STATE_BUILDING;
     msg->flags = lrpc2_table_secure(table, id) ? LRPC2_MSGF_SECURE : 0;
     lrpc2_bytebuf* buf = &msg->u.build.buf;
-    bytebuf_init(buf, 0);
     // The header stays zero until the exchange stamps magic and length in place.
     const uint16_t id16 = static_cast<uint16_t>(id);
     if (!bytebuf_reserve_wipe(buf, header_len, lrpc2_msg_secure(msg))) {

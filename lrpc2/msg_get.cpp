@@ -65,8 +65,7 @@ int32_t empty_text(char** out) {
     return 0;
 }
 
-// An array of count + 1 entries whose last one ends it; the others are filled by the caller.
-// count is 32 bits wide, so the size cannot overflow.
+// A string field, or the alternative string field, read whole.
 int32_t get_text(lrpc2_msg* msg, uint8_t tag, char** text) {
     lrpc2_reader r;
     int32_t rc = text != nullptr ? begin_get(msg, tag, &r) : LRPC2_MSG_INVALID;
@@ -76,23 +75,15 @@ int32_t get_text(lrpc2_msg* msg, uint8_t tag, char** text) {
     return rc != 0 ? rc : finish_get(msg, r);
 }
 
-// Reads a 32-bit count whose members take at least min_member bytes each; a count that the
-// remaining bytes cannot hold is refused before anything is allocated.
-int32_t read_count(lrpc2_reader* r, size_t min_member, uint32_t* count) {
-    if (!r->u32(count)) {
-        return LRPC2_MSG_NODATA;
-    }
-    return *count <= r->left() / min_member ? 0 : LRPC2_MSG_NODATA;
-}
-
-// Starts a set get: positions at the field, reads its count (members of at least min_member
-// bytes) and allocates the array of count entries and the terminating one.
+// Starts a set get: positions at the field, reads its count and allocates the array of count
+// entries and the terminating one (count is 32 bits wide, so the size cannot overflow). The
+// parse's validation has seen every member the count names.
 template <typename T>
-int32_t begin_set(lrpc2_msg* msg, bool wanted, uint8_t tag, size_t min_member, lrpc2_reader* r,
-                  uint32_t* count, T** array) {
+int32_t begin_set(lrpc2_msg* msg, bool wanted, uint8_t tag, lrpc2_reader* r, uint32_t* count,
+                  T** array) {
     int32_t rc = wanted ? begin_get(msg, tag, r) : LRPC2_MSG_INVALID;
-    if (rc == 0) {
-        rc = read_count(r, min_member, count);
+    if (rc == 0 && !r->u32(count)) {
+        rc = LRPC2_MSG_NODATA;
     }
     if (rc == 0) {
         *array = static_cast<T*>(malloc((static_cast<size_t>(*count) + 1) * sizeof(T)));
@@ -180,7 +171,7 @@ int32_t lrpc2_get_string_set(lrpc2_msg* msg, char*** texts) {
     lrpc2_reader r;
     uint32_t count = 0;
     char** array = nullptr;
-    int32_t rc = begin_set(msg, texts != nullptr, LRPC2_T_STRINGSET, 4, &r, &count, &array);
+    int32_t rc = begin_set(msg, texts != nullptr, LRPC2_T_STRINGSET, &r, &count, &array);
     if (rc != 0) {
         return rc;
     }
@@ -205,7 +196,7 @@ int32_t lrpc2_get_kv_set(lrpc2_msg* msg, lrpc2_kv** pairs) {
     lrpc2_reader r;
     uint32_t count = 0;
     lrpc2_kv* array = nullptr;
-    int32_t rc = begin_set(msg, pairs != nullptr, LRPC2_T_KVSET, 8, &r, &count, &array);
+    int32_t rc = begin_set(msg, pairs != nullptr, LRPC2_T_KVSET, &r, &count, &array);
     if (rc != 0) {
         return rc;
     }

@@ -16,6 +16,12 @@ inline bool lrpc2_mem_room(const lrpc2_bytebuf* b, uint32_t n) {
     return b->start != nullptr && b->end - b->pos > static_cast<ptrdiff_t>(n);
 }
 
+/* bytebuf_reserve and bytebuf_detach for a buffer that holds secrets (wipe non-zero): a block
+ * that is given up on the way is zeroed over the written bytes before it is freed, so the
+ * bytes move to a new block instead of being reallocated. Sizes and failures are the same. */
+extern "C" int bytebuf_reserve_wipe(lrpc2_bytebuf* b, uint32_t n, int wipe);
+extern "C" uint8_t* bytebuf_detach_wipe(lrpc2_bytebuf* b, int wipe);
+
 /* A block of at least `size` bytes (one for 0), or null. A secure block is never a kept one. */
 uint8_t* lrpc2_mem_alloc(size_t size, bool secure);
 

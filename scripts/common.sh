@@ -33,8 +33,8 @@ kv_as_root() {
   exit 1
 }
 
-# Every test and the demo run in private mount namespaces (tests/support/hermetic.sh): find out
-# now, with the reason and its fix, rather than from the first case that needs one.
+# Every test (tests/support/main.cpp) and the demo (scripts/hermetic.sh) run in private mount
+# namespaces: find out now, with the reason and its fix, rather than from the first case.
 kv_check_namespaces() {
   local what fix err
   if ! command -v unshare >/dev/null 2>&1; then

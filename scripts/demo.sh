@@ -17,7 +17,7 @@ kv_install demo
 kv_configure
 kv_build kvstop kvctl kvdsim
 kv_done "running kvctl status and kvstop against kvdsim in private namespaces"
-exec "$top/tests/support/hermetic.sh" bash -c '
+exec "$top/scripts/hermetic.sh" bash -c '
   set -u
   bin=$1
   # The simulated daemon on the default socket: it answers the stop request and exits.

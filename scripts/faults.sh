@@ -43,9 +43,8 @@ git -C "$src" reset -q --hard "$snapshot"
 git -C "$src" clean -qfdx
 
 echo "faults: building $(git -C "$top" rev-parse --short HEAD) with its changes in $bld"
-# promtool is unpacked in the working tree only.
 cmake -S "$src" -B "$bld" -G Ninja -DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1" \
-  "-DKV_PROMTOOL=$top/build-interop/tools/usr/bin/promtool" >>"$log" 2>&1
+  "-DKV_INTEROP_TOOLS=$top/build-interop/tools/usr/bin" >>"$log" 2>&1
 cmake --build "$bld" >>"$log" 2>&1 || { echo "faults: the unchanged tree does not build; see $log" >&2; exit 1; }
 
 # suite CTEST_ARGS...: runs those cases and prints the names of those that failed, one a line.

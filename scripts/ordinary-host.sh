@@ -14,7 +14,6 @@ kv_as_root "$0" "$@"
 flavour=${1:-plain}
 
 "$top/scripts/setup.sh" test >/dev/null
-[ "$flavour" != plain ] || "$top/scripts/setup.sh" interop >/dev/null
 
 # shellcheck disable=SC2016 # expanded by the inner shell
 exec unshare -n --kill-child -- bash -c '

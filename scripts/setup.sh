@@ -1,19 +1,17 @@
 #!/usr/bin/env bash
-# Usage: scripts/setup.sh [demo|package|test|debian|bench|fuzz|coverage|interop]: installs
-# what that needs (default: test); safe to run any number of times.
+# Usage: scripts/setup.sh [demo|package|test|debian|bench|fuzz|coverage]: installs what that
+# needs (default: test); safe to run any number of times.
 #   demo   building kvstop, kvctl and kvdsim only (scripts/demo.sh)
 #   package  the Debian packages' build dependencies (debian/control) and dpkg-buildpackage
-#   test   building and running the test suite (scripts/test.sh), the package test included,
-#          with Ansible's tools for the collection in ansible/ and promtool for the alert
-#          rules (unpacked as for interop)
+#   test   building and running the test suite (scripts/test.sh): the package test, Ansible's
+#          tools for the collection in ansible/, and the real monitoring tools that judge
+#          kvctl: the monitoring-plugin libraries installed; promtool and node_exporter taken
+#          out of their packages (apt-get download, dpkg -x) into build-interop/tools, never
+#          installed, since the packages would install and start services
 #   debian autopkgtest and piuparts in bookworm chroots (scripts/debian-check.sh)
 #   bench  building and running the benchmarks (scripts/bench.sh)
 #   fuzz   building the libFuzzer targets with clang (scripts/fuzz.sh)
 #   coverage  the test set and gcovr (scripts/coverage.sh)
-#   interop   kvctl's monitoring forms against the real tools (scripts/interop.sh): the
-#             monitoring-plugin libraries installed; promtool and node_exporter taken out of
-#             their packages (apt-get download, dpkg -x) into build-interop/tools, never
-#             installed, since the packages would install and start services
 # The install starts, enables and reconfigures no service of the host: policy-rc.d refuses
 # every start while it runs, and units that the install enabled are disabled again.
 # With KV_SETUP_STATUS_FD set, says what it does on that descriptor ("kv:" lines) and has
@@ -36,7 +34,9 @@ test=("${build[@]}" "${package[@]}" libgtest-dev libgmock-dev util-linux iproute
       pkgconf groff-base man-db python3-jsonschema zsh fish lintian devscripts mandoc systemd
       # ansible-test sanity and units, ansible-lint (ansible/tests/check.sh)
       ansible-core ansible-lint yamllint shellcheck pylint python3-pycodestyle python3-voluptuous
-      python3-venv python3-pytest python3-pytest-xdist python3-pytest-forked)
+      python3-venv python3-pytest python3-pytest-xdist python3-pytest-forked
+      # the monitoring-plugin libraries (tests/interop)
+      curl python3 libmonitoring-plugin-perl python3-nagiosplugin)
 profile=${1:-test}
 case "$profile" in
   demo) packages=("${build[@]}") ;;
@@ -49,18 +49,14 @@ case "$profile" in
          gnuplot-nox) ;;
   fuzz) packages=("${build[@]}" clang libclang-rt-14-dev) ;;
   coverage) packages=("${test[@]}" gcovr) ;;
-  interop) packages=("${build[@]}" util-linux iproute2 curl python3 libmonitoring-plugin-perl
-                     python3-nagiosplugin) ;;
-  *) echo "setup: unknown profile '$profile' (demo, package, test, debian, bench, fuzz, coverage or interop)" >&2
+  *) echo "setup: unknown profile '$profile' (demo, package, test, debian, bench, fuzz or coverage)" >&2
      exit 2 ;;
 esac
-# Packages whose programs are only unpacked (interop): a service's package, never installed.
+# Packages whose programs are only unpacked (test): a service's package, never installed.
 unpacked=()
 tools=$(cd "$(dirname "$0")/.." && pwd)/build-interop/tools
-if [ "$profile" = interop ] || [ "$profile" = test ]; then
+if [ "$profile" = test ] || [ "$profile" = coverage ]; then
   [ -x "$tools/usr/bin/promtool" ] || unpacked+=(prometheus)
-fi
-if [ "$profile" = interop ]; then
   [ -x "$tools/usr/bin/prometheus-node-exporter" ] || unpacked+=(prometheus-node-exporter)
 fi
 

@@ -14,7 +14,6 @@
 
 #include "support/child.h"
 #include "support/files.h"
-#include "support/hermetic.h"
 #include "support/syslog_sink.h"
 #include "support/zfw_config.h"
 #include "zfw/logdelivery.h"
@@ -42,16 +41,12 @@ void loadEmptyConfigFile() {
 class LoggerTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!kvtest::insideHermeticDevLog()) {
-            return;  // the test body runs itself again inside
-        }
         loadEmptyConfigFile();
         sink().take();
     }
 };
 
 TEST_F(LoggerTest, EffectiveLevelIsInheritedAndCached) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     const boost::shared_ptr<Logger> parent = Logger::get("cache");
     const boost::shared_ptr<Logger> child = Logger::get("cache.child");
     parent->setLevel(Logger::WARN);
@@ -68,7 +63,6 @@ TEST_F(LoggerTest, EffectiveLevelIsInheritedAndCached) {
 }
 
 TEST_F(LoggerTest, RecordLayoutAndPriority) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     const std::string ident = program_invocation_short_name;
     struct Case {
         const char* logger;
@@ -125,15 +119,11 @@ std::string complaint(const std::string& text) {
 class LogConfigTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!kvtest::insideHermeticDevLog()) {
-            return;  // the test body runs itself again inside
-        }
         sink();
     }
 };
 
 TEST_F(LogConfigTest, LevelsFollowTheProperties) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     loadEmptyConfigFile();
     configureFrom("log=debug\nlog.a=ERROR\n");
     EXPECT_EQ(Logger::get("")->level(), Logger::DEBUG);
@@ -153,7 +143,6 @@ TEST_F(LogConfigTest, LevelsFollowTheProperties) {
 }
 
 TEST_F(LogConfigTest, BadLevelsAreReportedAndSkipped) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     configureFrom("log=verbose\nlog.=DEBUG\nlog.x=loud\nlog.ok=Warn\n");
     EXPECT_EQ(complaints(),
               (std::vector<std::string>{
@@ -165,7 +154,6 @@ TEST_F(LogConfigTest, BadLevelsAreReportedAndSkipped) {
 }
 
 TEST_F(LogConfigTest, PerLoggerFacilitiesAndComplaints) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     loadEmptyConfigFile();
     configureFrom(
         "logger.facility.*=bogus\n"
@@ -203,7 +191,6 @@ struct OpenlogCase {
 };
 
 TEST_F(LogConfigTest, ComplaintsUnderTheLoadDecideAboutOpenlog) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     const std::string off = "logger.openlog." + zfw::processName() + "=no\n";
     const OpenlogCase cases[] = {
         {"first load complains", "log.x=loud\n", false, true},
@@ -263,7 +250,6 @@ class LogQueueTest : public ::testing::Test {
 };
 
 TEST_F(LogQueueTest, SizeZeroKeepsDeliveryDirect) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
     kvtest::useProperties("logger.queue.size=0\n");
     const int32_t threads = zfw::Thread::m_threadsActive;
@@ -276,13 +262,12 @@ TEST_F(LogQueueTest, SizeZeroKeepsDeliveryDirect) {
 }
 
 TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     struct Case {
         const char* properties;
         unsigned capacity;
     };
     const Case cases[] = {
-        {"logger.queue.size=4\n", 4},
+        {"logger.queue.size=1\n", 1},  // the smallest queue
         // The logger "log" at DEBUG makes the queue four times larger.
         {"logger.queue.size=10\nlog.log=DEBUG\n", 40},
     };

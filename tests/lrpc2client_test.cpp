@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "support/expect_throw.h"
-#include "support/hermetic.h"
 #include "support/kvdsim.h"
 #include "support/program.h"
 #include "zfw/exception.h"
@@ -22,7 +21,6 @@ std::string emptyRequest(const char* idHex) {
 }
 
 TEST(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
-    KV_REQUIRE_HERMETIC();
     kvtest::TempDir dir;
     ASSERT_TRUE(kvtest::writeDaemonConfig("kvd.data.dir=" + dir.path() + "\nkvd.socket=sock\n"));
     kvtest::Kvdsim daemon(dir, {"--fault", "close-request", "--fault-conn", "2"});
@@ -78,24 +76,25 @@ enum Reached { kNone, kSock, kAudit, kDefault };
 struct SocketConfig {
     const char* name;
     std::string config;  // "DIR" stands for the test's directory
+    std::string path;    // the session's socket path ("" when refused)
     Reached reached;
 };
 
 TEST(SessionTest, SocketPathFromDataDirectoryAndName) {
-    KV_REQUIRE_HERMETIC();
     kvtest::TempDir dir;
     const std::vector<SocketConfig> cases = {
-        {"directory and name", "kvd.data.dir=DIR\nkvd.socket=sock\n", kSock},
-        {"trailing slash doubles it", "kvd.data.dir=DIR/\nkvd.socket=sock\n", kSock},
-        {"absolute name is appended", "kvd.data.dir=DIR\nkvd.socket=/sock\n", kSock},
-        {"last of repeated keys", "kvd.data.dir=/none\nkvd.data.dir=DIR\nkvd.socket=sock\n", kSock},
-        {"expanded from another key", "base=DIR\nkvd.data.dir=$base\nkvd.socket=sock\n", kSock},
-        {"default name", "kvd.data.dir=DIR\n", kAudit},
-        {"default directory and name", "lrpc2.timeout=5\n", kDefault},
-        {"relative directory", "kvd.data.dir=srv\nkvd.socket=sock\n", kNone},
-        // Set but unexpandable (no host settings here): no fallback to the default socket.
-        {"unexpandable directory", "kvd.data.dir=$JOINNAME\nkvd.socket=audit\n", kNone},
-        {"unexpandable name", "kvd.data.dir=/var/zantorkv\nkvd.socket=$SITE\n", kNone},
+        {"directory and name", "kvd.data.dir=DIR\nkvd.socket=sock\n", "DIR/sock", kSock},
+        {"trailing slash doubles it", "kvd.data.dir=DIR/\nkvd.socket=sock\n", "DIR//sock", kSock},
+        {"absolute name is appended", "kvd.data.dir=DIR\nkvd.socket=/sock\n", "DIR//sock", kSock},
+        {"last of repeated keys", "kvd.data.dir=/none\nkvd.data.dir=DIR\nkvd.socket=sock\n",
+         "DIR/sock", kSock},
+        {"expanded", "base=DIR\nkvd.data.dir=$base\nkvd.socket=sock\n", "DIR/sock", kSock},
+        {"default name", "kvd.data.dir=DIR\n", "DIR/audit", kAudit},
+        {"default directory and name", "lrpc2.timeout=5\n", "/var/zantorkv/audit", kDefault},
+        {"relative directory", "kvd.data.dir=srv\nkvd.socket=sock\n", "srv/sock", kNone},
+        // Set but unexpandable (no host settings here): no path, no fallback to the default.
+        {"unexpandable directory", "kvd.data.dir=$JOINNAME\nkvd.socket=audit\n", "", kNone},
+        {"unexpandable name", "kvd.data.dir=/var/zantorkv\nkvd.socket=$SITE\n", "", kNone},
     };
     kvtest::TempDir auditLog, defaultLog;
     kvtest::Kvdsim sock(dir, {});
@@ -104,13 +103,16 @@ TEST(SessionTest, SocketPathFromDataDirectoryAndName) {
     ASSERT_TRUE(sock.ready() && audit.ready() && byDefault.ready());
     for (const SocketConfig& c : cases) {
         SCOPED_TRACE(c.name);
-        std::string text = c.config;
-        for (size_t at; (at = text.find("DIR")) != std::string::npos;) {
-            text.replace(at, 3, dir.path());
+        std::string text = c.config, path = c.path;
+        for (std::string* s : {&text, &path}) {
+            for (size_t at; (at = s->find("DIR")) != std::string::npos;) {
+                s->replace(at, 3, dir.path());
+            }
         }
         ASSERT_TRUE(kvtest::writeDaemonConfig(text));
         const size_t before[] = {sock.log().size(), audit.log().size(), byDefault.log().size()};
         Lrpc2Client client;
+        EXPECT_EQ(client.socketPath(), path);
         EXPECT_EQ(client.connect(), c.reached != kNone);
         EXPECT_EQ(sock.log().size(), before[0] + (c.reached == kSock ? 1 : 0));
         EXPECT_EQ(audit.log().size(), before[1] + (c.reached == kAudit ? 1 : 0));

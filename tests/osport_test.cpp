@@ -17,7 +17,6 @@
 
 #include "support/child.h"
 #include "support/files.h"
-#include "support/hermetic.h"
 #include "support/syslog_sink.h"
 #include "zfw/osport.h"
 
@@ -120,7 +119,6 @@ TEST(OsportFsIds, ReadWithoutChangingAndSet) {
 
 // The cached down state expires after the stale limit, for the override thread after its own.
 TEST(OsportCachedDns, DownStateExpires) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
     zfw::setDnsState(false);
     zfw::setDnsOverrideThread();
@@ -139,8 +137,7 @@ TEST(OsportCachedDns, DownStateExpires) {
 
 }  // namespace
 
-// Every case reruns itself inside private namespaces (KV_REQUIRE_HERMETIC_DEVLOG), where it
-// writes its own /etc/hosts, /etc/resolv.conf and /etc/nsswitch.conf (no lookup reaches a
+// Every case writes its own /etc/hosts, /etc/resolv.conf and /etc/nsswitch.conf (no lookup reaches a
 // real name server) and reads the "dns.state" records on its own /dev/log.
 namespace {
 
@@ -210,7 +207,6 @@ int silentNameServer() {
 using OsportDnsLong = OsportDns;
 
 TEST_F(OsportDnsLong, SlowFailureMarksDnsDown) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     ASSERT_TRUE(prepare());
     const int server = silentNameServer();
     struct hostent he;
@@ -224,7 +220,6 @@ TEST_F(OsportDnsLong, SlowFailureMarksDnsDown) {
 }
 
 TEST_F(OsportDns, ResolverErrorsBecomeHostErrors) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     ASSERT_TRUE(prepare());
     struct Case {
         const char* sources;  // of /etc/nsswitch.conf
@@ -298,7 +293,6 @@ void checkRecord(const struct hostent* he, const Expected& e, const char* buffer
 }
 
 TEST_F(OsportDns, FillsTheCallersRecord) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     ASSERT_TRUE(prepare());
     for (const Expected& e : lookups()) {
         struct hostent he;

@@ -13,7 +13,7 @@
 
 #include "support/child.h"
 #include "support/files.h"
-#include "support/hermetic.h"
+#include "support/private_root.h"
 #include "zfw/properties.h"
 #include "zfw/setting.h"
 
@@ -41,7 +41,7 @@ StringList listOf(std::initializer_list<const char*> items) {
 class PropertiesTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "run under tests/support/hermetic.sh";
+        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "/etc/zantorkv or /var/zantormx is not private";
         Properties::destroyProperties();
         zfw::MutexLock lock(zfw::gSettingsMutex);
         zfw::clearSettingsCache();
@@ -99,6 +99,7 @@ TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
         {"e=$nosuch", "e", ""},
         {"f=\"$PROPS_TEST_HOME\"", "f", "/home/t"},
         {"g=a$", "g", "a"},
+        {"m=a$:b", "m", "a:b"},
         {"n=$9abc", "n", "abc"},
         {"w=$$", "w", ""},
         {"v=${PROPS_TEST_HOME}", "v", "{PROPS_TEST_HOME}"},

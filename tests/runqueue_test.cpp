@@ -4,17 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <ctime>
 #include <functional>
 #include <future>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <boost/make_shared.hpp>
 
-#include "support/hermetic.h"
 #include "support/syslog_sink.h"
 #include "support/zfw_config.h"
 #include "zfw/exception.h"
@@ -98,7 +99,6 @@ TEST_F(RunQueueTest, BoundRefusesWithBufferFull) {
 }
 
 TEST_F(RunQueueTest, UniqueItemsReplaceTheirPendingTwin) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     kvtest::SyslogSink sink;
     kvtest::useProperties("log.util.runqueue=DEBUG\n");
     zfw::RunQueue queue(0, false);
@@ -142,6 +142,33 @@ TEST_F(RunQueueTest, TimeOutInterruptionAndFailingItems) {
     EXPECT_THROW(queue.run(0), zfw::QueueInterrupted);
     queue.run(-1);
     EXPECT_EQ(journal(), (std::vector<std::string>{"after", "kept"}));
+}
+
+// Sleeps until the clock shows `second` (at most a few seconds ahead), then `ms` more.
+void sleepInto(time_t second, int ms) {
+    while (time(nullptr) < second) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+// The time-out counts whole seconds: an item added in the last second before the deadline
+// runs, one added once the deadline second has come stays pending.
+TEST_F(RunQueueTest, TimeOutEndsWhenTheDeadlineSecondComes) {
+    zfw::RunQueue queue(0, true);
+    const time_t start = time(nullptr) + 1;
+    sleepInto(start, 0);
+    auto consumer = std::async(std::launch::async, [&] { queue.run(2); });
+    sleepInto(start + 1, 200);
+    queue.add(step("before the deadline"));
+    sleepInto(start + 2, 200);
+    queue.add(step("after the deadline"));
+    if (consumer.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        queue.interrupt();
+        FAIL() << "run(2) did not return within 10 s";
+    }
+    EXPECT_EQ(journal(), std::vector<std::string>{"before the deadline"});
+    EXPECT_EQ(queue.size(), 1u);
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 
 #include "support/expect_throw.h"
 #include "support/files.h"
-#include "support/hermetic.h"
+#include "support/private_root.h"
 #include "zfw/exception.h"
 #include "zfw/mutex.h"
 #include "zfw/path.h"
@@ -31,7 +31,7 @@ const std::string kDir = "/var/zantormx/";
 class SettingTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "run under tests/support/hermetic.sh";
+        ASSERT_TRUE(kvtest::clearPrivateDirs()) << "/etc/zantorkv or /var/zantormx is not private";
         zfw::Properties::destroyProperties();
         forget();
         zfw::changeDataDir(kDir);

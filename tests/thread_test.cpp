@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "support/hermetic.h"
 #include "support/syslog_sink.h"
 #include "support/wait.h"
 #include "support/zfw_config.h"
@@ -91,7 +90,6 @@ size_t stackSizeOfNewThread() {
 }
 
 TEST(Thread, StackSizeFromProperties) {
-    KV_REQUIRE_HERMETIC_DEVLOG();
     // The default follows the host's `ulimit -s`: this process sets its own.
     const size_t defaultSize = 8u << 20;
     pthread_attr_t attr;

@@ -71,20 +71,18 @@ Mutex::~Mutex() noexcept(false) {
     check(pthread_cond_destroy(&m_cond));
 }
 
-// Depth and owner change only under the mutex, so plain loads and stores suffice (no locked
-// read-modify-write); they are atomic only for the readers that do not hold it.
+// Depth and owner change only under the mutex; they are atomic for the readers that do not
+// hold it.
 void Mutex::lock() {
     check(pthread_mutex_lock(&m_mutex));
     ++tHeld;
-    m_depth.store(m_depth.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    m_owner.store(pthread_self(), std::memory_order_relaxed);
+    ++m_depth;
+    m_owner = pthread_self();
 }
 
 void Mutex::unlock() {
-    const int32_t depth = m_depth.load(std::memory_order_relaxed);
-    m_depth.store(depth - 1, std::memory_order_relaxed);
-    if (depth == 1) {
-        m_owner.store(0, std::memory_order_relaxed);
+    if (--m_depth == 0) {
+        m_owner = 0;
     }
     check(pthread_mutex_unlock(&m_mutex));
     --tHeld;
@@ -97,21 +95,19 @@ bool Mutex::trylock() {
     }
     check(err);
     ++tHeld;
-    m_depth.store(m_depth.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    m_owner.store(pthread_self(), std::memory_order_relaxed);
+    ++m_depth;
+    m_owner = pthread_self();
     return true;
 }
 
 bool Mutex::wait(const struct timespec* deadline) {
     // The condition wait releases the mutex, so it must not look held meanwhile.
-    const int32_t depth = m_depth.load(std::memory_order_relaxed);
-    const pthread_t owner = m_owner.load(std::memory_order_relaxed);
-    m_depth.store(0, std::memory_order_relaxed);
-    m_owner.store(0, std::memory_order_relaxed);
+    const int32_t depth = m_depth.exchange(0);
+    const pthread_t owner = m_owner.exchange(0);
     const int err = deadline != nullptr ? pthread_cond_timedwait(&m_cond, &m_mutex, deadline)
                                         : pthread_cond_wait(&m_cond, &m_mutex);
-    m_depth.store(depth, std::memory_order_relaxed);
-    m_owner.store(owner, std::memory_order_relaxed);
+    m_depth = depth;
+    m_owner = owner;
     if (err == ETIMEDOUT && deadline != nullptr) {
         return false;
     }

@@ -14,6 +14,7 @@
 #include "zfw/logger.h"
 #include "zfw/setting.h"
 #include "zfw/strutil.h"
+#include "kvsyntax/escape.h"
 
 namespace zfw {
 
@@ -47,23 +48,6 @@ bool isWhitespace(char c) {
     return isOneOfChars(kWhitespace, c);
 }
 
-// The control character that an escaped letter stands for, or '\0'.
-char controlFor(char c) {
-    switch (c) {
-        case 't':
-            return '\t';
-        case 'n':
-            return '\n';
-        case 'r':
-            return '\r';
-        case 'v':
-            return '\v';
-        case 'f':
-            return '\f';
-        default:
-            return '\0';
-    }
-}
 
 // Quote and escape state of a text walked from its start, one character at a time: the one
 // scanner of the reader's quotes and escapes.
@@ -175,7 +159,7 @@ bool Properties::reload() {
     m_params.clear();
     m_values.clear();
     m_loaded = false;
-    // Deliberately the fixed path, whatever file this store was loaded from.
+    // The fixed path, whatever file this store was loaded from: the store's contract requires it.
     load(gConfigPath, true);
     return m_loaded;
 }
@@ -184,8 +168,8 @@ void Properties::parse(std::istream& in, bool expand) {
     MutexLock lock(m_mutex);
     m_loaded = false;
     m_expand = expand;
-    // m_values and m_params deliberately stay: a key missing from this input keeps its old
-    // value until reload.
+    // m_values and m_params stay, as the store's contract requires: a key missing from this
+    // input keeps its old value until reload.
     m_raw.clear();
     m_listCache.clear();
     if (in.fail()) {
@@ -290,7 +274,8 @@ int Properties::getInt(const std::string& key, int def) const {
     if (value.empty()) {
         return def;
     }
-    // Deliberately unchecked: the leading digits count, and text without any gives 0.
+    // Unchecked, as the file format requires: the leading digits count, and text without any
+    // gives 0.
     return static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
 }
 
@@ -346,8 +331,8 @@ boost::shared_ptr<StringList> Properties::getList(const std::string& key, const 
         fromStored = !anyCandidate;
     }
     boost::shared_ptr<Logger> logger = storeLogger();
-    // Deliberately tested at TRACE and written at DEBUG: the list shows only when the
-    // store's logger is at its most verbose, and then as a DEBUG record.
+    // Tested at TRACE and written at DEBUG, as the store's log requires: the list shows only
+    // when the store's logger is at its most verbose, and then as a DEBUG record.
     if (logger->isEnabled(Logger::TRACE)) {
         std::string text = key + ": ";
         for (const std::string& item : *list) {
@@ -499,8 +484,8 @@ bool Properties::isInsideQuotes(const std::string& s) {
 }
 
 void Properties::removeEscapes(std::string& s) {
-    // Quoting is deliberately judged on the text already produced: a quote whose escaping
-    // backslash was just deleted opens a quoted stretch: \"a\b gives "a\b.
+    // The file format requires quoting to be judged on the text already produced: a quote
+    // whose escaping backslash was just deleted opens a quoted stretch: \"a\b gives "a\b.
     std::string out;
     out.reserve(s.size());
     QuoteState state;
@@ -547,13 +532,13 @@ void Properties::normaliseWhitespace(std::string& s) {
 }
 
 void Properties::unescapeControlChars(std::string& s) {
-    // Only escapes count: quotes are deliberately not considered, so a quoted "\t" becomes a
-    // tab here as well.
+    // Only escapes count, as the file format requires: quotes are not considered, so a quoted
+    // "\t" becomes a tab here as well.
     std::string out;
     out.reserve(s.size());
     QuoteState state;
     for (const char c : s) {
-        const char control = state.escaped() ? controlFor(c) : '\0';
+        const char control = state.escaped() ? kvsyntax::controlFor(c) : '\0';
         if (control != '\0') {
             out.back() = control;  // the escaping backslash
         } else {
@@ -588,7 +573,7 @@ void Properties::stripQuotes(std::string& s) {
             // it is, a control letter becoming its character.
             state.feed(c);
             if (++i < s.size()) {
-                const char control = controlFor(s[i]);
+                const char control = kvsyntax::controlFor(s[i]);
                 out += control != '\0' ? control : s[i];
                 state.feed(s[i]);
             }
@@ -698,7 +683,8 @@ void Properties::substituteVariables(std::string& value) {
         }
         std::string replacement;
         bool found = false;
-        // Deliberately inserts an empty entry for a name that is no join parameter.
+        // Inserts an empty entry for a name that is no join parameter, as the file format
+        // requires.
         const std::string& param = m_params[name];
         if (!param.empty()) {
             replacement = param;

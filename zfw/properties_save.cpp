@@ -14,6 +14,7 @@
 #include "zfw/logger.h"
 #include "zfw/osport.h"
 #include "zfw/properties.h"
+#include "kvsyntax/escape.h"
 
 namespace zfw {
 
@@ -24,27 +25,9 @@ const long kLockWaitNanos = 10L * 1000 * 1000;
 // A lock file last touched longer ago than this was left by a saver that died.
 const time_t kStaleLockSeconds = 60;
 
-// The letter that stands for a control character in file syntax, or '\0'.
-char letterFor(char c) {
-    switch (c) {
-        case '\t':
-            return 't';
-        case '\n':
-            return 'n';
-        case '\v':
-            return 'v';
-        case '\f':
-            return 'f';
-        case '\r':
-            return 'r';
-        default:
-            return '\0';
-    }
-}
-
 // One character of a value in file syntax ('$' is handled by the caller).
 void appendEscaped(std::string& out, char c, bool quoted) {
-    const char letter = letterFor(c);
+    const char letter = kvsyntax::letterFor(c);
     if (letter != '\0') {
         out += '\\';
         out += letter;

@@ -26,7 +26,8 @@ bool configuredSocketPath(std::string& path) {
     if (dir == nullptr || name == nullptr) {
         return false;
     }
-    // Deliberately joined as they are: a trailing "/" doubles, an absolute name is appended.
+    // Joined as they are, as the session's rules require: a trailing "/" doubles, an absolute
+    // name is appended.
     path = dataDir + "/" + socketName;
     return true;
 }
@@ -35,8 +36,8 @@ bool configuredSocketPath(std::string& path) {
 
 Lrpc2Client::Lrpc2Client()
     : m_messageTable(lrpc2_default_table()), m_connection(nullptr), m_timeout(kDefaultTimeout) {
-    // The reader's status is deliberately ignored: a missing file gives the default, and a
-    // value that fails to expand gives 0, which the library treats as no limit.
+    // The reader's status is ignored, as the session's rules require: a missing file gives the
+    // default, and a value that fails to expand gives 0, which the library treats as no limit.
     conf_file* conf = conf_open(kConfigFile, nullptr, nullptr);
     m_timeout = conf_get_int(conf, "lrpc2.timeout", kDefaultTimeout, nullptr);
     conf_free(conf);
@@ -86,7 +87,8 @@ bool Lrpc2Client::connect(int32_t timeout) {
     }
 
     int32_t status = 0;
-    // Deliberately overwrites a connection still open; callers connect only when not connected.
+    // Overwrites a connection still open, as the session's rules require; callers connect only
+    // when not connected.
     m_connection = lrpc2_connect_timeout(path.c_str(), m_messageTable,
                                          timeout != 0 ? timeout : m_timeout, &status);
     if (status != 0) {
@@ -192,6 +194,6 @@ int32_t Lrpc2Client::reloadProperties(std::string* failure) {
         }
         return kReloadFailed;
     }
-    // Deliberately outside the handler: a reply without its int32 throws.
+    // Outside the handler, as the protocol requires: a reply without its int32 throws.
     return reply.readInt32();
 }

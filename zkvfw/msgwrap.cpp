@@ -7,7 +7,7 @@
 namespace {
 
 // A reader's status: "no more data" is reported apart from every other failure, both
-// deliberately with result code 0 (the library's status is not passed on).
+// with result code 0, as the wrapper's contract requires (the library's status is not passed on).
 void checkRead(int32_t status, const char* typeName, const char* typeText) {
     if (status == 0) {
         return;
@@ -78,7 +78,7 @@ void Lrpc2Message::writeUInt32(uint32_t value) {
 }
 
 void Lrpc2Message::writeString(const std::string& value) {
-    // Deliberately the null string for the empty one; a reader gives it back empty.
+    // The null string for the empty one, as the protocol requires; a reader gives it back empty.
     checkWrite(lrpc2_put_string(m_msg, value.empty() ? nullptr : value.c_str()),
                "Unable to write string to reply message");
 }

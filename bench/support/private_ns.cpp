@@ -41,7 +41,7 @@ void enterHermetic(int argc, char** argv, bool devlog) {
         perror("/proc/self/exe");
         exit(2);
     }
-    std::string script = KV_SOURCE_DIR "/tests/support/hermetic.sh";
+    std::string script = KV_SOURCE_DIR "/scripts/hermetic.sh";
     std::string devlogOption = "--devlog";
     std::vector<char*> args = {&script[0]};
     if (devlog) {

@@ -1,5 +1,5 @@
 // Private namespaces for benchmarks that touch the fixed paths or "/dev/log": the
-// benchmark executes itself again under tests/support/hermetic.sh, so the host's files
+// benchmark executes itself again under scripts/hermetic.sh, so the host's files
 // and its "/dev/log" are never touched. Needs root.
 #ifndef KV_BENCH_SUPPORT_PRIVATE_NS_H
 #define KV_BENCH_SUPPORT_PRIVATE_NS_H

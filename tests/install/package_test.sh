@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Usage: package_test.sh SOURCE_DIR (as root, under tests/support/hermetic.sh)
+# Usage: package_test.sh SOURCE_DIR (as root, under scripts/hermetic.sh)
 # Builds the Debian packages of a copy of SOURCE_DIR with dpkg-buildpackage, judges them with
 # lintian, and installs kvstop, kvdsim and libkvstop-dev with dpkg into this namespace only:
 # /etc and /var are hermetic.sh's overlays and /usr gets one here, so the host's files and

@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "support/child.h"
-#include "support/hermetic.h"
+#include "support/private_root.h"
 
 namespace kvtest {
 
@@ -32,7 +32,7 @@ std::string readAll(int fd) {
 }  // namespace
 
 bool writeDaemonConfig(const std::string& text) {
-    if (!insideHermetic()) {
+    if (!isPrivate("/etc/zantorkv")) {
         return false;
     }
     std::ofstream out("/etc/zantorkv/zantorkv.conf", std::ios::binary | std::ios::trunc);

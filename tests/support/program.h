@@ -1,5 +1,5 @@
 // Running programs of the product from a test with their output captured, and writing the
-// daemon's configuration file inside hermetic.sh.
+// daemon's configuration file in the private "/etc/zantorkv" (support/private_root.h).
 #ifndef KV_TESTS_SUPPORT_PROGRAM_H
 #define KV_TESTS_SUPPORT_PROGRAM_H
 
@@ -8,8 +8,8 @@
 
 namespace kvtest {
 
-// Replaces "/etc/zantorkv/zantorkv.conf"; refuses (false) outside hermetic.sh, so that the
-// host's file is never touched.
+// Replaces "/etc/zantorkv/zantorkv.conf"; refuses (false) when that directory is not
+// private, so that the host's file is never touched.
 bool writeDaemonConfig(const std::string& text);
 
 struct ProgramResult {

@@ -1,6 +1,6 @@
 #include "support/syslog_sink.h"
 
-#include "support/hermetic.h"
+#include "support/private_root.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -39,8 +39,8 @@ bool parseSyslogRecord(const std::string& datagram, SyslogRecord& out) {
 }  // namespace
 
 SyslogSink::SyslogSink(bool reading) {
-    if (!insideHermeticDevLog()) {
-        ADD_FAILURE() << "refusing to bind /dev/log outside hermetic.sh --devlog";
+    if (!isPrivate("/dev")) {
+        ADD_FAILURE() << "refusing to bind /dev/log: /dev is not private";
         return;
     }
     m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

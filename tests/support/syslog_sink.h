@@ -1,5 +1,5 @@
-// A private system log for tests that run under tests/support/hermetic.sh --devlog
-// (KV_REQUIRE_HERMETIC_DEVLOG, support/hermetic.h): binds a datagram socket at "/dev/log"
+// A private system log for tests, whose "/dev" is their own (support/main.cpp): binds a
+// datagram socket at "/dev/log"
 // and reads the records that the C library's syslog sends there.
 #ifndef KV_TESTS_SUPPORT_SYSLOG_SINK_H
 #define KV_TESTS_SUPPORT_SYSLOG_SINK_H

@@ -1,20 +1,16 @@
 #include "support/zfw_config.h"
 
-#include <linux/magic.h>
-#include <sys/vfs.h>
-
 #include <gtest/gtest.h>
 
 #include <fstream>
 
+#include "support/private_root.h"
 #include "zfw/properties.h"
 
 namespace kvtest {
 
 void useProperties(const std::string& text) {
-    // hermetic.sh mounts a tmpfs there; the host's directory never is one.
-    struct statfs fs = {};
-    if (statfs("/etc/zantorkv", &fs) != 0 || fs.f_type != TMPFS_MAGIC) {
+    if (!isPrivate("/etc/zantorkv")) {
         ADD_FAILURE() << "not in a private namespace: /etc/zantorkv is not a private tmpfs";
         return;
     }

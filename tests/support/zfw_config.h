@@ -1,5 +1,5 @@
-// The framework's configuration file for tests that run in a private mount namespace
-// (tests/support/hermetic.sh), where "/etc/zantorkv" is an empty tmpfs of their own.
+// The framework's configuration file for tests, whose "/etc/zantorkv" is an empty tmpfs of
+// their own (support/main.cpp).
 #ifndef KV_TESTS_SUPPORT_ZFW_CONFIG_H
 #define KV_TESTS_SUPPORT_ZFW_CONFIG_H
 

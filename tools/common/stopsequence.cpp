@@ -17,8 +17,9 @@ const int32_t kPingTimeout = 60;
 
 bool stillAnswers(Lrpc2Client& client) {
     sleep(1);
-    // Whatever fails from here on means that the daemon is gone, deliberately including
-    // failures that are not the daemon's (any ZFWException). The connection stays open.
+    // Whatever fails from here on means that the daemon is gone, failures that are not the
+    // daemon's included (any ZFWException), as the stop command's rules require. The
+    // connection stays open.
     try {
         return client.connect(0) && client.ping(kPingTimeout);
     } catch (const ZFWException&) {

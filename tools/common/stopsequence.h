@@ -21,7 +21,7 @@ enum class StopOutcome {
 // Connects `client`, sends the stop request, waits a second and pings. Writes kvstop's lines:
 // "Zantor Kavelo daemon stopped successfully." on `out`, the not-reachable and
 // refusal lines on standard error, and the success or refusal record to `logger`. Nothing is
-// written for StillAnswering (deliberately: the exit status tells). The session stays
+// written for StillAnswering (the stop command's rules: the exit status tells). The session stays
 // connected in that case.
 StopOutcome stopAndConfirm(Lrpc2Client& client, const boost::shared_ptr<zfw::Logger>& logger,
                            std::ostream& out);

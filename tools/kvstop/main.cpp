@@ -2,8 +2,8 @@
 //
 // Exit status 0: stopped (or no longer answering after the stop request); 1: not
 // reachable for the stop request; 2: not root, usage error, failed stop request, or the
-// daemon still answers. Every exit happens at the point of decision, deliberately without
-// disconnecting: the session's socket closes with the process.
+// daemon still answers. Every exit happens at the point of decision, without disconnecting, as
+// the stop command's rules require: the session's socket closes with the process.
 #include <unistd.h>
 
 #include <cstdlib>

@@ -2,7 +2,7 @@
 # Usage: run.sh KVCTL KVDSIM COLLECTION_DIR: the collection built with ansible-galaxy, installed
 # from its tarball, and its playbook zantor.kavelo.stop run with ansible-playbook on three hosts of one machine
 # (inventory.yml: local connection, a kvdsim on its own socket for each). Run it in private
-# namespaces (tests/support/hermetic.sh), where every daemon it starts ends with it.
+# namespaces (scripts/hermetic.sh), where every daemon it starts ends with it.
 #   stop      all three stopped: changed=3, failed=0, every daemon's process gone
 #   again     changed=0
 #   check     --check --diff: changed=3 with each host's diff, every daemon still running

@@ -28,12 +28,6 @@ uint8_t* bytebuf_data(const lrpc2_bytebuf* b);
 void bytebuf_release(lrpc2_bytebuf* b, int wipe);
 void bytebuf_unappend(lrpc2_bytebuf* b);
 
-/* bytebuf_reserve and bytebuf_detach for a buffer that holds secrets (wipe non-zero): a block
- * that is given up on the way is zeroed over the written bytes before it is freed, so the
- * bytes move to a new block instead of being reallocated. Sizes and failures are the same. */
-int bytebuf_reserve_wipe(lrpc2_bytebuf* b, uint32_t n, int wipe);
-uint8_t* bytebuf_detach_wipe(lrpc2_bytebuf* b, int wipe);
-
 #ifdef __cplusplus
 }
 #endif

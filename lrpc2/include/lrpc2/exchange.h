@@ -6,7 +6,7 @@
  * read into one block sized from its header and adopted by the reply message.
  *
  * Reply header checks: a wrong magic, or a length below LRPC2_HEADER_LEN or above
- * LRPC2_MAX_REPLY_LEN, gives 405 before anything is allocated or read further.
+ * LRPC2_MAX_REPLY_LEN, gives LRPC2_ERR_SOCKET before anything is allocated or read further.
  *
  * Process authentication (the daemon answers a request with id 1):
  *  - it is answered only when the challenge frame was written, all of it, by one process
@@ -17,7 +17,7 @@
  *    is the reply to the original request;
  *  - a failure of one of these exchanges reports that exchange's status; a failure on the
  *    client's side (untrusted peer, message not buildable, answer without two paths,
- *    unreadable proof file) reports 409, as does a further challenge in answer to a
+ *    unreadable proof file) reports LRPC2_ERR_AUTH, as does a further challenge in answer to a
  *    message of the dialogue itself (the dialogue never nests);
  *  - paths, file contents and the messages holding them are zeroed before they are freed.
  *
@@ -47,9 +47,10 @@ extern "C" {
  * message image of `length` bytes. */
 void lrpc2_frame_stamp(uint8_t* image, uint32_t length);
 
-/* Statuses: 411 null connection, 406 null or incomplete request, 404/405/408 from the
- * transport, 405 bad reply header or image, 407 no memory for the reply, 409 failed
- * process authentication. The request stays the caller's. */
+/* Statuses: LRPC2_ERR_BADSESSION null connection, LRPC2_ERR_BADMSG null or incomplete
+ * request, LRPC2_ERR_CLOSED, LRPC2_ERR_SOCKET or LRPC2_ERR_TIMEOUT from the transport,
+ * LRPC2_ERR_SOCKET bad reply header or image, LRPC2_ERR_NOMEM no memory for the reply,
+ * LRPC2_ERR_AUTH failed process authentication. The request stays the caller's. */
 lrpc2_msg* lrpc2_exchange_timeout(lrpc2_conn* conn, lrpc2_msg* request, int32_t timeout,
                                   int32_t* status);
 lrpc2_msg* lrpc2_exchange(lrpc2_conn* conn, lrpc2_msg* request, int32_t* status);

@@ -45,8 +45,8 @@ class Mutex {
     void broadcast();
 
     // Nesting count of the holder (0 when free) and the holding thread (0 when free).
-    int32_t depth() const { return m_depth.load(std::memory_order_relaxed); }
-    pthread_t owner() const { return m_owner.load(std::memory_order_relaxed); }
+    int32_t depth() const { return m_depth; }
+    pthread_t owner() const { return m_owner; }
 
     // Holds of framework mutexes that the calling thread has taken and not given back
     // (each nested lock counts).

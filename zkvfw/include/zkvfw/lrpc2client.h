@@ -55,8 +55,8 @@ class Lrpc2Client {
     pid_t listenerPid() const;
 
     // Connects with `timeout` seconds (0: the default). True when connected. Call it only
-    // while not connected: an existing connection is deliberately overwritten, not closed
-    // (its descriptor stays open until the process ends).
+    // while not connected: an existing connection is overwritten, not closed (its
+    // descriptor stays open until the process ends), as the session's rules require.
     bool connect(int32_t timeout = 0);
     // Closes the connection, if any.
     void disconnect();
@@ -79,8 +79,8 @@ class Lrpc2Client {
     bool ping(int32_t timeout = 0, std::string* failure = nullptr);
     void stopDaemon();
     // The daemon's result, or 501 when the exchange failed (`failure`, when given, then
-    // receives the exception's text). A daemon that answers 501 is deliberately not told
-    // apart from a failed exchange without `failure`.
+    // receives the exception's text). A daemon that answers 501 is not told apart from
+    // a failed exchange without `failure`: the protocol requires it.
     int32_t reloadProperties(std::string* failure = nullptr);
 
   private:

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Usage: hermetic.sh [--devlog] CMD [ARGS...]
-# Runs CMD as root in private mount, pid and network namespaces (loopback down: every test
-# executable brings up a loopback of its own, and the demo needs none) in which
+# For the demo, the package test and the benchmarks (the test executables set up the same
+# for themselves, tests/support/main.cpp). Runs CMD as root in private mount, pid and network
+# namespaces (loopback down: none of them needs it) in which
 # /etc and /var are writable overlays, and /etc/zantorkv, /var/zantorkv and /var/zantormx
 # are empty tmpfs directories. With --devlog, /dev is private too, so CMD may bind its own
 # /dev/log. The host's files are never changed; every process left behind ends with CMD,
