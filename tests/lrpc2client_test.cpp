@@ -134,7 +134,6 @@ pid_t parentOf(pid_t pid) {
 // The replier is the process that wrote the reply; the listener the one that called
 // listen(), which in a forking or socket-activated daemon serves nothing.
 TEST(SessionTest, ReplierAndListenerPids) {
-    KV_REQUIRE_HERMETIC();
     for (const char* shape : {"single", "fork", "activation"}) {
         SCOPED_TRACE(shape);
         kvtest::TempDir dir;
