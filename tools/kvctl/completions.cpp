@@ -22,9 +22,12 @@ std::string quoted(const std::string& text, bool fish) {
     return out + "'";
 }
 
-// The option's short form, or "" when an earlier option has the same letter (another
-// command's meaning of it).
+// The option's short form, or "" when it has none or an earlier option has the same letter
+// (another command's meaning of it).
 std::string shortForm(const kvctl::Option& o) {
+    if (o.shortName == '\0') {
+        return "";
+    }
     for (const kvctl::Option& earlier : kvctl::kOptions) {
         if (&earlier == &o) {
             break;
@@ -157,6 +160,9 @@ std::string fish() {
         out += "complete -c kvctl" + (s.empty() ? "" : " -s " + s.substr(1)) + " -l " + o.longName;
         if (o.arg == Arg::Required) {
             out += strcmp(o.values, "@file") == 0 ? " -r -F" : " -x";
+        }
+        if (o.arg != Arg::None && *o.values != '\0' && *o.values != '@') {
+            out += " -a " + quoted(o.values, true);
         }
         out += " -d " + quoted(o.help, true) + "\n";
     }
