@@ -7,6 +7,7 @@
 // standard output. check follows the monitoring plugins' rules instead: one line on standard
 // output, exit status 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.
 #include <getopt.h>
+#include <malloc.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -254,6 +255,9 @@ int watch(Run& run, long limit, const std::string& socket, bool& abandoned) {
 
 int main(int argc, char** argv) {
     kvtools::reserveStandardDescriptors();
+    // Large blocks mapped on their own, whatever the sizes before, so that a reply at the
+    // frame limit gives its memory back as soon as its text is cut (keptText).
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
     Run run;
     const int parsed = parse(argc, argv, run);
     if (parsed >= 0) {
