@@ -16,8 +16,9 @@ Session::Session(long limitSeconds)
     : m_end(Clock::now() + std::chrono::seconds(limitSeconds)),
       m_limited(limitSeconds > 0),
       m_doneFd(eventfd(0, EFD_CLOEXEC)) {
-    // Each wait gets the whole limit too, so that an exchange left behind ends by itself.
-    client.setDefaultTimeout(static_cast<int32_t>(limitSeconds));
+    // Each wait gets a second more than the whole limit: an exchange left behind ends by
+    // itself, and the command's limit is always what a silent daemon runs into first.
+    client.setDefaultTimeout(static_cast<int32_t>(limitSeconds > 0 ? limitSeconds + 1 : 0));
 }
 
 Session::~Session() {
