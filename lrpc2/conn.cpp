@@ -14,6 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "conn_internal.h"
 #include "lrpc2/status.h"
 #include "status_out.h"
 
@@ -70,7 +71,32 @@ ssize_t write_nosignal(int fd, const void* data, size_t n) {
     return r;
 }
 
-ssize_t transfer_once(int fd, uint8_t* data, size_t n, bool is_socket, bool writing) {
+// Receives into `data`; `piece` gets the credentials the kernel attached to the bytes, or a
+// pid of 0 when there were none. The control buffer has room for the credentials alone, so
+// descriptors that a peer passes along are never installed here.
+ssize_t receive_with_sender(int fd, uint8_t* data, size_t n, lrpc2_sender* piece) {
+    iovec segment = {data, n};
+    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(ucred))];
+    msghdr header = {};
+    header.msg_iov = &segment;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    const ssize_t r = recvmsg(fd, &header, MSG_NOSIGNAL | MSG_CMSG_CLOEXEC);
+    *piece = {};
+    const cmsghdr* c = r > 0 ? CMSG_FIRSTHDR(&header) : nullptr;
+    if (c != nullptr && c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS &&
+        c->cmsg_len == CMSG_LEN(sizeof(ucred))) {
+        ucred cred;
+        memcpy(&cred, CMSG_DATA(c), sizeof cred);
+        *piece = {cred.pid, cred.uid, cred.gid};
+    }
+    return r;
+}
+
+// `piece`, when given, receives the credentials of what a socket read received.
+ssize_t transfer_once(int fd, uint8_t* data, size_t n, bool is_socket, bool writing,
+                      lrpc2_sender* piece) {
     if (writing) {
         if (!is_socket) {
             return write_nosignal(fd, data, n);
@@ -81,11 +107,21 @@ ssize_t transfer_once(int fd, uint8_t* data, size_t n, bool is_socket, bool writ
         header.msg_iovlen = 1;
         return sendmsg(fd, &header, MSG_NOSIGNAL);
     }
-    return is_socket ? recv(fd, data, n, MSG_NOSIGNAL) : read(fd, data, n);
+    if (!is_socket) {
+        return read(fd, data, n);
+    }
+    return piece != nullptr ? receive_with_sender(fd, data, n, piece)
+                            : recv(fd, data, n, MSG_NOSIGNAL);
 }
 
+bool same_sender(const lrpc2_sender& a, const lrpc2_sender& b) {
+    return a.pid == b.pid && a.uid == b.uid && a.gid == b.gid;
+}
+
+// With `sender`, the pieces' writers are folded into it: the first piece of a frame
+// (`frame_start`) sets it, a later piece from another writer or without credentials clears it.
 int32_t transfer_all(int fd, uint8_t* data, uint32_t count, int32_t timeout, bool is_socket,
-                     bool writing) {
+                     bool writing, lrpc2_sender* sender = nullptr, bool frame_start = false) {
     if (count == 0) {
         return 0;
     }
@@ -109,8 +145,14 @@ int32_t transfer_all(int fd, uint8_t* data, uint32_t count, int32_t timeout, boo
     int32_t status = 0;
     uint32_t done = 0;
     while (done < count) {
-        const ssize_t n = transfer_once(fd, data + done, count - done, is_socket, writing);
+        lrpc2_sender piece = {};
+        const ssize_t n = transfer_once(fd, data + done, count - done, is_socket, writing,
+                                        sender != nullptr ? &piece : nullptr);
         if (n > 0) {
+            if (sender != nullptr) {
+                const bool first = frame_start && done == 0;
+                *sender = first || same_sender(*sender, piece) ? piece : lrpc2_sender{};
+            }
             done += static_cast<uint32_t>(n);
             continue;
         }
@@ -144,6 +186,7 @@ lrpc2_conn* new_conn(int read_fd, int write_fd, const lrpc2_msg_table* table, in
         conn->write_fd = write_fd;
         conn->table = table;
         conn->is_socket = is_socket;
+        conn->sender = {};
     }
     return conn;
 }
@@ -159,6 +202,15 @@ int32_t handshake(const lrpc2_conn* conn, int32_t timeout) {
         return status;
     }
     return answer == LRPC2_HANDSHAKE_ACCEPT ? 0 : LRPC2_ERR_OPEN;
+}
+
+// From here on the kernel attaches the writer's credentials to what the daemon sends. Only
+// after the handshake: set before the connect, it would bind the socket to an address.
+void pass_credentials(const lrpc2_conn* conn) {
+    const int on = 1;
+    if (conn->is_socket != 0) {
+        (void)setsockopt(conn->read_fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+    }
 }
 
 }  // namespace
@@ -198,8 +250,7 @@ lrpc2_conn* lrpc2_connect_timeout(const char* path, const lrpc2_msg_table* table
         lrpc2_close(conn);
         return lrpc2_report(status, code);
     }
-    const int on = 1;
-    (void)setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+    pass_credentials(conn);
     lrpc2_report(status, 0);
     return conn;
 }
@@ -229,6 +280,7 @@ lrpc2_conn* lrpc2_attach(int32_t read_fd, int32_t write_fd, const lrpc2_msg_tabl
         free(conn);
         return lrpc2_report(status, code);
     }
+    pass_credentials(conn);
     lrpc2_report(status, 0);
     return conn;
 }
@@ -257,4 +309,24 @@ int32_t lrpc2_read_all(int32_t fd, void* data, uint32_t count, int32_t timeout, 
     return transfer_all(fd, static_cast<uint8_t*>(data), count, timeout, is_socket != 0, false);
 }
 
+int32_t lrpc2_last_sender(const lrpc2_conn* conn, lrpc2_sender* sender) {
+    if (conn == nullptr || sender == nullptr) {
+        return LRPC2_ERR_BADSESSION;
+    }
+    if (conn->sender.pid <= 0) {
+        return LRPC2_ERR_NOIDENTITY;
+    }
+    *sender = conn->sender;
+    return 0;
+}
+
 }  // extern "C"
+
+int32_t lrpc2_read_frame(lrpc2_conn* conn, void* data, uint32_t count, int32_t timeout,
+                         int32_t frame_start) {
+    if (frame_start != 0) {
+        conn->sender = {};
+    }
+    return transfer_all(conn->read_fd, static_cast<uint8_t*>(data), count, timeout,
+                        conn->is_socket != 0, false, &conn->sender, frame_start != 0);
+}

@@ -2,9 +2,9 @@
 
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
+#include "conn_internal.h"
 #include "lrpc2/status.h"
 #include "msg_internal.h"
 #include "msgmem.h"
@@ -13,9 +13,9 @@
 namespace {
 
 // Reads one reply frame into a block sized from its header; the message adopts it.
-lrpc2_msg* read_reply(const lrpc2_conn* conn, int32_t timeout, int32_t* status) {
+lrpc2_msg* read_reply(lrpc2_conn* conn, int32_t timeout, int32_t* status) {
     uint8_t header[LRPC2_HEADER_LEN];
-    int32_t code = lrpc2_read_all(conn->read_fd, header, sizeof header, timeout, conn->is_socket);
+    int32_t code = lrpc2_read_frame(conn, header, sizeof header, timeout, 1);
     if (code != 0) {
         return lrpc2_report(status, code);
     }
@@ -30,8 +30,7 @@ lrpc2_msg* read_reply(const lrpc2_conn* conn, int32_t timeout, int32_t* status) 
     if (block == nullptr) {
         return lrpc2_report(status, LRPC2_ERR_NOMEM);
     }
-    code = lrpc2_read_all(conn->read_fd, block + LRPC2_HEADER_LEN, length - LRPC2_HEADER_LEN,
-                          timeout, conn->is_socket);
+    code = lrpc2_read_frame(conn, block + LRPC2_HEADER_LEN, length - LRPC2_HEADER_LEN, timeout, 0);
     if (code != 0) {
         lrpc2_wipe_free(block, length);
         return lrpc2_report(status, code);
@@ -79,15 +78,11 @@ lrpc2_msg* exchange(lrpc2_conn* conn, lrpc2_msg* request, int32_t timeout, int32
     return lrpc2_process_auth(conn, timeout, status);
 }
 
-// The proof files are read as root and sent to the peer: only a peer running as root or
-// as our own effective user may name them.
-bool peer_trusted(int fd) {
-    ucred cred = {};
-    socklen_t len = sizeof cred;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) {
-        return false;
-    }
-    return cred.uid == 0 || cred.uid == geteuid();
+// The proof files are read as root and sent to the daemon: only a challenge written by a
+// process running as root or as our own effective user may lead to them.
+bool sender_trusted(const lrpc2_conn* conn) {
+    lrpc2_sender sender = {};
+    return lrpc2_last_sender(conn, &sender) == 0 && (sender.uid == 0 || sender.uid == geteuid());
 }
 
 void wipe_msg_free(lrpc2_msg* msg) {
@@ -132,8 +127,7 @@ struct Dialogue {
 
     // Runs the dialogue; the reply to the response, or null with the status.
     lrpc2_msg* run(lrpc2_conn* conn, int32_t timeout, int32_t* status) {
-        if (!peer_trusted(conn->read_fd) ||
-            (conn->write_fd != conn->read_fd && !peer_trusted(conn->write_fd))) {
+        if (!sender_trusted(conn)) {
             return lrpc2_report(status, LRPC2_ERR_AUTH);
         }
         challenge =

@@ -162,7 +162,11 @@ INSTANTIATE_TEST_SUITE_P(
                  "",
                  failed("409 (Process authentication failed)"),
                  {on(1, kHello), on(1, kStopFrame),
-                  on(1, "frame 1280cdab1500000001000300000000030000000000")}}),
+                  on(1, "frame 1280cdab1500000001000300000000030000000000")}},
+        // Listening as root, serving as nobody: the root-only file it names is never read.
+        StopCase{"auth_refused_to_a_server_that_dropped_root", "",
+                 "--auth --serve-as 65534 --proof-file1 /etc/shadow --proof-file2 /etc/shadow", 2,
+                 "", failed("409 (Process authentication failed)"), kStop}),
     [](const ::testing::TestParamInfo<StopCase>& info) { return std::string(info.param.name); });
 
 std::string hex(const std::string& bytes) {

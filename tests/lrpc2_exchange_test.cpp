@@ -165,7 +165,7 @@ TEST(Lrpc2Exchange, ScriptedReplies) {
         EXPECT_EQ(peer.wait(), 0);
     }
     // Refused before a descriptor is used: no connection, then a request not complete.
-    lrpc2_conn unused = {-1, -1, table(), 1};
+    lrpc2_conn unused = {-1, -1, table(), 1, {}};
     lrpc2_msg* building = lrpc2_msg_create(LRPC2_ID_KV_STOP, 0, table(), LRPC2_HEADER_LEN, nullptr);
     int32_t status = -1;
     EXPECT_EQ(lrpc2_exchange(nullptr, building, &status), nullptr);
@@ -255,31 +255,64 @@ TEST(Lrpc2Auth, DialogueOutcomes) {
     }
 }
 
-// The proof is only given to a peer running as root or as the client's own user.
+// The proof is only given to a daemon whose challenge was written by a process running as
+// root or as the client's own user, whoever listened: the daemon may drop to another user,
+// fork a worker per connection, or serve from a child of a listener that keeps the socket.
+// A daemon refused never gets the root-only file it names.
 TEST(Lrpc2Auth, PeerIdentity) {
+    TempDir files;
+    const std::string secret = files.file("secret");
+    writeFile(secret, "root-only-Qx7v");
+    ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
+    const std::string secretHex = "726f6f742d6f6e6c792d51783776";
     struct Case {
         const char* name;
         uid_t daemon_uid;  // 0: run as root
         uid_t client_uid;  // 0: stay root
         int32_t status;
+        std::vector<std::string> daemon;  // further options
+        bool names_secret;                // the daemon names the root-only file as proof
     };
+    const std::vector<std::string> dropped = {"--serve-as", "65534"};
     const Case cases[] = {
-        {"root daemon, root client", 0, 0, 0},
-        {"root daemon, other client", 0, 65534, 0},
-        {"daemon of the client's user", 65534, 65534, 0},
-        {"daemon of another user", 65534, 0, LRPC2_ERR_AUTH},
+        {"root daemon, root client", 0, 0, 0, {}, true},
+        {"root daemon, other client", 0, 65534, 0, {}, false},
+        {"daemon of the client's user", 65534, 65534, 0, {}, false},
+        {"daemon of another user", 65534, 0, LRPC2_ERR_AUTH, {}, true},
+        {"root listener serving as another user", 0, 0, LRPC2_ERR_AUTH, dropped, true},
+        {"root listener serving as the client's user", 0, 65534, 0, dropped, false},
+        {"root worker per connection", 0, 0, 0, {"--shape=fork"}, true},
+        {"worker serving as another user",
+         0,
+         0,
+         LRPC2_ERR_AUTH,
+         {"--shape=fork", "--serve-as=65534"},
+         true},
+        {"activated root server", 0, 0, 0, {"--shape=activation"}, true},
+        {"activated server of another user",
+         0,
+         0,
+         LRPC2_ERR_AUTH,
+         {"--shape=activation", "--serve-as=65534"},
+         true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         TempDir dir;
         std::vector<std::string> prefix;
+        std::vector<std::string> args = {"--auth"};
+        args.insert(args.end(), c.daemon.begin(), c.daemon.end());
+        if (c.names_secret) {
+            args.insert(args.end(), {"--proof-file1", secret, "--proof-file2", secret});
+        }
+        // Room for the proof files a daemon of another user creates.
+        ASSERT_EQ(chown(dir.path().c_str(), 65534, 65534), 0);
         if (c.daemon_uid != 0) {
-            ASSERT_EQ(chown(dir.path().c_str(), c.daemon_uid, c.daemon_uid), 0);
             const std::string id = std::to_string(c.daemon_uid);
             prefix = {"setpriv", "--pdeathsig=KILL", "--reuid=" + id, "--regid=" + id,
                       "--clear-groups"};
         }
-        Kvdsim daemon(dir, {"--auth"}, prefix);
+        Kvdsim daemon(dir, args, prefix);
         ASSERT_TRUE(daemon.ready());
         ChildProcess client([&] {
             if (c.client_uid != 0 && (setresgid(c.client_uid, c.client_uid, c.client_uid) != 0 ||
@@ -291,8 +324,95 @@ TEST(Lrpc2Auth, PeerIdentity) {
         });
         EXPECT_EQ(client.wait(), 0);
         // Refused before the client named itself.
-        EXPECT_EQ(daemon.log().size(), c.status == 0 ? 4u : 2u);
+        const std::vector<std::string> log = daemon.log();
+        EXPECT_EQ(log.size(), c.status == 0 ? 4u : 2u);
+        const bool sent = std::any_of(log.begin(), log.end(), [&](const std::string& line) {
+            return line.find(secretHex) != std::string::npos;
+        });
+        EXPECT_EQ(sent, c.names_secret && c.status == 0);
     }
+}
+
+// The sender of a frame is the one process that wrote all of it; a challenge without one is
+// refused before anything is read for it.
+TEST(Lrpc2Auth, SenderOfTheLastFrame) {
+    struct Case {
+        const char* name;
+        uint16_t id;
+        bool split;  // a second process writes all but the header
+        bool pipes;  // the connection is a pair of pipes
+        int32_t status;
+        int32_t sender;  // lrpc2_last_sender's status after the exchange
+    };
+    const Case cases[] = {
+        {"reply from one process", 20, false, false, 0, 0},
+        {"reply from two processes", 20, true, false, 0, LRPC2_ERR_NOIDENTITY},
+        {"reply over pipes", 20, false, true, 0, LRPC2_ERR_NOIDENTITY},
+        {"challenge from two processes", 1, true, false, LRPC2_ERR_AUTH, LRPC2_ERR_NOIDENTITY},
+        {"challenge over pipes", 1, false, true, LRPC2_ERR_AUTH, LRPC2_ERR_NOIDENTITY},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        int down[2];
+        int up[2];
+        ASSERT_EQ(c.pipes ? pipe(down) : socketpair(AF_UNIX, SOCK_STREAM, 0, down), 0);
+        if (c.pipes) {
+            ASSERT_EQ(pipe(up), 0);
+        } else {  // both ways over the one pair
+            up[0] = dup(down[1]);
+            up[1] = dup(down[0]);
+        }
+        const std::vector<uint8_t> reply =
+            frame(LRPC2_MAGIC, 11, {static_cast<uint8_t>(c.id), 0, 0});
+        ChildProcess peer([&] {
+            close(down[0]);
+            close(up[1]);
+            uint32_t hello = 0;
+            uint8_t request[11];
+            const uint32_t accept = 1;
+            if (!kvtest::readFully(up[0], &hello, 4) || !kvtest::writeFully(down[1], &accept, 4) ||
+                !kvtest::readFully(up[0], request, sizeof request) ||
+                !kvtest::writeFully(down[1], reply.data(), 8)) {
+                return 1;
+            }
+            const auto writeBody = [&] {
+                return kvtest::writeFully(down[1], &reply[8], 3) ? 0 : 1;
+            };
+            if ((c.split ? ChildProcess(writeBody).wait() : writeBody()) != 0) {
+                return 1;
+            }
+            char rest = 0;
+            while (read(up[0], &rest, 1) > 0) {
+            }
+            return 0;
+        });
+        close(down[1]);
+        close(up[0]);
+        int32_t status = -1;
+        lrpc2_conn* conn = lrpc2_attach(down[0], up[1], table(), 2, &status);
+        ASSERT_EQ(status, 0);
+        lrpc2_sender sender = {};
+        EXPECT_EQ(lrpc2_last_sender(conn, &sender), LRPC2_ERR_NOIDENTITY);
+        lrpc2_msg* request = completed(LRPC2_ID_KV_STOP);
+        lrpc2_msg* answer = lrpc2_exchange_timeout(conn, request, 2, &status);
+        EXPECT_EQ(status, c.status);
+        EXPECT_EQ(lrpc2_last_sender(conn, &sender), c.sender);
+        if (c.sender == 0) {
+            EXPECT_EQ(sender.pid, peer.pid());
+            EXPECT_EQ(sender.uid, 0u);
+        }
+        // A read that fails at once (every wait fails) forgets the last frame's writer.
+        if (status == 0) {
+            EXPECT_EQ(lrpc2_exchange_timeout(conn, request, -1, &status), nullptr);
+            EXPECT_EQ(status, LRPC2_ERR_SOCKET);
+            EXPECT_EQ(lrpc2_last_sender(conn, &sender), LRPC2_ERR_NOIDENTITY);
+        }
+        lrpc2_msg_free(answer);
+        lrpc2_msg_free(request);
+        lrpc2_close(conn);
+        EXPECT_EQ(peer.wait(), 0);
+    }
+    EXPECT_EQ(lrpc2_last_sender(nullptr, nullptr), LRPC2_ERR_BADSESSION);
 }
 
 // What a process authentication against the simulated daemon leaves in freed memory: the

@@ -2,6 +2,7 @@
 // with its own "/etc/zantorkv/zantorkv.conf".
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -114,6 +115,47 @@ TEST(SessionTest, SocketPathFromDataDirectoryAndName) {
         EXPECT_EQ(sock.log().size(), before[0] + (c.reached == kSock ? 1 : 0));
         EXPECT_EQ(audit.log().size(), before[1] + (c.reached == kAudit ? 1 : 0));
         EXPECT_EQ(byDefault.log().size(), before[2] + (c.reached == kDefault ? 1 : 0));
+    }
+}
+
+// The parent of process `pid`, or -1.
+pid_t parentOf(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("PPid:", 0) == 0) {
+            return std::stoi(line.substr(5));
+        }
+    }
+    return -1;
+}
+
+// The replier is the process that wrote the reply; the listener the one that called
+// listen(), which in a forking or socket-activated daemon serves nothing.
+TEST(SessionTest, ReplierAndListenerPids) {
+    KV_REQUIRE_HERMETIC();
+    for (const char* shape : {"single", "fork", "activation"}) {
+        SCOPED_TRACE(shape);
+        kvtest::TempDir dir;
+        kvtest::Kvdsim daemon(dir, {"--shape", shape, "--serve-as", "65534"});
+        ASSERT_TRUE(daemon.ready());
+        Lrpc2Client client;
+        client.setSocketPath(daemon.socket());
+        EXPECT_EQ(client.replierPid(), -1);
+        EXPECT_EQ(client.listenerPid(), -1);
+        ASSERT_TRUE(client.connect());
+        EXPECT_EQ(client.replierPid(), -1);
+        EXPECT_EQ(client.listenerPid(), daemon.pid());
+        EXPECT_TRUE(client.ping());
+        const pid_t replier = client.replierPid();
+        if (std::string(shape) == "single") {
+            EXPECT_EQ(replier, daemon.pid());
+        } else {
+            EXPECT_NE(replier, daemon.pid());
+            EXPECT_EQ(parentOf(replier), daemon.pid());
+        }
+        EXPECT_EQ(client.listenerPid(), daemon.pid());
+        client.disconnect();
+        EXPECT_EQ(client.replierPid(), -1);
     }
 }
 

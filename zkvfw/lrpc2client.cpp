@@ -62,7 +62,13 @@ std::string Lrpc2Client::socketPath() const {
     return path;
 }
 
-pid_t Lrpc2Client::peerPid() const {
+pid_t Lrpc2Client::replierPid() const {
+    lrpc2_sender sender = {};
+    return m_connection != nullptr && lrpc2_last_sender(m_connection, &sender) == 0 ? sender.pid
+                                                                                    : -1;
+}
+
+pid_t Lrpc2Client::listenerPid() const {
     ucred peer = {};
     socklen_t size = sizeof peer;
     if (m_connection == nullptr ||

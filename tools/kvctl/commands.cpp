@@ -1,5 +1,4 @@
 // kvctl's commands, one function each; cli.h's table names them.
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -67,40 +66,28 @@ Result reload(Session& session, const Run& /*run*/) {
 
 Result stop(Session& session, const Run& run) {
     connect(session);
-    pid_t pid = -1;
-    int pidfd = -1;
+    const Serving s = run.wait >= 0 ? serving(session) : Serving();
     try {
-        if (run.wait >= 0) {
-            // Opened while the daemon holds the connection, so that the pid cannot name
-            // another process by the time it is waited for.
-            pid = session.client.peerPid();
-            pidfd = pid > 0 ? static_cast<int>(syscall(SYS_pidfd_open, pid, 0)) : -1;
-            if (pidfd < 0) {
-                throw Failure(Kind::Failed,
-                              "cannot watch the daemon's process: " +
-                                  std::string(pid > 0 ? strerror(errno) : "its pid is unknown"));
-            }
-        }
         session.client.stopDaemon();
         session.client.disconnect();
     } catch (const ZFWException& e) {
         throw Failure(Kind::Refused, e.what());
     }
     Result result = {{{"stop", "stopped"}}, "Zantor Kavelo daemon stopped successfully.\n"};
-    if (pidfd < 0) {
+    if (s.pidfd < 0) {
         session.extend(1000);  // the fixed pause before the confirming ping is not the daemon's
         if (kvtools::stillAnswers(session.client)) {
             throw Failure(Kind::Failed, "the daemon still answers after the stop request");
         }
     } else {
         session.unlimit();  // --wait bounds what follows
-        const double waited = waitGone(pidfd, pid, run.wait);
-        close(pidfd);
-        result.json["pid"] = pid;
+        const double waited = waitGone(s.pidfd, s.pid, run.wait);
+        close(s.pidfd);
+        result.json["pid"] = s.pid;
         result.json["waited_seconds"] = millis(waited);
         char text[128];
         snprintf(text, sizeof text,
-                 "Zantor Kavelo daemon stopped successfully (pid %d gone after %.1f s).\n", pid,
+                 "Zantor Kavelo daemon stopped successfully (pid %d gone after %.1f s).\n", s.pid,
                  waited);
         result.text = text;
     }

@@ -126,6 +126,14 @@ void connect(Session& session);
 // Waits for the process behind `pidfd` to end, at most `limitSeconds` (0: no limit);
 // the seconds it took. Throws a failure when it still runs.
 double waitGone(int pidfd, pid_t pid, long limitSeconds);
+// The daemon's serving process, for --wait: learnt on the session's connection (which must be
+// open) and watched through a pidfd opened while that connection is held. Throws when the
+// process cannot be learnt.
+struct Serving {
+    pid_t pid = -1;
+    int pidfd = -1;
+};
+Serving serving(Session& session);
 // Until the daemon at the session's socket is gone or answers a ping; the seconds it took.
 double waitState(Session& session, bool online);
 

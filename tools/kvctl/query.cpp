@@ -1,6 +1,7 @@
 // kvctl's daemon queries: the one gather for status, metrics and check, the ping timer, the
 // number rule, connecting, and waiting for a state of the daemon.
 #include <poll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -112,7 +113,44 @@ double waitGone(int pidfd, pid_t pid, long limitSeconds) {
                                     std::to_string(pid) + ")");
 }
 
+// The process whose end means the daemon is gone, learnt from the writers of ping replies:
+// one process answering two connections at once serves the daemon (a plain daemon, or the
+// child of a socket-activating parent that keeps the socket); a different writer for each
+// connection is a worker per connection, whose listener is the daemon.
+Serving serving(Session& session) {
+    Serving s;
+    session.client.ping(0);
+    const pid_t first = session.client.replierPid();
+    const pid_t listener = session.client.listenerPid();
+    s.pid = first;
+    if (first > 0 && first != listener) {
+        Lrpc2Client other;
+        other.setDefaultTimeout(session.client.defaultTimeout());
+        other.setSocketPath(session.socket);
+        const bool answered = other.connect(0) && other.ping(0);
+        s.pid = !answered ? -1 : other.replierPid() == first ? first : listener;
+    }
+    if (s.pid <= 0) {
+        throw Failure(Kind::Failed,
+                      "cannot learn which process serves the daemon, so it cannot be waited for");
+    }
+    s.pidfd = static_cast<int>(syscall(SYS_pidfd_open, s.pid, 0));
+    if (s.pidfd < 0) {
+        throw Failure(Kind::Failed,
+                      std::string("cannot watch the daemon's process: ") + strerror(errno));
+    }
+    return s;
+}
+
 double waitState(Session& session, bool online) {
+    if (!online && session.client.connect(0)) {
+        // A daemon that answers is gone when the process that serves it is.
+        const Serving s = serving(session);
+        session.client.disconnect();
+        const double waited = waitGone(s.pidfd, s.pid, 0);
+        close(s.pidfd);
+        return waited;
+    }
     const auto start = Clock::now();
     // A short back-off: an answer is seen soon, and a daemon that is starting is not flooded.
     for (auto pause = std::chrono::milliseconds(50);;

@@ -55,6 +55,12 @@ const Named<AuthAnswer> kAuthAnswers[] = {
     {"nested", AuthAnswer::Nested, nullptr},
 };
 
+const Named<Shape> kShapes[] = {
+    {"single", Shape::Single, nullptr},
+    {"fork", Shape::Fork, nullptr},
+    {"activation", Shape::Activation, nullptr},
+};
+
 template <typename T, size_t N>
 bool lookup(const Named<T> (&names)[N], const char* text, T& value) {
     for (const Named<T>& n : names) {
@@ -238,6 +244,20 @@ const std::vector<Option>& optionTable() {
          "answer the client's hello with VALUE (default 1, which\n"
          "accepts); any other value refuses and closes",
          setNumber<&Options::handshake>},
+        {"shape", "KIND",
+         "single (default): one process listens and serves; fork: the\n"
+         "listener forks a worker per connection, which serves it alone\n"
+         "(a stop it answers ends the listener too); activation: the\n"
+         "listener forks one child that serves and keeps the socket\n"
+         "open itself, serving nothing, until SIGTERM or SIGINT",
+         [](const char* a, Options& o) { return lookup(kShapes, a, o.shape); }},
+        {"serve-as", "UID",
+         "once listening, the serving processes give up every other\n"
+         "identity for user and group UID (e.g. 65534) before they\n"
+         "accept; the listener of fork and activation keeps its own",
+         [](const char* a, Options& o) {
+             return parseNumber(a, o.serveAs) && o.serveAs != kKeepUser;
+         }},
         {"auth", nullptr,
          "demand process authentication before the first request of\n"
          "each connection: challenge (id 1), check the client's uid and\n"

@@ -37,6 +37,13 @@ enum class AuthAnswer {
     Nested,    // a further challenge instead of the paths
 };
 
+// Which processes listen and serve.
+enum class Shape {
+    Single,      // one process listens and serves
+    Fork,        // the listener forks a worker per connection
+    Activation,  // the listener forks one server and keeps the socket without serving
+};
+
 // What the queries answer.
 struct Answers {
     bool online = true;
@@ -47,6 +54,9 @@ struct Answers {
     int32_t reloadResult = 0;
 };
 
+// The serving processes keep the listener's user.
+constexpr uint32_t kKeepUser = UINT32_MAX;
+
 struct Options {
     std::string socket = "/var/zantorkv/audit";
     std::string readyFile;
@@ -54,6 +64,8 @@ struct Options {
     bool exitOnStop = false;
     uint32_t lingerMs = 0;  // after the stop: closed, but the process stays this long
     uint32_t handshake = 1;
+    Shape shape = Shape::Single;
+    uint32_t serveAs = kKeepUser;  // uid (and gid) of the serving processes
     bool auth = false;
     AuthAnswer authAnswer = AuthAnswer::TwoPaths;
     std::string proofDir;    // empty: the socket's directory

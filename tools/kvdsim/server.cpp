@@ -2,12 +2,15 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -82,6 +85,23 @@ bool signalReady(const Options& options) {
     return true;
 }
 
+// Turns this process into a serving one: the user and group of --serve-as, if any, and the
+// signal `deathSignal` (0: none) when `parent` ends. A change of identity clears the signal,
+// so it is set after it; false with a message when either fails or `parent` already ended.
+bool becomeServer(const Options& options, pid_t parent, int deathSignal) {
+    const uid_t id = options.serveAs;
+    if (id != kKeepUser &&
+        (setgroups(0, nullptr) != 0 || setresgid(id, id, id) != 0 || setresuid(id, id, id) != 0)) {
+        fprintf(stderr, "kvdsim: cannot serve as %u: %s\n", id, strerror(errno));
+        return false;
+    }
+    if (deathSignal != 0 && (prctl(PR_SET_PDEATHSIG, deathSignal) != 0 || getppid() != parent)) {
+        fputs("kvdsim: the listener is gone\n", stderr);
+        return false;
+    }
+    return true;
+}
+
 class Server {
   public:
     explicit Server(const Options& options) : m_options(options) {}
@@ -110,6 +130,25 @@ class Server {
         if (m_listener < 0 || !signalReady(m_options)) {
             return 1;
         }
+        if (m_options.shape == Shape::Activation) {
+            const pid_t listener = getpid();
+            const pid_t server = fork();
+            if (server != 0) {
+                return server < 0 ? 1 : holdSocket(server);
+            }
+            if (!becomeServer(m_options, listener, SIGKILL)) {
+                return 1;
+            }
+        } else if (m_options.shape == Shape::Fork) {
+            signal(SIGCHLD, SIG_IGN);  // workers are not waited for
+        } else {
+            int deathSignal = 0;
+            const pid_t parent = getppid();
+            if (prctl(PR_GET_PDEATHSIG, &deathSignal) != 0 ||
+                !becomeServer(m_options, parent, deathSignal)) {
+                return 1;
+            }
+        }
         while (serveOnce()) {
         }
         if (m_stopped && m_options.lingerMs > 0) {
@@ -123,6 +162,37 @@ class Server {
     }
 
   private:
+    // The listener of the activation shape: keeps the socket, serving nothing, until a
+    // termination signal, then ends `server` too.
+    int holdSocket(pid_t server) {
+        pollfd p = {m_signals, POLLIN, 0};
+        while (poll(&p, 1, -1) < 0 && errno == EINTR) {
+        }
+        kill(server, SIGTERM);
+        waitpid(server, nullptr, 0);
+        return 0;
+    }
+
+    // The worker of the fork shape for the connection `fd`: serves it alone and ends with
+    // it; a stop it answered ends the listener too.
+    [[noreturn]] void work(int fd, pid_t listener) {
+        close(m_listener);  // the listener still owns the socket's path
+        m_listener = -1;
+        m_connections.clear();
+        if (!becomeServer(m_options, listener, SIGKILL)) {
+            _exit(1);
+        }
+        m_connections.push_back(
+            std::make_unique<Connection>(fd, m_accepted, m_options, m_log, nullptr));
+        while (serveOnce() && !m_connections.empty()) {
+        }
+        if (m_stopped) {
+            kill(listener, SIGTERM);
+        }
+        m_connections.clear();
+        _exit(0);
+    }
+
     // Removes the socket so that no later connect reaches the daemon.
     void stopListening() {
         if (m_listener >= 0) {
@@ -162,7 +232,14 @@ class Server {
         }
         if (m_listener >= 0 && fds[1].revents != 0) {
             const int fd = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd >= 0) {
+            if (fd >= 0 && m_options.shape == Shape::Fork) {
+                ++m_accepted;
+                const pid_t listener = getpid();
+                if (fork() == 0) {
+                    work(fd, listener);
+                }
+                close(fd);
+            } else if (fd >= 0) {
                 m_connections.push_back(std::make_unique<Connection>(
                     fd, ++m_accepted, m_options, m_log, [this] { stopListening(); }));
             }

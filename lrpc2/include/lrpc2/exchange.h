@@ -9,8 +9,9 @@
  * LRPC2_MAX_REPLY_LEN, gives 405 before anything is allocated or read further.
  *
  * Process authentication (the daemon answers a request with id 1):
- *  - it is answered only when the peer on every descriptor of the connection is a
- *    Unix socket peer (SO_PEERCRED) running as root or as this process's effective user;
+ *  - it is answered only when the challenge frame was written, all of it, by one process
+ *    running as root or as this process's effective user (its sender, see conn.h: a
+ *    connection over pipes has none, so it never gets an answer);
  *  - the client then sends id 1 (effective uid, gid), reads the two paths of the answer,
  *    reads both proof files and sends id 2 with their contents; the daemon's reply to id 2
  *    is the reply to the original request;
@@ -52,7 +53,8 @@ void lrpc2_frame_stamp(uint8_t* image, uint32_t length);
 lrpc2_msg* lrpc2_exchange_timeout(lrpc2_conn* conn, lrpc2_msg* request, int32_t timeout,
                                   int32_t* status);
 lrpc2_msg* lrpc2_exchange(lrpc2_conn* conn, lrpc2_msg* request, int32_t* status);
-/* The dialogue that follows a challenge; used by the exchange. */
+/* The dialogue that follows a challenge, the last frame read on `conn`; used by the
+ * exchange. */
 lrpc2_msg* lrpc2_process_auth(lrpc2_conn* conn, int32_t timeout, int32_t* status);
 /* Returns 0 on success, 1 on failure. Blocks handed out through `data1`/`data2` stay
  * there even on failure (sized by `size1`/`size2`); the caller wipes and frees them. */

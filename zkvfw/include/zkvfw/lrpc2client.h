@@ -44,9 +44,15 @@ class Lrpc2Client {
     int32_t defaultTimeout() const { return m_timeout; }
     // The socket `connect` goes to; empty when the configured one cannot be expanded.
     std::string socketPath() const;
-    // The process id of the daemon at the other end of the connection (its socket's peer
-    // credentials), or -1 when not connected or unknown.
-    pid_t peerPid() const;
+    // The process that wrote the last reply, as the kernel recorded it: the daemon's
+    // serving process (a per-connection worker for a daemon that forks one). -1 when not
+    // connected, before the first reply, after a failed exchange, or when the reply's bytes
+    // came from more than one process.
+    pid_t replierPid() const;
+    // The process that called listen() on the daemon's socket (SO_PEERCRED), or -1 when
+    // not connected. Whoever listened need not serve: a socket handed down by a parent
+    // that keeps it, or a listener whose workers answer.
+    pid_t listenerPid() const;
 
     // Connects with `timeout` seconds (0: the default). True when connected. Call it only
     // while not connected: an existing connection is deliberately overwritten, not closed
