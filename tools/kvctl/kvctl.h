@@ -80,12 +80,14 @@ class Session {
     int left();
     // Readable once the command ended.
     int doneFd() const { return m_doneFd; }
-    void finish();
-
-    Result result;
-    std::unique_ptr<Failure> failure;
+    // The command's outcome: from its thread, then (once doneFd is readable) for the main one.
+    void finish(Result result, std::unique_ptr<Failure> failure);
+    Result result();
+    std::unique_ptr<Failure> failure();
 
   private:
+    Result m_result;
+    std::unique_ptr<Failure> m_failure;
     std::mutex m_mutex;
     Clock::time_point m_end;
     bool m_limited;

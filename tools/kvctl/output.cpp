@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -35,20 +36,21 @@ const KindRow& row(Kind kind) {
 
 // The textfile's temporary name while it exists, and the watch's state, for the handler.
 char gTemp[4096];
-volatile sig_atomic_t gTempSet = 0;
-volatile sig_atomic_t gWatching = 0;
-volatile sig_atomic_t gStop = 0;
+std::atomic<bool> gTempSet(false);
+bool gWatching = false;  // set before any thread starts
+std::atomic<bool> gStop(false);
 int gWake[2] = {-1, -1};
+static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler sets it");
 
 // Runs on any thread, at any point: it may only make async-signal-safe calls (unlink,
-// write, signal, raise) and touch the sig_atomic_t flags above.
+// write, signal, raise) and touch the lock-free flags above.
 extern "C" void onSignal(int signal) {
     const int err = errno;
-    if (gTempSet != 0) {
+    if (gTempSet) {
         unlink(gTemp);
     }
-    if (gWatching != 0) {
-        gStop = 1;
+    if (gWatching) {
+        gStop = true;
         (void)!write(gWake[1], "", 1);
         errno = err;
         return;
@@ -73,9 +75,9 @@ bool writeTextfile(const std::string& path, const std::string& text) {
         return false;
     }
     memcpy(gTemp, temp.c_str(), temp.size() + 1);
-    gTempSet = 1;
+    gTempSet = true;
     const bool ok = zfw::replaceFile(path, temp, text, 0644) == zfw::ReplaceResult::Replaced;
-    gTempSet = 0;
+    gTempSet = false;
     return ok;
 }
 
@@ -102,7 +104,7 @@ void handleSignals(bool watching) {
     if (watching && pipe2(gWake, O_CLOEXEC | O_NONBLOCK) != 0) {
         watching = false;  // without the pipe a signal just ends the watch as any run
     }
-    gWatching = watching ? 1 : 0;
+    gWatching = watching;
     struct sigaction action = {};
     action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
@@ -113,7 +115,7 @@ void handleSignals(bool watching) {
 }
 
 bool stopRequested() {
-    return gStop != 0;
+    return gStop;
 }
 
 int wakeFd() {

@@ -119,7 +119,10 @@ double waitGone(int pidfd, pid_t pid, long limitSeconds) {
 // connection is a worker per connection, whose listener is the daemon.
 Serving serving(Session& session) {
     Serving s;
-    session.client.ping(0);
+    std::string failure;
+    if (!session.client.ping(0, &failure)) {
+        throw Failure(Kind::Failed, failure);
+    }
     const pid_t first = session.client.replierPid();
     const pid_t listener = session.client.listenerPid();
     s.pid = first;

@@ -46,9 +46,24 @@ int Session::left() {
     return ms > 0 ? static_cast<int>(std::min<long>(ms, 60000)) : 0;
 }
 
-void Session::finish() {
+void Session::finish(Result result, std::unique_ptr<Failure> failure) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_result = std::move(result);
+        m_failure = std::move(failure);
+    }
     const uint64_t one = 1;
     (void)!write(m_doneFd, &one, sizeof one);
+}
+
+Result Session::result() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return std::move(m_result);
+}
+
+std::unique_ptr<Failure> Session::failure() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return std::move(m_failure);
 }
 
 int runCommand(const Run& run, long limit, const std::string& socket, bool& abandoned) {
@@ -62,14 +77,16 @@ int runCommand(const Run& run, long limit, const std::string& socket, bool& aban
                     socket);
     }
     std::thread worker([session, run] {
+        Result result;
+        std::unique_ptr<Failure> failure;
         try {
-            session->result = run.command->action(*session, run);
+            result = run.command->action(*session, run);
         } catch (const Failure& f) {
-            session->failure = std::make_unique<Failure>(f);
+            failure = std::make_unique<Failure>(f);
         } catch (const std::exception& e) {
-            session->failure = std::make_unique<Failure>(Kind::Failed, e.what());
+            failure = std::make_unique<Failure>(Kind::Failed, e.what());
         }
-        session->finish();
+        session->finish(std::move(result), std::move(failure));
     });
     for (;;) {
         pollfd p[2] = {{session->doneFd(), POLLIN, 0}, {wakeFd(), POLLIN, 0}};
@@ -90,10 +107,10 @@ int runCommand(const Run& run, long limit, const std::string& socket, bool& aban
         }
     }
     worker.join();
-    if (session->failure) {
-        return fail(*session->failure, run, socket);
+    if (const std::unique_ptr<Failure> f = session->failure()) {
+        return fail(*f, run, socket);
     }
-    Result& r = session->result;
+    Result r = session->result();
     if (run.json != kNoJson && !run.time.empty()) {
         r.json["time"] = run.time;
     }
