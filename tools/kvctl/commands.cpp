@@ -66,7 +66,11 @@ Result reload(Session& session, const Run& /*run*/) {
 
 Result stop(Session& session, const Run& run) {
     connect(session);
-    const Serving s = run.wait >= 0 ? serving(session) : Serving();
+    Serving s;
+    if (run.wait >= 0) {
+        timedPing(session.client);
+        s = serving(session);
+    }
     try {
         session.client.stopDaemon();
         session.client.disconnect();

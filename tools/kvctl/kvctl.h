@@ -128,8 +128,8 @@ void connect(Session& session);
 // Waits for the process behind `pidfd` to end, at most `limitSeconds` (0: no limit);
 // the seconds it took. Throws a failure when it still runs.
 double waitGone(int pidfd, pid_t pid, long limitSeconds);
-// The daemon's serving process, for --wait: learnt on the session's connection (which must be
-// open) and watched through a pidfd opened while that connection is held. Throws when the
+// The daemon's serving process, for --wait: learnt from the reply just received on the
+// session's connection, and watched through a pidfd opened while that connection is held. Throws when the
 // process cannot be learnt.
 struct Serving {
     pid_t pid = -1;

@@ -70,8 +70,12 @@ bool writeTextfile(const std::string& path, const std::string& text) {
     const size_t slash = path.rfind('/');
     const std::string base = path.substr(slash == std::string::npos ? 0 : slash + 1);
     const std::string temp = path.substr(0, path.size() - base.size()) + "." + base + ".new";
-    if (base.empty() || base == "." || base == ".." || temp.size() >= sizeof gTemp) {
-        errno = base.size() <= 2 ? EISDIR : ENAMETOOLONG;
+    if (base.empty() || base == "." || base == "..") {
+        errno = EISDIR;
+        return false;
+    }
+    if (temp.size() >= sizeof gTemp) {
+        errno = ENAMETOOLONG;
         return false;
     }
     memcpy(gTemp, temp.c_str(), temp.size() + 1);

@@ -113,16 +113,13 @@ double waitGone(int pidfd, pid_t pid, long limitSeconds) {
                                     std::to_string(pid) + ")");
 }
 
-// The process whose end means the daemon is gone, learnt from the writers of ping replies:
+// The process whose end means the daemon is gone, learnt from the writers of ping replies (the
+// session's connection has just been answered one):
 // one process answering two connections at once serves the daemon (a plain daemon, or the
 // child of a socket-activating parent that keeps the socket); a different writer for each
 // connection is a worker per connection, whose listener is the daemon.
 Serving serving(Session& session) {
     Serving s;
-    std::string failure;
-    if (!session.client.ping(0, &failure)) {
-        throw Failure(Kind::Failed, failure);
-    }
     const pid_t first = session.client.replierPid();
     const pid_t listener = session.client.listenerPid();
     s.pid = first;
@@ -146,7 +143,7 @@ Serving serving(Session& session) {
 }
 
 double waitState(Session& session, bool online) {
-    if (!online && session.client.connect(0)) {
+    if (!online && session.client.connect(0) && session.client.ping(0)) {
         // A daemon that answers is gone when the process that serves it is.
         const Serving s = serving(session);
         session.client.disconnect();
