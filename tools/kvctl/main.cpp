@@ -275,9 +275,9 @@ int main(int argc, char** argv) {
         run.socket = std::string(cwd) + "/" + run.socket;
         free(cwd);
     }
-    std::string socket;
+    std::string socket;  // stays empty for a command that does not talk to the daemon
     long limit = run.timeout;
-    {
+    if (run.command->daemon) {
         Lrpc2Client configured;
         if (!run.socket.empty()) {
             configured.setSocketPath(run.socket);
