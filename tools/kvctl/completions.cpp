@@ -164,7 +164,7 @@ std::string fish() {
         if (o.arg == Arg::Required) {
             out += strcmp(o.values, "@file") == 0 ? " -r -F" : " -x";
         }
-        if (o.arg != Arg::None && *o.values != '\0' && *o.values != '@') {
+        if (o.arg == Arg::Required && *o.values != '\0' && *o.values != '@') {
             out += " -a " + quoted(o.values, true);
         }
         out += " -d " + quoted(o.help, true) + "\n";
