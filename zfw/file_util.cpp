@@ -151,6 +151,60 @@ void syncDirectory(const std::string& dirName) {
     }
 }
 
+namespace {
+
+bool writeAll(int fd, const std::string& data) {
+    size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n = write(fd, data.data() + done, data.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            if (n == 0) {
+                errno = EIO;
+            }
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+ReplaceResult replaceFile(const std::string& path, const std::string& tempPath,
+                          const std::string& content, mode_t mode) {
+    // A temporary file left by a writer that died is deleted rather than written through: it
+    // could be a link planted in its place.
+    if (unlink(tempPath.c_str()) != 0 && errno != ENOENT) {
+        return ReplaceResult::TempNotOpened;
+    }
+    const int fd =
+        open(tempPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    if (fd < 0) {
+        return ReplaceResult::TempNotOpened;
+    }
+    bool ok = writeAll(fd, content) && fchmod(fd, mode) == 0 && fsync(fd) == 0;
+    int err = errno;
+    if (close(fd) != 0 && ok) {
+        ok = false;
+        err = errno;
+    }
+    if (ok && rename(tempPath.c_str(), path.c_str()) != 0) {
+        ok = false;
+        err = errno;
+    }
+    if (!ok) {
+        unlink(tempPath.c_str());
+        errno = err;
+        return ReplaceResult::NotWritten;
+    }
+    const size_t slash = path.rfind('/');
+    syncDirectory(slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash));
+    return ReplaceResult::Replaced;
+}
+
 OpenDirectory::OpenDirectory(const std::string& dirName) : m_handle(opendir(dirName.c_str())) {
     if (m_handle == nullptr) {
         const int err = errno;

@@ -91,61 +91,6 @@ LockCheck checkExistingLock(const std::string& lockPath) {
     return result;
 }
 
-bool writeAll(int fd, const std::string& data) {
-    size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            if (n == 0) {
-                errno = EIO;
-            }
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-enum ReplaceResult { REPLACED, NEW_FILE_NOT_OPENED, NEW_FILE_NOT_WRITTEN };
-
-// Writes content to newPath (created afresh with mode 0644), flushes it and renames it
-// over path, so that path always names either the old or the complete new content.
-// On failure the new file is deleted and errno tells why.
-ReplaceResult replaceFile(const std::string& path, const std::string& newPath,
-                          const std::string& content) {
-    // A new file left by a saver that died is deleted rather than written through: it
-    // could be a link planted in its place.
-    if (unlink(newPath.c_str()) != 0 && errno != ENOENT) {
-        return NEW_FILE_NOT_OPENED;
-    }
-    const int fd =
-        open(newPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return NEW_FILE_NOT_OPENED;
-    }
-    bool ok = writeAll(fd, content) && fchmod(fd, 0644) == 0 && fsync(fd) == 0;
-    int err = errno;
-    if (close(fd) != 0 && ok) {
-        ok = false;
-        err = errno;
-    }
-    if (ok && rename(newPath.c_str(), path.c_str()) != 0) {
-        ok = false;
-        err = errno;
-    }
-    if (!ok) {
-        unlink(newPath.c_str());
-        errno = err;
-        return NEW_FILE_NOT_WRITTEN;
-    }
-    const size_t slash = path.rfind('/');
-    syncDirectory(slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash));
-    return REPLACED;
-}
-
 }  // namespace
 
 void Properties::setList(const std::string& key, const StringList& items, bool escapeDollars) {
@@ -373,15 +318,15 @@ int Properties::save(const std::string& path) {
         logger->log(Logger::ERROR, "Unable to open config file %s", path.c_str());
     } else {
         std::istringstream in(content);
-        switch (replaceFile(path, newPath, rewrittenContent(in))) {
-            case REPLACED:
+        switch (replaceFile(path, newPath, rewrittenContent(in), 0644)) {
+            case ReplaceResult::Replaced:
                 result = 0;
                 break;
-            case NEW_FILE_NOT_OPENED:
+            case ReplaceResult::TempNotOpened:
                 logger->logErrno(Logger::ERROR, errno, "Unable to open temporary config file %s",
                                  newPath.c_str());
                 break;
-            case NEW_FILE_NOT_WRITTEN:
+            case ReplaceResult::NotWritten:
                 logger->logErrno(Logger::ERROR, errno, "Unable to write config file %s",
                                  path.c_str());
                 break;

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <regex>
 
-#include "monitor.h"
+#include "kvctl.h"
 
 namespace kvctl {
 
@@ -83,11 +83,10 @@ State checkState(const Health& h, const Range& w, const Range& c, std::string& l
     // inverted range ('@') is left out: the perfdata readers of the plugin libraries and
     // graphers lack it, and would lose the fields after it.
     const auto field = [](const Range& range) { return range.inside ? std::string() : range.text; };
-    line = checkLine(
-        state,
-        "round trip " + h.roundTripText + " s, collector " +
-            (running ? "running" : "not running: " + h.collector),
-        "'rtt'=" + h.roundTripText + "s;" + field(w) + ";" + field(c) + ";0;");
+    line = checkLine(state,
+                     "round trip " + h.roundTripText + " s, collector " +
+                         (running ? "running" : "not running: " + h.collector),
+                     "'rtt'=" + h.roundTripText + "s;" + field(w) + ";" + field(c) + ";0;");
     return state;
 }
 

@@ -1,7 +1,10 @@
-// Writes kvctl's completion for bash, zsh or fish (the argument) from its list of commands
-// and options, at build time, so that the three never drift from the parser.
+// Writes kvctl's completion for bash, zsh or fish (the argument) from its table of commands
+// and options, at build time, so that the three never drift from the parser; and checks that
+// the manual page names every command and option of the table.
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "cli.h"
@@ -22,9 +25,12 @@ std::string quoted(const std::string& text, bool fish) {
     return out + "'";
 }
 
-// The option's short form, or "" when an earlier option has the same letter (another
-// command's meaning of it).
+// The option's short form, or "" when it has none or an earlier option has the same letter
+// (another command's meaning of it).
 std::string shortForm(const kvctl::Option& o) {
+    if (o.shortName == '\0') {
+        return "";
+    }
     for (const kvctl::Option& earlier : kvctl::kOptions) {
         if (&earlier == &o) {
             break;
@@ -158,21 +164,54 @@ std::string fish() {
         if (o.arg == Arg::Required) {
             out += strcmp(o.values, "@file") == 0 ? " -r -F" : " -x";
         }
+        if (o.arg == Arg::Required && *o.values != '\0' && *o.values != '@') {
+            out += " -a " + quoted(o.values, true);
+        }
         out += " -d " + quoted(o.help, true) + "\n";
     }
     return out;
 }
 
+// The names of the table that the manual page lacks: each command as the tag of its
+// paragraph, each long option in roff's spelling; one a line.
+std::string manMissing(const char* path) {
+    std::ifstream in(path);
+    const std::string page((std::istreambuf_iterator<char>(in)), {});
+    std::string missing;
+    for (const kvctl::Command& c : kvctl::kCommands) {
+        if (page.find(".TP\n.B " + std::string(c.name) + "\n") == std::string::npos) {
+            missing += std::string(c.name) + "\n";
+        }
+    }
+    for (const kvctl::Option& o : kvctl::kOptions) {
+        std::string roff = "\\-\\-";
+        for (const char* p = o.longName; *p != '\0'; ++p) {
+            roff += *p == '-' ? std::string("\\-") : std::string(1, *p);
+        }
+        if (page.find(roff) == std::string::npos) {
+            missing += std::string("--") + o.longName + "\n";
+        }
+    }
+    return in ? missing : std::string("cannot read ") + path + "\n";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 3 && strcmp(argv[1], "man") == 0) {
+        const std::string missing = manMissing(argv[2]);
+        if (!missing.empty()) {
+            fputs(("kvctl(8) lacks:\n" + missing).c_str(), stderr);
+        }
+        return missing.empty() ? 0 : 1;
+    }
     const std::string shell = argc == 2 ? argv[1] : "";
     const std::string text = shell == "bash"   ? bash()
                              : shell == "zsh"  ? zsh()
                              : shell == "fish" ? fish()
                                                : "";
     if (text.empty()) {
-        fputs("Usage: kvctl_completions bash|zsh|fish\n", stderr);
+        fputs("Usage: kvctl_completions bash|zsh|fish, or kvctl_completions man PAGE\n", stderr);
         return 2;
     }
     return fputs(text.c_str(), stdout) >= 0 && fclose(stdout) == 0 ? 0 : 1;

@@ -13,9 +13,6 @@
 
 namespace kvctl {
 
-// Daemon bytes made safe for a terminal (main.cpp).
-std::string safeText(const std::string& text);
-
 // What metrics and check report of a daemon that answered.
 struct Health {
     double roundTrip = 0;  // seconds, rounded to the microsecond as printed
@@ -26,21 +23,13 @@ struct Health {
     std::string dbSize, despoolRate;
 };
 
-// Pings the daemon (timed), then asks the collector status and, with `all`, every other
-// query. Failures throw as the session does.
-Health gather(Lrpc2Client& client, bool all);
+// The one gather of the daemon's health for status, metrics and check: with `timed`, a timed
+// ping first; the collector status; with `all`, every other query. Texts are kept as
+// keptText keeps them. Failures throw as the session does.
+Health gather(Lrpc2Client& client, bool timed, bool all);
 
 // The exposition: every family for a daemon that answered, only `kavelo_up 0` for null.
 std::string metricsText(const Health* health);
-
-// The file for node_exporter: a temporary file made in the file's directory before the daemon
-// is asked; `commitTextfile` writes the text to it, sets mode 0644, flushes it, renames it over
-// the file and flushes the directory. It only makes system calls, so the time-out's signal
-// handler can commit too. False with errno set when something failed; the temporary file is
-// gone either way.
-bool prepareTextfile(const std::string& path);
-bool textfilePrepared();
-bool commitTextfile(const char* text, size_t size);
 
 // Monitoring-plugin states, which are also the exit statuses.
 enum State { kOk = 0, kWarning = 1, kCritical = 2, kUnknown = 3 };

@@ -320,6 +320,19 @@ const std::vector<Option>& optionTable() {
          setAnswer<&Answers::despoolRate>},
         {"reload-result", "N", "answer to reload-properties (120; default 0)",
          [](const char* a, Options& o) { return parseSigned(a, o.answers.reloadResult); }},
+        {"long-texts", "N",
+         "answer the collector status, the detail's note, the database\n"
+         "size and the despool rate with N bytes of 'x' each (at most\n"
+         "16 MiB - 64: a reply at the frame limit)",
+         [](const char* a, Options& o) {
+             uint32_t n = 0;
+             if (!parseNumber(a, n) || n > (16u << 20) - 64) {
+                 return false;
+             }
+             Answers& t = o.answers;
+             t.collectorStatus = t.detail.note = t.dbSize = t.despoolRate = std::string(n, 'x');
+             return true;
+         }},
         {"help", nullptr, "print this text and exit", nullptr},
     };
     return kOptions;

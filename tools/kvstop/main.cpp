@@ -9,11 +9,13 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "stdfds.h"
 #include "stopsequence.h"
 #include "zfw/logger.h"
 #include "zkvfw/lrpc2client.h"
 
 int main(int argc, char** argv) {
+    kvtools::reserveStandardDescriptors();
     boost::shared_ptr<zfw::Logger> logger = zfw::Logger::get("zkv.cli.kvstop");
 
     if (geteuid() != 0) {

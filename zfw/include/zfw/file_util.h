@@ -38,6 +38,14 @@ bool readRegularFile(const std::string& fileName, std::string& content);
 // ignored: the data itself was already flushed.
 void syncDirectory(const std::string& dirName);
 
+// Replaces `path` crash-safe: writes `content` to `tempPath` (in the same directory; created
+// afresh with `mode`, a stale one deleted first), flushes it, renames it over `path` and
+// flushes the directory, so that `path` always names the old or the complete new content.
+// On failure the temporary file is gone and errno tells why.
+enum class ReplaceResult { Replaced, TempNotOpened, NotWritten };
+ReplaceResult replaceFile(const std::string& path, const std::string& tempPath,
+                          const std::string& content, mode_t mode);
+
 // An open directory, closed when the object goes. Opening throws zfw::NotFoundException
 // "cannot open dir" with the system error number as code.
 class OpenDirectory {
