@@ -30,14 +30,18 @@ int32_t finish_get(lrpc2_msg* msg, const lrpc2_reader& r) {
     return 0;
 }
 
-// A length-prefixed string: a zero-terminated copy, or null for the null string.
-int32_t read_string(lrpc2_reader* r, char** out) {
+// A length-prefixed string: a zero-terminated copy, or null for the null string; `length`,
+// when given, gets the bytes it was sent with (0 for the null string).
+int32_t read_string(lrpc2_reader* r, char** out, uint32_t* length = nullptr) {
     uint32_t n = 0;
     if (!r->u32(&n)) {
         return LRPC2_MSG_NODATA;
     }
     if (n == LRPC2_NULL_LEN) {
         *out = nullptr;
+        if (length != nullptr) {
+            *length = 0;
+        }
         return 0;
     }
     if (r->left() < n) {
@@ -51,6 +55,9 @@ int32_t read_string(lrpc2_reader* r, char** out) {
     text[n] = '\0';
     r->pos += n;
     *out = text;
+    if (length != nullptr) {
+        *length = n;
+    }
     return 0;
 }
 
@@ -66,11 +73,11 @@ int32_t empty_text(char** out) {
 }
 
 // A string field, or the alternative string field, read whole.
-int32_t get_text(lrpc2_msg* msg, uint8_t tag, char** text) {
+int32_t get_text(lrpc2_msg* msg, uint8_t tag, char** text, uint32_t* length = nullptr) {
     lrpc2_reader r;
     int32_t rc = text != nullptr ? begin_get(msg, tag, &r) : LRPC2_MSG_INVALID;
     if (rc == 0) {
-        rc = read_string(&r, text);
+        rc = read_string(&r, text, length);
     }
     return rc != 0 ? rc : finish_get(msg, r);
 }
@@ -134,6 +141,10 @@ int32_t lrpc2_get_string(lrpc2_msg* msg, char** text) {
 
 int32_t lrpc2_get_string_alt(lrpc2_msg* msg, char** text) {
     return get_text(msg, LRPC2_T_STRING_ALT, text);
+}
+
+int32_t lrpc2_get_string_len(lrpc2_msg* msg, char** text, uint32_t* length) {
+    return length != nullptr ? get_text(msg, LRPC2_T_STRING, text, length) : LRPC2_MSG_INVALID;
 }
 
 int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length) {

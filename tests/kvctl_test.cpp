@@ -453,11 +453,14 @@ const CtlCase kCases[] = {
      "",
      "mkdir tf && \"$@\" & sleep 1; kill -TERM $!; { wait $!; } 2>/dev/null; s=$?; ls -A tf; exit "
      "$s"},
-    {"texts end at their first NUL, as the protocol's strings do",
+    {"a text with a NUL inside is kept whole and is no number",
      "--reply-fields 100=04050000003132002034",
      {"--json", "-s", s, "status"},
      0,
-     "^.*\"database_size\":12,\"database_size_text\":\"12\",.*\n$"},
+     R"({"collector_detail":[1,"running","kvdsim",true,"local",""],"collector_status":)"
+     R"("running","database_size":null,"database_size_text":"12\u0000 4","despool_rate":0,)"
+     R"("despool_rate_text":"0","online":true})"
+     "\n"},
     {"closed standard output",
      "",
      {"-s", s, "status"},

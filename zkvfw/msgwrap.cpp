@@ -47,8 +47,9 @@ uint32_t Lrpc2Message::readUInt32() {
 
 std::string Lrpc2Message::readString() {
     char* text = nullptr;
-    checkRead(lrpc2_get_string(m_msg, &text), "String", "string");
-    std::string value = text != nullptr ? std::string(text) : std::string();
+    uint32_t length = 0;
+    checkRead(lrpc2_get_string_len(m_msg, &text, &length), "String", "string");
+    std::string value = text != nullptr ? std::string(text, length) : std::string();
     lrpc2_free_string(text, 0);
     return value;
 }

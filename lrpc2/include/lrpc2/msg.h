@@ -76,6 +76,11 @@ int32_t lrpc2_get_int32(lrpc2_msg* msg, int32_t* value);
 int32_t lrpc2_get_uint32(lrpc2_msg* msg, uint32_t* value);
 int32_t lrpc2_get_string(lrpc2_msg* msg, char** text);
 int32_t lrpc2_get_string_alt(lrpc2_msg* msg, char** text);
+/* As lrpc2_get_string, and `length` gets the number of bytes the string was sent with: a
+ * string with a NUL byte inside is handed out whole (terminated after `length` bytes), so a
+ * caller can keep what follows the NUL instead of losing it unseen. A null string gives a
+ * null text and length 0. */
+int32_t lrpc2_get_string_len(lrpc2_msg* msg, char** text, uint32_t* length);
 int32_t lrpc2_get_blob(lrpc2_msg* msg, uint8_t** data, uint32_t* length);
 /* Received set members that would end the handed-out array early (a null text in a string set,
  * a pair of two nulls in a key-value set) are handed out as the empty text (the pair's key). */

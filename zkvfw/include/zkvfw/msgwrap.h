@@ -63,7 +63,7 @@ class Lrpc2Message {
     bool readBool();
     int32_t readInt32();
     uint32_t readUInt32();
-    std::string readString();  // a null string reads as ""
+    std::string readString();  // every byte, NULs inside kept; a null string reads as ""
     std::string readBlob();    // every byte of the blob; a null blob reads as ""
 
     // Each writer appends one field; a failure throws zfw::SystemException carrying the
