@@ -31,10 +31,11 @@ enum class Kind { NotReachable, Permission, Refused, Failed, Usage };
 const char* kindName(Kind kind);
 
 struct Failure : std::runtime_error {
-    Failure(Kind k, const std::string& message, bool late = false)
-        : std::runtime_error(message), kind(k), timedOut(late) {}
+    Failure(Kind k, const std::string& message, bool late = false, pid_t running = 0)
+        : std::runtime_error(message), kind(k), timedOut(late), pid(running) {}
     Kind kind;
     bool timedOut;  // the command's time ran out
+    pid_t pid;      // the daemon's process that is still running; 0: none known
 };
 
 struct Run {

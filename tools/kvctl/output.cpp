@@ -169,6 +169,9 @@ int fail(const Failure& f, const Run& run, const std::string& socket) {
              {{"kind", kindName(f.kind)},
               {"message", f.what()},
               {"socket", socket.empty() ? nlohmann::json() : nlohmann::json(socket)}}}};
+        if (f.pid > 0) {
+            object["error"]["pid"] = f.pid;
+        }
         if (!run.time.empty()) {
             object["time"] = run.time;
         }

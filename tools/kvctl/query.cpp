@@ -109,8 +109,10 @@ double waitGone(int pidfd, pid_t pid, long limitSeconds) {
                     std::chrono::duration<double>(Clock::now() - start).count());
         }
     }
-    throw Failure(Kind::Failed, "still running after " + std::to_string(limitSeconds) + " s (pid " +
-                                    std::to_string(pid) + ")");
+    throw Failure(Kind::Failed,
+                  "still running after " + std::to_string(limitSeconds) + " s (pid " +
+                      std::to_string(pid) + ")",
+                  false, pid);
 }
 
 // The process whose end means the daemon is gone, learnt from the writers of ping replies (the

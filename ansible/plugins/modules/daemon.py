@@ -68,7 +68,7 @@ after:
   type: str
   sample: stopped
 pid:
-  description: The process id of the daemon that was stopped; null when none was.
+  description: The process id of the daemon that was stopped, or of the one still running when the wait ran out; null when neither is known.
   returned: always
   type: int
   sample: 4242
@@ -118,6 +118,7 @@ def call(module, result, *args):
 
 def failure(result, what, error):
     result['msg'] = '%s failed: %s' % (what, error['message'])
+    result['pid'] = error.get('pid')
     return error
 
 

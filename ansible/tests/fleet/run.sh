@@ -105,8 +105,10 @@ expect_running host2
 msg=$(sed -nE 's/^fatal: \[host2\]: FAILED! => .*"msg": "([^"]*)".*/\1/p' "$T/refusal.out")
 want="stop failed: still running after 2 s (pid ${pid[host2]})"
 [ "$msg" = "$want" ] || fail "refusal: host2's msg is '$msg', not '$want'"
-grep -q "^fatal: \[host2\]: FAILED! => .*\"error\": {\"kind\": \"failed\", \"message\": \"still running after 2 s (pid ${pid[host2]})\", \"socket\": \"$T/host2/audit\"}" \
+grep -q "^fatal: \[host2\]: FAILED! => .*\"error\": {\"kind\": \"failed\", \"message\": \"still running after 2 s (pid ${pid[host2]})\", \"pid\": ${pid[host2]}, \"socket\": \"$T/host2/audit\"}" \
   "$T/refusal.out" || fail "refusal: host2's error object"
+grep -q "^fatal: \[host2\]: FAILED! => .*\"msg\": \"$want\", \"pid\": ${pid[host2]}," "$T/refusal.out" ||
+  fail "refusal: host2's pid"
 
 ansible-playbook --version >"$T/version"
 echo "version: $(head -n 1 "$T/version")"

@@ -30,12 +30,12 @@ STATUS = {'online': True, 'collector_status': 'running',
 STOPPED = {'stop': 'stopped', 'pid': 4242, 'waited_seconds': 0.104}
 
 
-def error(kind, message):
-    return {'error': {'kind': kind, 'message': message, 'socket': SOCK}}
+def error(kind, message, **more):
+    return {'error': dict(kind=kind, message=message, socket=SOCK, **more)}
 
 
 GONE = (1, error('not reachable', 'nothing listens'))
-STILL = (2, error('failed', 'still running after 30 s (pid 4242)'))
+STILL = (2, error('failed', 'still running after 30 s (pid 4242)', pid=4242))
 REFUSED = (2, error('refused', 'the daemon refused the request'))
 PERMISSION = (2, error('permission', 'Permission denied'))
 
@@ -49,7 +49,7 @@ DAEMON_ROWS = [
     ('stop stopped', {'state': 'stopped', 'wait': 5}, False, [GONE],
      (False, False, 'stopped', 'stopped', None, 'not running', [['stop', '--wait', '5']])),
     ('stop, still running', {'state': 'stopped'}, False, [STILL],
-     (True, False, None, None, None, 'stop failed: still running after 30 s (pid 4242)', [['stop', '--wait', '30']])),
+     (True, False, None, None, 4242, 'stop failed: still running after 30 s (pid 4242)', [['stop', '--wait', '30']])),
     ('stop refused', {'state': 'stopped'}, False, [REFUSED],
      (True, False, None, None, None, 'stop failed: the daemon refused the request', [['stop', '--wait', '30']])),
     ('check stop running', {'state': 'stopped'}, True, [(0, STATUS)],
@@ -130,7 +130,7 @@ def test_daemon(monkeypatch, name, args, check, answers, want):
         assert result['error'] == {'kind': 'failed', 'message': want[5][len('stop failed: '):], 'socket': None}
     else:
         assert result['error'] == (answer['error'] if failed else None)
-    assert result['waited_seconds'] == (0.104 if result['pid'] else None)
+    assert result['waited_seconds'] == (0.104 if result['pid'] and not failed else None)
     assert diff == (None if failed else {'before': 'state: %s\n' % want[2], 'after': 'state: %s\n' % want[3]})
 
 
