@@ -274,6 +274,8 @@ TEST(Lrpc2Auth, PeerIdentity) {
         bool names_secret;                // the daemon names the root-only file as proof
     };
     const std::vector<std::string> dropped = {"--serve-as", "65534"};
+    const std::vector<std::string> forked = {"--shape=fork", "--serve-as=65534"};
+    const std::vector<std::string> activated = {"--shape=activation", "--serve-as=65534"};
     const Case cases[] = {
         {"root daemon, root client", 0, 0, 0, {}, true},
         {"root daemon, other client", 0, 65534, 0, {}, false},
@@ -282,19 +284,9 @@ TEST(Lrpc2Auth, PeerIdentity) {
         {"root listener serving as another user", 0, 0, LRPC2_ERR_AUTH, dropped, true},
         {"root listener serving as the client's user", 0, 65534, 0, dropped, false},
         {"root worker per connection", 0, 0, 0, {"--shape=fork"}, true},
-        {"worker serving as another user",
-         0,
-         0,
-         LRPC2_ERR_AUTH,
-         {"--shape=fork", "--serve-as=65534"},
-         true},
+        {"worker serving as another user", 0, 0, LRPC2_ERR_AUTH, forked, true},
         {"activated root server", 0, 0, 0, {"--shape=activation"}, true},
-        {"activated server of another user",
-         0,
-         0,
-         LRPC2_ERR_AUTH,
-         {"--shape=activation", "--serve-as=65534"},
-         true},
+        {"activated server of another user", 0, 0, LRPC2_ERR_AUTH, activated, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -1,15 +1,9 @@
 #!/usr/bin/env bash
 # Usage: package_test.sh SOURCE_DIR (as root, under scripts/hermetic.sh)
-# Builds the Debian packages of a copy of SOURCE_DIR with dpkg-buildpackage, judges them with
-# lintian, and installs kvstop, kvdsim and libkvstop-dev with dpkg into this namespace only:
-# /etc and /var are hermetic.sh's overlays and /usr gets one here, so the host's files and
-# package database never change. Checks that kvstop and kvctl are on root's PATH, that every
-# binary is hardened, that man and mandoc find nothing to say about the pages, that bash, zsh
-# and fish each complete kvctl with its installed completion, that the installed kvctl reads
-# the installed kvdsim's status (its JSON valid under the installed schema) and kvstop stops
-# it, that a client of each library builds with pkg-config alone and runs, that systemd
-# accepts a unit with the example drop-in, and that purging the packages leaves exactly the
-# files that were there before.
+# Builds the Debian packages of a copy of SOURCE_DIR, judges them with lintian and
+# hardening-check, installs them with dpkg into this namespace only (/etc and /var are
+# hermetic.sh's overlays, /usr gets one here) and checks what each installed file does; purging
+# must leave exactly the files that were there before. Each check says what it proves.
 set -euo pipefail
 src=${1:?usage: package_test.sh SOURCE_DIR}
 grep -qs ' /var/zantormx ' /proc/self/mounts || { echo "run me under hermetic.sh" >&2; exit 2; }
