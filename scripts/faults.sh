@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Usage: scripts/faults.sh [--only ID[,ID...]] [LIST...]
 # Plants each fault of the lists (default: every scripts/faults/*.txt) in a scratch copy of the
-# tree, one at a time, rebuilds incrementally, runs the suite (all but the cases labelled long or
-# valgrind and the package test) and prints the cases that caught it. Exits non-zero when a
+# tree, one at a time, rebuilds incrementally, runs the suite (all but the cases labelled long,
+# valgrind or package) and prints the cases that caught it. Exits non-zero when a
 # fault is missed, does not apply, or does not build. The scratch copy (build-faults/) holds
 # the tracked files with their uncommitted changes; it is kept for the next run.
 #
@@ -13,7 +13,8 @@
 #   to TEXT              what replaces it ("to" alone deletes it)
 # In TEXT, "\n" stands for a line feed. A list may name, before its faults, the labels of the
 # cases that judge them ("labels REGEX": ctest -L REGEX); without it they are judged by every
-# case but those labelled ansible or promtool, which judge files that no C++ fault changes.
+# case but those labelled ansible, promtool or package, which judge files that no C++ fault
+# changes.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 kv_name='faults'
