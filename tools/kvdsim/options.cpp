@@ -59,6 +59,7 @@ const Named<Shape> kShapes[] = {
     {"single", Shape::Single, nullptr},
     {"fork", Shape::Fork, nullptr},
     {"activation", Shape::Activation, nullptr},
+    {"detach", Shape::Detach, nullptr},
 };
 
 template <typename T, size_t N>
@@ -249,7 +250,8 @@ const std::vector<Option>& optionTable() {
          "listener forks a worker per connection, which serves it alone\n"
          "(a stop it answers ends the listener too); activation: the\n"
          "listener forks one child that serves and keeps the socket\n"
-         "open itself, serving nothing, until SIGTERM or SIGINT",
+         "open itself, serving nothing, until SIGTERM or SIGINT;\n"
+         "detach: the listener forks one child that serves and exits",
          [](const char* a, Options& o) { return lookup(kShapes, a, o.shape); }},
         {"serve-as", "UID",
          "once listening, the serving processes give up every other\n"

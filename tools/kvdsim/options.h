@@ -42,6 +42,7 @@ enum class Shape {
     Single,      // one process listens and serves
     Fork,        // the listener forks a worker per connection
     Activation,  // the listener forks one server and keeps the socket without serving
+    Detach,      // the listener forks one server and exits, as a daemon that detaches
 };
 
 // What the queries answer.

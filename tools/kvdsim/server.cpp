@@ -139,6 +139,15 @@ class Server {
             if (!becomeServer(m_options, listener, SIGKILL)) {
                 return 1;
             }
+        } else if (m_options.shape == Shape::Detach) {
+            const pid_t server = fork();
+            if (server != 0) {
+                m_listener = -1;  // the server's now: its path stays
+                return server < 0 ? 1 : 0;
+            }
+            if (!becomeServer(m_options, 0, 0)) {
+                return 1;
+            }
         } else if (m_options.shape == Shape::Fork) {
             signal(SIGCHLD, SIG_IGN);  // workers are not waited for
         } else {
