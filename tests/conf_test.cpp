@@ -48,22 +48,20 @@ struct IntCase {
 };
 
 TEST(Conf, TimeoutLines) {
-    const IntCase cases[] = {
-        {"lrpc2.timeout=45", 45},
-        {"lrpc2.timeout 45", 45},
-        {"lrpc2.timeout:=45", 45},
-        {"lrpc2.timeout = 0x2d", 45},
-        {"lrpc2.timeout\t=45\r\n", 45},
-        {"lrpc2.timeout=055", 45},
-        {"lrpc2.timeout=  -45 seconds", -45},
-        {"lrpc2.timeout=2147483647", 2147483647},
-        {"lrpc2.timeout=-2147483648", INT32_MIN},
-        // No leading number, or one that does not fit 32 bits: the default.
-        {"lrpc2.timeout = abc", 30},
-        {"lrpc2.timeout := 45", 30},
-        {"lrpc2.timeout=2147483648", 30},
-        {"lrpc2.timeout=-2147483649", 30},
-    };
+    const IntCase cases[] = {{"lrpc2.timeout=45", 45},
+                             {"lrpc2.timeout 45", 45},
+                             {"lrpc2.timeout:=45", 45},
+                             {"lrpc2.timeout = 0x2d", 45},
+                             {"lrpc2.timeout\t=45\r\n", 45},
+                             {"lrpc2.timeout=055", 45},
+                             {"lrpc2.timeout=  -45 seconds", -45},
+                             {"lrpc2.timeout=2147483647", 2147483647},
+                             {"lrpc2.timeout=-2147483648", INT32_MIN},
+                             // No leading number, or one that does not fit 32 bits: the default.
+                             {"lrpc2.timeout = abc", 30},
+                             {"lrpc2.timeout := 45", 30},
+                             {"lrpc2.timeout=2147483648", 30},
+                             {"lrpc2.timeout=-2147483649", 30}};
     TempDir dir;
     for (const IntCase& c : cases) {
         Conf conf(dir.write("c.conf", c.content));
@@ -81,24 +79,22 @@ TEST(Conf, ValueSyntax) {
         std::string content;
         const char* key;
         std::string want;
-    } cases[] = {
-        {"#k=1\n", "#k", "<default>"},
-        {"!k=1\n", "!k", "<default>"},
-        {"  # note=1\n", "#", "note=1"},
-        {"a=1\fk=2", "k", "2"},
-        {"k==v", "k", "=v"},
-        {"k  =  w", "k", "=  w"},
-        {"k=one\\\n   two", "k", "one two"},
-        {"k=a\\tb\\", "k", "a\tb"},
-        {"a\\tb c", "a\tb", "c"},
-        {"k=\t x \t", "k", "x"},
-        {"k=x\\ \t", "k", "x "},
-        {"sp=\\ \nk=x$sp ", "k", "x "},
-        {"a.b_c=x\nk=$a.b_c", "k", "x"},
-        {"k=a $KV_UNSET_NAME", "k", "a $KV_UNSET_NAME"},
-        {"KV_CONF_NAME=file\nk=$KV_CONF_NAME", "k", "env"},
-        {"k=low\nK=up", "k", "low"},
-    };
+    } cases[] = {{"#k=1\n", "#k", "<default>"},
+                 {"!k=1\n", "!k", "<default>"},
+                 {"  # note=1\n", "#", "note=1"},
+                 {"a=1\fk=2", "k", "2"},
+                 {"k==v", "k", "=v"},
+                 {"k  =  w", "k", "=  w"},
+                 {"k=one\\\n   two", "k", "one two"},
+                 {"k=a\\tb\\", "k", "a\tb"},
+                 {"a\\tb c", "a\tb", "c"},
+                 {"k=\t x \t", "k", "x"},
+                 {"k=x\\ \t", "k", "x "},
+                 {"sp=\\ \nk=x$sp ", "k", "x "},
+                 {"a.b_c=x\nk=$a.b_c", "k", "x"},
+                 {"k=a $KV_UNSET_NAME", "k", "a $KV_UNSET_NAME"},
+                 {"KV_CONF_NAME=file\nk=$KV_CONF_NAME", "k", "env"},
+                 {"k=low\nK=up", "k", "low"}};
     setenv("KV_CONF_NAME", "env", 1);  // each case runs in a process of its own
     TempDir dir;
     for (const auto& c : cases) {
@@ -135,9 +131,7 @@ TEST(Conf, LongReferenceChains) {
 // bound far above a lookup naming 300,000 keys and far below walking all keys for each.
 TEST(Conf, LinearInTheInput) {
     TempDir dir;
-    std::string repeated;
-    std::string continued;
-    std::string joined;
+    std::string repeated, continued, joined;
     for (int i = 0; i < 1000000; ++i) {
         repeated += "a=b\n";
         continued += "a\\\n";
@@ -159,8 +153,7 @@ TEST(Conf, LinearInTheInput) {
         {"4 MB of a=b lines", repeated + "k=v\n", "v",
          static_cast<long>(repeated.size() * 12 / 1024)},
         {"a million continuation lines", "k=" + continued + "end\n", joined + "end", 0},
-        {"a value naming 300,000 keys", keys + named + "\n", std::string(300000, 'x'), 0},
-    };
+        {"a value naming 300,000 keys", keys + named + "\n", std::string(300000, 'x'), 0}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string path = dir.write("big.conf", c.text);
@@ -189,12 +182,10 @@ TEST(Conf, OpenFailures) {
     const std::string fifo = dir.file("fifo");
     ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
     ASSERT_EQ(mkfifo(fifo.c_str(), 0644), 0);
-    const Case cases[] = {
-        {nullptr, CONF_ERR_NOFILE},           {"", CONF_ERR_NOFILE},
-        {"relative.conf", CONF_ERR_RELATIVE}, {missing.c_str(), CONF_ERR_NOFILE},
-        {directory.c_str(), CONF_ERR_OPEN},   {fifo.c_str(), CONF_ERR_OPEN},
-        {"/dev/null", CONF_ERR_OPEN},
-    };
+    const Case cases[] = {{nullptr, CONF_ERR_NOFILE},           {"", CONF_ERR_NOFILE},
+                          {"relative.conf", CONF_ERR_RELATIVE}, {missing.c_str(), CONF_ERR_NOFILE},
+                          {directory.c_str(), CONF_ERR_OPEN},   {fifo.c_str(), CONF_ERR_OPEN},
+                          {"/dev/null", CONF_ERR_OPEN}};
     for (const Case& c : cases) {
         int32_t rc = -1;
         EXPECT_EQ(conf_open(c.path, nullptr, &rc), nullptr) << (c.path ? c.path : "(null)");
@@ -237,13 +228,10 @@ TEST(ConfJoinParams, ResolveFromSettingFiles) {
     EXPECT_EQ(conf.str("z"), "zone1/x");
 
     const struct {
-        std::string content;
-        std::string zone;
-    } zones[] = {
-        {"CN=z2", "z2"},         {"CN=last\n", "last"},     {"cn=x,CN=y", "y"},
-        {"CN=,x", ""},           {"nozone\n", "<unknown>"}, {"", ""},
-        {"\nCN=z", "<unknown>"},
-    };
+        std::string content, zone;
+    } zones[] = {{"CN=z2", "z2"},        {"CN=last\n", "last"},     {"cn=x,CN=y", "y"},
+                 {"CN=,x", ""},          {"nozone\n", "<unknown>"}, {"", ""},
+                 {"\nCN=z", "<unknown>"}};
     for (const auto& z : zones) {
         writeSetting("zonename", z.content);
         char* value = nullptr;

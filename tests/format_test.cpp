@@ -37,75 +37,43 @@ void expectRows(const std::vector<Row>& rows) {
 }
 
 TEST(Format, Integers) {
-    expectRows({
-        ROW("-0042", "%05d", -42),
-        ROW("+7", "%+d", 7),
-        ROW(" 7", "% d", 7),
-        ROW("+7", "%+ d", 7),
-        ROW("+0", "%+d", 0),
-        ROW("7   |", "%-4d|", 7),
-        ROW("   -7", "%5d", -7),
-        ROW("ff", "%x", 255),
-        ROW("FF", "%X", 255),
-        ROW("ff", "%#x", 255),
-        ROW("10", "%o", 8),
-        ROW("42", "%i", 42),
-        ROW("-9223372036854775808", "%ld", INT64_MIN),
-        ROW("9223372036854775807", "%lld", INT64_MAX),
-        ROW("18446744073709551615", "%lu", UINT64_MAX),
-        ROW("1777777777777777777777", "%llo", UINT64_MAX),
-        ROW("FFFFFFFFFFFFFFFF", "%lX", UINT64_MAX),
-        // Without "l" integers are 32-bit; "h" only changes "%n".
-        ROW("-1", "%d", -1),
-        ROW("4294967295", "%u", 0xFFFFFFFFu),
-        ROW("ffffffff", "%x", -1),
-        ROW("70000", "%hd", 70000),
-        ROW("-5", "%Ld", -5),
-        // Signs only for signed conversions.
-        ROW("7", "%+u", 7u),
-        ROW("ff", "% x", 255),
-    });
+    expectRows({ROW("-0042", "%05d", -42), ROW("+7", "%+d", 7), ROW(" 7", "% d", 7),
+                ROW("+7", "%+ d", 7), ROW("+0", "%+d", 0), ROW("7   |", "%-4d|", 7),
+                ROW("   -7", "%5d", -7), ROW("ff", "%x", 255), ROW("FF", "%X", 255),
+                ROW("ff", "%#x", 255), ROW("10", "%o", 8), ROW("42", "%i", 42),
+                ROW("-9223372036854775808", "%ld", INT64_MIN),
+                ROW("9223372036854775807", "%lld", INT64_MAX),
+                ROW("18446744073709551615", "%lu", UINT64_MAX),
+                ROW("1777777777777777777777", "%llo", UINT64_MAX),
+                ROW("FFFFFFFFFFFFFFFF", "%lX", UINT64_MAX),
+                // Without "l" integers are 32-bit; "h" only changes "%n".
+                ROW("-1", "%d", -1), ROW("4294967295", "%u", 0xFFFFFFFFu),
+                ROW("ffffffff", "%x", -1), ROW("70000", "%hd", 70000), ROW("-5", "%Ld", -5),
+                // Signs only for signed conversions.
+                ROW("7", "%+u", 7u), ROW("ff", "% x", 255)});
 }
 
 TEST(Format, Strings) {
     const char* null = nullptr;
     const char unterminated[4] = {'a', 'b', 'c', 'd'};
-    expectRows({
-        ROW("abc", "%.3s", "abcdef"),
-        ROW("", "%.0s", "abc"),
-        ROW("abcdef", "%2s", "abcdef"),
-        // A width above the precision raises the precision.
-        ROW("abcdef", "%6.2s", "abcdef"),
-        ROW("abcde", "%5.3s", "abcdef"),
-        ROW("abc   ", "%-6.2s", "abc"),
-        ROW("   ab", "%5.1s", "ab"),
-        ROW("a  |", "%-3.5s|", "a"),
-        ROW("     abc", "%8s", "abc"),
-        ROW("abc     |", "%-8s|", "abc"),
-        ROW("abc|", "%*s|", -6, "abc"),
-        ROW("(NULL)", "%s", null),
-        ROW("(NULL)", "%5s", null),
-        ROW("    (NULL)", "%10s", null),
-        ROW("(NU", "%.3s", null),
-        // With a precision nothing past it is read.
-        ROW("abcd", "%.4s", unterminated),
-    });
+    expectRows(
+        {ROW("abc", "%.3s", "abcdef"), ROW("", "%.0s", "abc"), ROW("abcdef", "%2s", "abcdef"),
+         // A width above the precision raises the precision.
+         ROW("abcdef", "%6.2s", "abcdef"), ROW("abcde", "%5.3s", "abcdef"),
+         ROW("abc   ", "%-6.2s", "abc"), ROW("   ab", "%5.1s", "ab"), ROW("a  |", "%-3.5s|", "a"),
+         ROW("     abc", "%8s", "abc"), ROW("abc     |", "%-8s|", "abc"),
+         ROW("abc|", "%*s|", -6, "abc"), ROW("(NULL)", "%s", null), ROW("(NULL)", "%5s", null),
+         ROW("    (NULL)", "%10s", null), ROW("(NU", "%.3s", null),
+         // With a precision nothing past it is read.
+         ROW("abcd", "%.4s", unterminated)});
 }
 
 TEST(Format, FloatsAreFixedPoint) {
-    expectRows({
-        ROW("1.05", "%.2f", 1.05),
-        ROW("3", "%.0f", 2.5),
-        ROW("1.00", "%.2f", 0.999),
-        ROW("0.1", "%.1f", 0.14),
-        ROW("0.9", "%.1f", 0.9),
-        ROW("1234.500000", "%e", 1234.5),
-        ROW("  -0.5", "%6.1f", -0.5),
-        ROW("-001.50", "%07.2f", -1.5),
-        ROW("+2.5  |", "%-+6.1f|", 2.5),
-        ROW("0.5000000000000000", "%.20f", 0.5),
-        ROW("0.250000", "%.Lf", 0.25L),
-    });
+    expectRows({ROW("1.05", "%.2f", 1.05), ROW("3", "%.0f", 2.5), ROW("1.00", "%.2f", 0.999),
+                ROW("0.1", "%.1f", 0.14), ROW("0.9", "%.1f", 0.9), ROW("1234.500000", "%e", 1234.5),
+                ROW("  -0.5", "%6.1f", -0.5), ROW("-001.50", "%07.2f", -1.5),
+                ROW("+2.5  |", "%-+6.1f|", 2.5), ROW("0.5000000000000000", "%.20f", 0.5),
+                ROW("0.250000", "%.Lf", 0.25L)});
 }
 
 struct Cut {
@@ -134,23 +102,20 @@ Cut cut(size_t size, const char* format, ...) {
 TEST(Format, TruncationReturnsTheFullLength) {
     struct Case {
         size_t size;
-        const char* format;
-        const char* arg;
+        const char *format, *arg;
         int result;
         const char* text;
     };
-    const Case cases[] = {
-        {8, "%s", "hello world", 11, "hello w"},
-        {12, "%s", "hello world", 11, "hello world"},
-        {11, "%s", "hello world", 11, "hello worl"},
-        {1, "%s", "hello world", 11, ""},
-        {0, "%s", "hello world", 11, ""},
-        {4, "%10s", "x", 10, "   "},
-        {4, "%300000000s", "x", 300000000, "   "},
-        {4, "%s|xy", "ab", 5, "ab|"},
-        {3, "%s", nullptr, 6, "(N"},
-        {4, "a%qb%wcd", "", 3, "abd"},
-    };
+    const Case cases[] = {{8, "%s", "hello world", 11, "hello w"},
+                          {12, "%s", "hello world", 11, "hello world"},
+                          {11, "%s", "hello world", 11, "hello worl"},
+                          {1, "%s", "hello world", 11, ""},
+                          {0, "%s", "hello world", 11, ""},
+                          {4, "%10s", "x", 10, "   "},
+                          {4, "%300000000s", "x", 300000000, "   "},
+                          {4, "%s|xy", "ab", 5, "ab|"},
+                          {3, "%s", nullptr, 6, "(N"},
+                          {4, "a%qb%wcd", "", 3, "abd"}};
     for (const Case& c : cases) {
         const Cut got = cut(c.size, c.format, c.arg);
         EXPECT_EQ(got.result, c.result) << c.format << " size " << c.size;

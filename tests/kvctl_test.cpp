@@ -62,8 +62,7 @@ struct CtlCase {
           shell(shell_),
           log(std::move(log_)),
           nobody(nobody_) {}
-    const char* name;
-    const char* kvdsim;
+    const char *name, *kvdsim;
     std::vector<std::string> args;
     int status;
     std::string out, err;
@@ -344,8 +343,7 @@ const CtlCase kCases[] = {
     CtlCase("--for goes with wait only", nullptr, {"status", "--for=gone"}, 2, "",
             "kvctl: --for goes with wait only\n" + kTry),
     CtlCase("per-command help", nullptr, {"wait", "--help"}, 0,
-            "^Usage: kvctl \\[OPTION\\]\\.\\.\\. wait\n.*\n\nOptions .*\n( .*\n){6}\n(.*\n){3}$"),
-};
+            "^Usage: kvctl \\[OPTION\\]\\.\\.\\. wait\n.*\n\nOptions .*\n( .*\n){6}\n(.*\n){3}$")};
 
 std::string caseName(const ::testing::TestParamInfo<CtlCase>& info) {
     std::string name;

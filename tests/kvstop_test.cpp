@@ -88,8 +88,7 @@ struct StopCase {
     std::string config;  // lines after the socket's; "" keeps the test's socket
     const char* kvdsim;  // its arguments, separated by blanks; null: no daemon
     int status;
-    std::string out;
-    std::string err;
+    std::string out, err;
     std::vector<std::string> frames;  // what kvdsim received
 };
 
@@ -227,14 +226,11 @@ TEST(KvstopRefusals, NonRootOrArgumentsSeeOnlyTheRefusal) {
     const struct {
         std::vector<std::string> argv;
         bool unprivileged;
-        std::string cwd;
-        std::string err;
-    } cases[] = {
-        {{kKvstop}, true, "", kNotRoot},
-        {{kKvstop, "now"}, true, "", kNotRoot},
-        {{kKvstop, "now"}, false, "", usage(kKvstop)},
-        {{"./kvstop", "-h", "--help"}, false, kBinDir, usage("./kvstop")},
-    };
+        std::string cwd, err;
+    } cases[] = {{{kKvstop}, true, "", kNotRoot},
+                 {{kKvstop, "now"}, true, "", kNotRoot},
+                 {{kKvstop, "now"}, false, "", usage(kKvstop)},
+                 {{"./kvstop", "-h", "--help"}, false, kBinDir, usage("./kvstop")}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.argv[0] + " with " + std::to_string(c.argv.size() - 1) + " arguments" +
                      (c.unprivileged ? ", not root" : ""));

@@ -66,8 +66,7 @@ TEST_F(LoggerTest, RecordLayoutAndPriority) {
     const std::string ident = program_invocation_short_name;
     struct Case {
         const char* logger;
-        int32_t level;
-        int32_t facility;
+        int32_t level, facility;
         std::string text;
         int priority;
     };
@@ -81,8 +80,7 @@ TEST_F(LoggerTest, RecordLayoutAndPriority) {
         {"layout.d", Logger::DISABLED, LOG_DAEMON, "DISAB layout.d stopped 5", 24},
         {"layout.t", Logger::TRACE, LOG_LOCAL7, "TRACE layout.t stopped 5", 191},
         {"layout.g", Logger::DEBUG, Logger::UNSET, "DEBUG layout.g stopped 5", 39},
-        {"layout.n", 9, Logger::UNSET, "      layout.n stopped 5", 32},
-    };
+        {"layout.n", 9, Logger::UNSET, "      layout.n stopped 5", 32}};
     for (const Case& c : cases) {
         const boost::shared_ptr<Logger> logger = Logger::get(c.logger);
         if (!std::string(c.logger).empty()) {
@@ -118,9 +116,7 @@ std::string complaint(const std::string& text) {
 
 class LogConfigTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        sink();
-    }
+    void SetUp() override { sink(); }
 };
 
 TEST_F(LogConfigTest, LevelsFollowTheProperties) {
@@ -195,8 +191,7 @@ TEST_F(LogConfigTest, ComplaintsUnderTheLoadDecideAboutOpenlog) {
     const OpenlogCase cases[] = {
         {"first load complains", "log.x=loud\n", false, true},
         {"first load complains, openlog off", "log.x=loud\n" + off, false, false},
-        {"private store complains", "", true, true},
-    };
+        {"private store complains", "", true, true}};
     for (const OpenlogCase& c : cases) {
         // Each case needs a process of its own: the decision is made once.
         kvtest::ChildProcess child([&c] {
@@ -266,11 +261,10 @@ TEST_F(LogQueueTest, OverflowDropsRecordsWithAWarning) {
         const char* properties;
         unsigned capacity;
     };
-    const Case cases[] = {
-        {"logger.queue.size=1\n", 1},  // the smallest queue
-        // The logger "log" at DEBUG makes the queue four times larger.
-        {"logger.queue.size=10\nlog.log=DEBUG\n", 40},
-    };
+    const Case cases[] = {{"logger.queue.size=1\n",
+                           1},  // the smallest queue
+                                // The logger "log" at DEBUG makes the queue four times larger.
+                          {"logger.queue.size=10\nlog.log=DEBUG\n", 40}};
     // Writers block once ten datagrams wait at the socket: this namespace's own setting
     // (tests/support/main.cpp), not the host's, which may be far larger.
     std::ofstream qlen("/proc/sys/net/unix/max_dgram_qlen");

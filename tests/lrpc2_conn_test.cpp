@@ -105,8 +105,7 @@ TEST(Lrpc2Connect, HandshakeOutcomes) {
         {"silent", stayOpen, LRPC2_ERR_TIMEOUT},
         {"silent after two answer bytes",
          [](int fd) { return kvtest::writeFully(fd, "\1\0", 2) ? stayOpen(fd) : 12; },
-         LRPC2_ERR_TIMEOUT},
-    };
+         LRPC2_ERR_TIMEOUT}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         TempDir dir;
@@ -186,8 +185,7 @@ TEST(Lrpc2Connect, UnusablePaths) {
         {nullptr, LRPC2_ERR_NOPATH},         {"", LRPC2_ERR_NOPATH},
         {"relative/sock", LRPC2_ERR_NOPATH}, {too_long.c_str(), LRPC2_ERR_NOPATH},
         {fits.c_str(), LRPC2_ERR_OPEN},      {"/nonexistent/kvconn/sock", LRPC2_ERR_OPEN},
-        {stale.c_str(), LRPC2_ERR_OPEN},     {directory.c_str(), LRPC2_ERR_OPEN},
-    };
+        {stale.c_str(), LRPC2_ERR_OPEN},     {directory.c_str(), LRPC2_ERR_OPEN}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path != nullptr ? c.path : "(null)");
         int32_t status = -1;

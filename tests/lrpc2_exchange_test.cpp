@@ -130,8 +130,7 @@ TEST(Lrpc2Exchange, ScriptedReplies) {
          0},
         {"byte-swapped magic", frame(0x1280CDAB, 11, {20, 0, 0}), LRPC2_ERR_SOCKET, 0},
         {"id outside the table", frame(LRPC2_MAGIC, 11, {0xE7, 0x03, 0}), 0, 0},
-        {"on a high descriptor", frame(LRPC2_MAGIC, 11, {20, 0, 0}), 0, high},
-    };
+        {"on a high descriptor", frame(LRPC2_MAGIC, 11, {20, 0, 0}), 0, high}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         int sv[2];
@@ -235,8 +234,7 @@ TEST(Lrpc2Auth, DialogueOutcomes) {
         {files.file("fifo"), LRPC2_ERR_AUTH},
         {files.file("link"), LRPC2_ERR_AUTH},
         {files.file("missing"), LRPC2_ERR_AUTH},
-        {"/dev/null", LRPC2_ERR_AUTH},
-    };
+        {"/dev/null", LRPC2_ERR_AUTH}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.second + " " + c.change + (c.daemon.empty() ? "" : " " + c.daemon[0]));
         TempDir dir;
@@ -286,8 +284,7 @@ TEST(Lrpc2Auth, PeerIdentity) {
         {"root worker per connection", 0, 0, 0, {"--shape=fork"}, true},
         {"worker serving as another user", 0, 0, LRPC2_ERR_AUTH, forked, true},
         {"activated root server", 0, 0, 0, {"--shape=activation"}, true},
-        {"activated server of another user", 0, 0, LRPC2_ERR_AUTH, activated, true},
-    };
+        {"activated server of another user", 0, 0, LRPC2_ERR_AUTH, activated, true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         TempDir dir;
@@ -341,8 +338,7 @@ TEST(Lrpc2Auth, SenderOfTheLastFrame) {
         {"reply from two processes", 20, true, false, 0, LRPC2_ERR_NOIDENTITY},
         {"reply over pipes", 20, false, true, 0, LRPC2_ERR_NOIDENTITY},
         {"challenge from two processes", 1, true, false, LRPC2_ERR_AUTH, LRPC2_ERR_NOIDENTITY},
-        {"challenge over pipes", 1, false, true, LRPC2_ERR_AUTH, LRPC2_ERR_NOIDENTITY},
-    };
+        {"challenge over pipes", 1, false, true, LRPC2_ERR_AUTH, LRPC2_ERR_NOIDENTITY}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         int down[2];
@@ -472,8 +468,7 @@ TEST(Lrpc2AuthWipe, NothingSecretStaysInFreedMemory) {
         {"second proof contents", content2.substr(0, 32)},
         {"first proof path", path1},
         {"second proof path", path2},
-        {"secure request and reply", secret},
-    };
+        {"secure request and reply", secret}};
     for (const auto& w : watched) {
         SCOPED_TRACE(w.first);
         const Seen seen = stopWatching(daemon, secret, w.second);

@@ -129,8 +129,7 @@ TEST(Lrpc2MsgEncoding, FieldImages) {
              EXPECT_EQ(lrpc2_add_string(m, "x"), 0);
              EXPECT_EQ(lrpc2_put_uint32(m, 5), 0);
          },
-         {7, 1, 0, 0, 0, 1, 0, 0, 0, 'x', 3, 5, 0, 0, 0}},
-    };
+         {7, 1, 0, 0, 0, 1, 0, 0, 0, 'x', 3, 5, 0, 0, 0}}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         Msg m(create());
@@ -159,8 +158,7 @@ const std::vector<std::pair<const char*, std::function<int32_t(lrpc2_msg*)>>>& b
         {"put_kv_set", [](lrpc2_msg* m) { return lrpc2_put_kv_set(m, kPairs); }},
         {"begin_kv_set", [](lrpc2_msg* m) { return lrpc2_begin_kv_set(m); }},
         {"add_kv", [](lrpc2_msg* m) { return lrpc2_add_kv(m, "k", "v"); }},
-        {"complete", [](lrpc2_msg* m) { return lrpc2_msg_complete(m); }},
-    };
+        {"complete", [](lrpc2_msg* m) { return lrpc2_msg_complete(m); }}};
     return ops;
 }
 
@@ -186,8 +184,7 @@ const std::vector<std::pair<const char*, std::function<int32_t(lrpc2_msg*)>>>& r
         {"get_string_set", [](lrpc2_msg* m) { return lrpc2_get_string_set(m, &outs.ss); }},
         {"get_kv_set", [](lrpc2_msg* m) { return lrpc2_get_kv_set(m, &outs.kv); }},
         {"msg_id", [](lrpc2_msg* m) { return lrpc2_msg_id(m, &outs.u); }},
-        {"next_type", [](lrpc2_msg* m) { return lrpc2_msg_next_type(m, &outs.u); }},
-    };
+        {"next_type", [](lrpc2_msg* m) { return lrpc2_msg_next_type(m, &outs.u); }}};
     return ops;
 }
 
@@ -240,8 +237,7 @@ TEST(Lrpc2MsgState, FailingOperationsFailTheMessage) {
          },
          [](lrpc2_msg* m) { return lrpc2_add_string(m, "x"); }, LRPC2_MSG_NOSET},
         {"kv pair of two nulls", [](lrpc2_msg* m) { EXPECT_EQ(lrpc2_begin_kv_set(m), 0); },
-         [](lrpc2_msg* m) { return lrpc2_add_kv(m, nullptr, nullptr); }, LRPC2_MSG_BADTYPE},
-    };
+         [](lrpc2_msg* m) { return lrpc2_add_kv(m, nullptr, nullptr); }, LRPC2_MSG_BADTYPE}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         Msg m(create());
@@ -322,8 +318,7 @@ TEST(Lrpc2MsgValidate, Bodies) {
          {10, 0, 7, 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0},
          1},
         {"kv count doubling past 32 bits", {10, 0, 8, 0, 0, 0, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 0},
-        {"kv pair missing its value", {10, 0, 8, 1, 0, 0, 0, 0, 0, 0, 0, 0}, 0},
-    };
+        {"kv pair missing its value", {10, 0, 8, 1, 0, 0, 0, 0, 0, 0, 0, 0}, 0}};
     for (const Case& c : cases) {
         EXPECT_EQ(lrpc2_msg_validate(c.body.data(), static_cast<uint32_t>(c.body.size())), c.valid)
             << c.name;
@@ -371,20 +366,14 @@ struct Buf {
 
 TEST(Lrpc2Bytebuf, OverwriteStaysInsideTheWrittenBytes) {
     struct Case {
-        uint32_t offset;
-        uint32_t n;
+        uint32_t offset, n;
         bool ok;
         const char* after;
     };
-    const Case cases[] = {
-        {0, 4, true, "WXYZefgh"},
-        {4, 4, true, "abcdWXYZ"},
-        {5, 4, false, "abcdefgh"},
-        {8, 0, true, "abcdefgh"},
-        {9, 0, false, "abcdefgh"},
-        {0xFFFFFFFFu, 4, false, "abcdefgh"},
-        {4, 0xFFFFFFFDu, false, "abcdefgh"},
-    };
+    const Case cases[] = {{0, 4, true, "WXYZefgh"},           {4, 4, true, "abcdWXYZ"},
+                          {5, 4, false, "abcdefgh"},          {8, 0, true, "abcdefgh"},
+                          {9, 0, false, "abcdefgh"},          {0xFFFFFFFFu, 4, false, "abcdefgh"},
+                          {4, 0xFFFFFFFDu, false, "abcdefgh"}};
     for (const Case& c : cases) {
         Buf buf;
         ASSERT_NE(bytebuf_append_str(&buf.b, "abcdefgh"), nullptr);

@@ -21,20 +21,17 @@ TEST(Lrpc2Table, Lookups) {
     struct Case {
         uint32_t id;
         const char* name;
-        int secure;
-        int both;
+        int secure, both;
     };
-    const Case cases[] = {
-        {0, "DISCONNECT", 0, 0},
-        {1, "_ProcessAuthChallenge", 0, 0},
-        {2, "_ProcessAuthResponse", 0, 0},
-        {20, "KVStop", 1, 1},
-        {120, "KVReloadProps", 1, 1},
-        {3, nullptr, 0, 0},
-        {32, nullptr, 0, 0},
-        {121, nullptr, 0, 0},
-        {0xFFFFFFFFu, nullptr, 0, 0},
-    };
+    const Case cases[] = {{0, "DISCONNECT", 0, 0},
+                          {1, "_ProcessAuthChallenge", 0, 0},
+                          {2, "_ProcessAuthResponse", 0, 0},
+                          {20, "KVStop", 1, 1},
+                          {120, "KVReloadProps", 1, 1},
+                          {3, nullptr, 0, 0},
+                          {32, nullptr, 0, 0},
+                          {121, nullptr, 0, 0},
+                          {0xFFFFFFFFu, nullptr, 0, 0}};
     for (const Case& c : cases) {
         const char* name = lrpc2_table_name(t, c.id);
         if (c.name == nullptr) {

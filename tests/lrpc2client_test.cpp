@@ -56,19 +56,17 @@ TEST(SessionTest, TypedQueriesReadTheDaemonsAnswers) {
     EXPECT_EQ(client.reloadProperties(&failure), 501);
     EXPECT_EQ(failure, "Unable to send lrpc2 message: 404 (Socket closed)");
 
-    EXPECT_EQ(daemon.log(), (std::vector<std::string>{
-                                std::string("1 ") + kHello,
-                                "1 " + emptyRequest("50"),  // 80
-                                "1 " + emptyRequest("5a"),  // 90
-                                "1 " + emptyRequest("5b"),  // 91
-                                "1 " + emptyRequest("64"),  // 100
-                                "1 " + emptyRequest("6e"),  // 110
-                                "1 " + emptyRequest("78"),  // 120
-                                "1 " + emptyRequest("0a"),  // 10
-                                "1 " + emptyRequest("14"),  // 20
-                                std::string("2 ") + kHello,
-                                "2 " + emptyRequest("0a"),
-                            }));
+    EXPECT_EQ(daemon.log(),
+              (std::vector<std::string>{std::string("1 ") + kHello,
+                                        "1 " + emptyRequest("50"),  // 80
+                                        "1 " + emptyRequest("5a"),  // 90
+                                        "1 " + emptyRequest("5b"),  // 91
+                                        "1 " + emptyRequest("64"),  // 100
+                                        "1 " + emptyRequest("6e"),  // 110
+                                        "1 " + emptyRequest("78"),  // 120
+                                        "1 " + emptyRequest("0a"),  // 10
+                                        "1 " + emptyRequest("14"),  // 20
+                                        std::string("2 ") + kHello, "2 " + emptyRequest("0a")}));
 }
 
 enum Reached { kNone, kSock, kAudit, kDefault };
@@ -94,8 +92,7 @@ TEST(SessionTest, SocketPathFromDataDirectoryAndName) {
         {"relative directory", "kvd.data.dir=srv\nkvd.socket=sock\n", "srv/sock", kNone},
         // Set but unexpandable (no host settings here): no path, no fallback to the default.
         {"unexpandable directory", "kvd.data.dir=$JOINNAME\nkvd.socket=audit\n", "", kNone},
-        {"unexpandable name", "kvd.data.dir=/var/zantorkv\nkvd.socket=$SITE\n", "", kNone},
-    };
+        {"unexpandable name", "kvd.data.dir=/var/zantorkv\nkvd.socket=$SITE\n", "", kNone}};
     kvtest::TempDir auditLog, defaultLog;
     kvtest::Kvdsim sock(dir, {});
     kvtest::Kvdsim audit(auditLog, {}, {}, dir.file("audit"));

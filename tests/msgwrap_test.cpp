@@ -85,8 +85,7 @@ TEST(Lrpc2MessageFields, ReceivedBoolIsTrueForAnyNonZeroByte) {
 struct ReaderCase {
     const char* name;
     std::function<void(Lrpc2Message&)> read;
-    const char* endText;
-    const char* errorText;
+    const char *endText, *errorText;
 };
 
 const std::vector<ReaderCase>& readerCases() {
@@ -100,8 +99,7 @@ const std::vector<ReaderCase>& readerCases() {
         {"string", [](Lrpc2Message& m) { m.readString(); }, "No more data while reading String",
          "Error reading string from request message"},
         {"blob", [](Lrpc2Message& m) { m.readBlob(); }, "No more data while reading blob",
-         "Error reading blob from request message"},
-    };
+         "Error reading blob from request message"}};
     return cases;
 }
 
@@ -139,8 +137,7 @@ TEST(Lrpc2MessageWriters, RefusedWritesThrowWithTheStatus) {
          [](Lrpc2Message& m) { m.writeStringSet({}); }},
         {"Unable to begin writing key-value set to the reply message",
          [](Lrpc2Message& m) { m.writeKeyValueSet({}); }},
-        {"Unable to complete reply message", [](Lrpc2Message& m) { m.complete(); }},
-    };
+        {"Unable to complete reply message", [](Lrpc2Message& m) { m.complete(); }}};
     for (const auto& c : cases) {
         Lrpc2Message done(LRPC2_ID_KV_PING, table());
         done.complete();

@@ -137,8 +137,8 @@ TEST(OsportCachedDns, DownStateExpires) {
 
 }  // namespace
 
-// Every case writes its own /etc/hosts, /etc/resolv.conf and /etc/nsswitch.conf (no lookup reaches a
-// real name server) and reads the "dns.state" records on its own /dev/log.
+// Every case writes its own /etc/hosts, /etc/resolv.conf and /etc/nsswitch.conf (no lookup reaches
+// a real name server) and reads the "dns.state" records on its own /dev/log.
 namespace {
 
 const char* const kDown = "INFO  dns.state DNS is down";
@@ -246,19 +246,16 @@ TEST_F(OsportDns, ResolverErrorsBecomeHostErrors) {
 }
 
 struct Expected {
-    std::string query;
-    std::string canonical;
+    std::string query, canonical;
     std::vector<std::string> addresses;
 };
 
 std::vector<Expected> lookups() {
-    return {
-        {"localhost", "localhost", {"127.0.0.1"}},
-        {"nick.test", "official.test", {"10.0.0.1"}},
-        {"multi.test", "multi.test", numbered("10.1.0.", 1, 40)},
-        {"10.3.2.1", "10.3.2.1", {"10.3.2.1"}},
-        {longName(), longName(), {"10.7.0.1"}},
-    };
+    return {{"localhost", "localhost", {"127.0.0.1"}},
+            {"nick.test", "official.test", {"10.0.0.1"}},
+            {"multi.test", "multi.test", numbered("10.1.0.", 1, 40)},
+            {"10.3.2.1", "10.3.2.1", {"10.3.2.1"}},
+            {longName(), longName(), {"10.7.0.1"}}};
 }
 
 // Checks a filled record against the expected answer and that all it points to lies

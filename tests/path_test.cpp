@@ -37,23 +37,20 @@ struct ParseCase {
     const char* text;
     bool absolute;
     std::vector<std::string> dirs;
-    const char* name;
-    const char* systemForm;
+    const char *name, *systemForm;
 };
 
 TEST(PathParse, ComponentsAndSystemForm) {
-    const ParseCase cases[] = {
-        {"/var/lib/x", true, {"var", "lib"}, "x", "/var/lib/x"},
-        {"/var/lib/", true, {"var", "lib"}, "", "/var/lib"},
-        {"a", false, {}, "a", "a"},
-        {"a//b/", false, {"a", "b"}, "", "a/b"},
-        {"C:\\x\\y", false, {"C:", "x"}, "y", "C:/x/y"},
-        {"/", true, {}, "", "/"},
-        {"//etc", true, {}, "etc", "/etc"},
-        {"/tmp/my dir/f", true, {"tmp", "my dir"}, "f", "/tmp/my_dir/f"},
-        {"a/ b", false, {"a"}, " b", "a/_b"},
-        {"./x/../y", false, {".", "x", ".."}, "y", "./x/../y"},
-    };
+    const ParseCase cases[] = {{"/var/lib/x", true, {"var", "lib"}, "x", "/var/lib/x"},
+                               {"/var/lib/", true, {"var", "lib"}, "", "/var/lib"},
+                               {"a", false, {}, "a", "a"},
+                               {"a//b/", false, {"a", "b"}, "", "a/b"},
+                               {"C:\\x\\y", false, {"C:", "x"}, "y", "C:/x/y"},
+                               {"/", true, {}, "", "/"},
+                               {"//etc", true, {}, "etc", "/etc"},
+                               {"/tmp/my dir/f", true, {"tmp", "my dir"}, "f", "/tmp/my_dir/f"},
+                               {"a/ b", false, {"a"}, " b", "a/_b"},
+                               {"./x/../y", false, {".", "x", ".."}, "y", "./x/../y"}};
     for (const ParseCase& c : cases) {
         SCOPED_TRACE(c.text);
         const path fromText(c.text);

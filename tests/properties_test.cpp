@@ -50,60 +50,56 @@ class PropertiesTest : public ::testing::Test {
 };
 
 struct LineCase {
-    const char* line;
-    const char* key;
-    const char* value;
+    const char *line, *key, *value;
 };
 
 TEST_F(PropertiesTest, LinesAndValuesWithExpansion) {
     writeFile("/var/zantormx/kset.host", "myhost\n");
     setenv("PROPS_TEST_HOME", "/home/t", 1);
     setenv("PROPS_TEST_QUOTED", "\"a\\tb\"", 1);
-    const LineCase cases[] = {
-        {"a=1", "a", "1"},
-        {"a:1", "a", "1"},
-        {"a 1", "a", "1"},
-        {"a:=1", "a", "1"},
-        {"a==1", "a", "=1"},
-        {"a =1", "a", "1"},
-        {"  a=1", "a", "1"},
-        {"a\t=\t1", "a", "1"},
-        {"a : 1", "a", ": 1"},
-        {"a=", "a", ""},
-        {"a", "a", ""},
-        {" #x=1", "#x", "1"},
-        {"  # text", "#", "text"},
-        {"key\\ name=v", "key name", "v"},
-        {"a\\:b=c", "a:b", "c"},
-        {"a=x\\,y", "a", "x,y"},
-        {"a=\"b  c\"", "a", "b  c"},
-        {"a=b   c", "a", "b c"},
-        {"a=b \t\f c  ", "a", "b c"},
-        {"a='x\\ty'", "a", "x\ty"},
-        {"a=x\\ty", "a", "x\ty"},
-        {"a=x\\\\ty", "a", "x\\ty"},
-        {"a=\"x\\\"y\"", "a", "x\"y"},
-        {"a=\"x\\\"  y\"", "a", "x\"  y"},
-        {"a=\"it's\"   b", "a", "\"it's\" b"},
-        {"a=\"b\" \"c\"", "a", "\"b\" \"c\""},
-        {"a=x\\ ", "a", "x "},
-        {"a=\\\\", "a", "\\"},
-        {"'qk'=v", "qk", "v"},
-        {"a=1 # not a comment", "a", "1 # not a comment"},
-        {"a=x\r", "a", "x"},
-        {"h=$JOINNAME", "h", "myhost"},
-        {"q=$PROPS_TEST_QUOTED", "q", "a\tb"},
-        {"p=$PROPS_TEST_HOME/x", "p", "/home/t/x"},
-        {"c='$a'", "c", "$a"},
-        {"d=\\$a", "d", "$a"},
-        {"e=$nosuch", "e", ""},
-        {"f=\"$PROPS_TEST_HOME\"", "f", "/home/t"},
-        {"g=a$", "g", "a"},
-        {"m=a$:b", "m", "a:b"},
-        {"n=$9abc", "n", "abc"},
-        {"w=$$", "w", ""},
-        {"v=${PROPS_TEST_HOME}", "v", "{PROPS_TEST_HOME}"},
-    };
+    const LineCase cases[] = {{"a=1", "a", "1"},
+                              {"a:1", "a", "1"},
+                              {"a 1", "a", "1"},
+                              {"a:=1", "a", "1"},
+                              {"a==1", "a", "=1"},
+                              {"a =1", "a", "1"},
+                              {"  a=1", "a", "1"},
+                              {"a\t=\t1", "a", "1"},
+                              {"a : 1", "a", ": 1"},
+                              {"a=", "a", ""},
+                              {"a", "a", ""},
+                              {" #x=1", "#x", "1"},
+                              {"  # text", "#", "text"},
+                              {"key\\ name=v", "key name", "v"},
+                              {"a\\:b=c", "a:b", "c"},
+                              {"a=x\\,y", "a", "x,y"},
+                              {"a=\"b  c\"", "a", "b  c"},
+                              {"a=b   c", "a", "b c"},
+                              {"a=b \t\f c  ", "a", "b c"},
+                              {"a='x\\ty'", "a", "x\ty"},
+                              {"a=x\\ty", "a", "x\ty"},
+                              {"a=x\\\\ty", "a", "x\\ty"},
+                              {"a=\"x\\\"y\"", "a", "x\"y"},
+                              {"a=\"x\\\"  y\"", "a", "x\"  y"},
+                              {"a=\"it's\"   b", "a", "\"it's\" b"},
+                              {"a=\"b\" \"c\"", "a", "\"b\" \"c\""},
+                              {"a=x\\ ", "a", "x "},
+                              {"a=\\\\", "a", "\\"},
+                              {"'qk'=v", "qk", "v"},
+                              {"a=1 # not a comment", "a", "1 # not a comment"},
+                              {"a=x\r", "a", "x"},
+                              {"h=$JOINNAME", "h", "myhost"},
+                              {"q=$PROPS_TEST_QUOTED", "q", "a\tb"},
+                              {"p=$PROPS_TEST_HOME/x", "p", "/home/t/x"},
+                              {"c='$a'", "c", "$a"},
+                              {"d=\\$a", "d", "$a"},
+                              {"e=$nosuch", "e", ""},
+                              {"f=\"$PROPS_TEST_HOME\"", "f", "/home/t"},
+                              {"g=a$", "g", "a"},
+                              {"m=a$:b", "m", "a:b"},
+                              {"n=$9abc", "n", "abc"},
+                              {"w=$$", "w", ""},
+                              {"v=${PROPS_TEST_HOME}", "v", "{PROPS_TEST_HOME}"}};
     for (const LineCase& c : cases) {
         SCOPED_TRACE(c.line);
         const auto props = storeOf(std::string(c.line) + "\n");
@@ -130,13 +126,10 @@ TEST_F(PropertiesTest, GettersAndEarlierKeys) {
     EXPECT_EQ(props->getInt("absent", 3), 3);
     const struct {
         const char* key;
-        bool withFalse;
-        bool withTrue;
-    } bools[] = {
-        {"b1", true, true},   {"b2", false, true},  {"b3", false, false},
-        {"b4", true, true},   {"b5", false, false}, {"b6", false, true},
-        {"b7", false, false}, {"b8", true, true},   {"absent", false, true},
-    };
+        bool withFalse, withTrue;
+    } bools[] = {{"b1", true, true},   {"b2", false, true},  {"b3", false, false},
+                 {"b4", true, true},   {"b5", false, false}, {"b6", false, true},
+                 {"b7", false, false}, {"b8", true, true},   {"absent", false, true}};
     for (const auto& b : bools) {
         EXPECT_EQ(props->getBool(b.key, false), b.withFalse) << b.key;
         EXPECT_EQ(props->getBool(b.key, true), b.withTrue) << b.key;
@@ -164,8 +157,7 @@ TEST_F(PropertiesTest, KeysOfAnEarlierParse) {
 // joined line after each continuation, or keeping the file and each entry twice, took.
 TEST_F(PropertiesTest, LinearInTheInput) {
     TempDir dir;
-    std::string joined;
-    std::string continued;
+    std::string joined, continued;
     for (int i = 0; i < 1000000; ++i) {
         continued += "a\\\n";
         joined += "a ";
@@ -187,8 +179,7 @@ TEST_F(PropertiesTest, LinearInTheInput) {
     const Case cases[] = {
         {"a million continuation lines", "k=" + continued + "end\n", "k", joined + "end", 1, 0},
         {"8 MB of distinct keys", distinct, "key.00319999", "value319999", 320000,
-         static_cast<long>(distinct.size() * 8 / 1024)},
-    };
+         static_cast<long>(distinct.size() * 8 / 1024)}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string path = dir.write("big.conf", c.text);
@@ -211,11 +202,9 @@ TEST_F(PropertiesTest, LinearInTheInput) {
 TEST_F(PropertiesTest, Lists) {
     TempDir dir;
     const std::string items = dir.write("items", "  one  \n\n# c\n!c\n\"a\\tb\"\n'x y'\n");
-    const std::pair<std::string, StringList> cases[] = {
-        {"a, b,c", {"a", "b", "c"}},
-        {"'a b' c", {"a b", "c"}},
-        {"file:" + items, {"one", "a\tb", "x y"}},
-    };
+    const std::pair<std::string, StringList> cases[] = {{"a, b,c", {"a", "b", "c"}},
+                                                        {"'a b' c", {"a b", "c"}},
+                                                        {"file:" + items, {"one", "a\tb", "x y"}}};
     for (const auto& c : cases) {
         EXPECT_EQ(*storeOf("l=" + c.first + "\n")->getList("l"), c.second) << c.first;
     }
@@ -227,27 +216,25 @@ TEST(PropertiesEscape, ValuesInFileSyntax) {
         bool escapeDollars;
         const char* escaped;
     };
-    const Case cases[] = {
-        {"plain", false, "plain"},
-        {"a b", false, "\"a b\""},
-        {"a, b", false, "\"a, b\""},
-        {"a,b", false, "a\\,b"},
-        {"x\"y", false, "x\\\"y"},
-        {"it's", false, "it\\'s"},
-        {"a\\b", false, "a\\\\b"},
-        {"\t", false, "\\t"},
-        {"1\n2\r3\v4\f", false, "1\\n2\\r3\\v4\\f"},
-        {"$$", false, "\\$"},
-        {"$HOME$", false, "$HOME"},
-        {"$A$B", false, "$A\\B"},
-        {"$A$/b", false, "$A/b"},
-        {"$A$_b", false, "$A\\_b"},
-        {"x$", false, "x$"},
-        {"$$", true, "\\$\\$"},
-        {"$HOME$", true, "\\$HOME\\$"},
-        {"a $b", true, "\"a \\$b\""},
-        {"", false, ""},
-    };
+    const Case cases[] = {{"plain", false, "plain"},
+                          {"a b", false, "\"a b\""},
+                          {"a, b", false, "\"a, b\""},
+                          {"a,b", false, "a\\,b"},
+                          {"x\"y", false, "x\\\"y"},
+                          {"it's", false, "it\\'s"},
+                          {"a\\b", false, "a\\\\b"},
+                          {"\t", false, "\\t"},
+                          {"1\n2\r3\v4\f", false, "1\\n2\\r3\\v4\\f"},
+                          {"$$", false, "\\$"},
+                          {"$HOME$", false, "$HOME"},
+                          {"$A$B", false, "$A\\B"},
+                          {"$A$/b", false, "$A/b"},
+                          {"$A$_b", false, "$A\\_b"},
+                          {"x$", false, "x$"},
+                          {"$$", true, "\\$\\$"},
+                          {"$HOME$", true, "\\$HOME\\$"},
+                          {"a $b", true, "\"a \\$b\""},
+                          {"", false, ""}};
     for (const Case& c : cases) {
         EXPECT_EQ(Properties::escapeValue(c.value, c.escapeDollars), c.escaped)
             << "value [" << c.value << "] escapeDollars " << c.escapeDollars;

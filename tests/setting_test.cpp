@@ -48,16 +48,14 @@ TEST_F(SettingTest, ReadKsetFileValues) {
     const struct {
         std::string content;
         const char* value;
-    } cases[] = {
-        {"dom1\n", "dom1"},
-        {"dom1", "dom1"},
-        {"  x  ", "x"},
-        {"", ""},
-        {"\n", ""},
-        {"a b c", "a b c"},
-        {std::string(1024, 'v'), nullptr},
-        {"caf\xc3\xa9", "caf\xc3\xa9"},
-    };
+    } cases[] = {{"dom1\n", "dom1"},
+                 {"dom1", "dom1"},
+                 {"  x  ", "x"},
+                 {"", ""},
+                 {"\n", ""},
+                 {"a b c", "a b c"},
+                 {std::string(1024, 'v'), nullptr},
+                 {"caf\xc3\xa9", "caf\xc3\xa9"}};
     for (const auto& c : cases) {
         writeFile(kDir + "kset.k", c.content);
         const std::string expected = c.value != nullptr ? c.value : c.content;
@@ -142,8 +140,7 @@ TEST_F(SettingTest, VerifyKeySets) {
         {"h", "NULL", "", ""},
         {"h", "NULL_AUTO", autoZone, ""},
         {"h", "NULL_AUTO", "00112233445566778899aabbccddeef0",
-         "Incorrect key sets of zone guid for auto zone."},
-    };
+         "Incorrect key sets of zone guid for auto zone."}};
     for (const auto& c : cases) {
         forget();
         zfw::writeKsetFile("host", c[0], 0);

@@ -12,16 +12,13 @@ using zfw::StringList;
 
 TEST(StrUtil, Trim) {
     const struct {
-        std::string in;
-        std::string out;
-    } cases[] = {
-        {" \ta b\n", "a b"},
-        {"\r\v\fx\f\v\r", "x"},
-        {"", ""},
-        {" \t\n\r\v\f", ""},
-        {"abc", "abc"},
-        {std::string("\0a\0", 3), std::string("\0a\0", 3)},
-    };
+        std::string in, out;
+    } cases[] = {{" \ta b\n", "a b"},
+                 {"\r\v\fx\f\v\r", "x"},
+                 {"", ""},
+                 {" \t\n\r\v\f", ""},
+                 {"abc", "abc"},
+                 {std::string("\0a\0", 3), std::string("\0a\0", 3)}};
     for (const auto& c : cases) {
         EXPECT_EQ(zfw::trim(c.in), c.out) << '"' << c.in << '"';
     }
@@ -29,17 +26,14 @@ TEST(StrUtil, Trim) {
 
 TEST(StrUtil, Tokenize) {
     const struct {
-        const char* text;
-        const char* delimiters;
+        const char *text, *delimiters;
         std::vector<std::string> tokens;
-    } cases[] = {
-        {",a,,b,", ",", {"a", "b"}},
-        {"a b\tc", " \t", {"a", "b", "c"}},
-        {"", ",", {}},
-        {",,,", ",", {}},
-        {"abc", "", {"abc"}},
-        {"abc", ",", {"abc"}},
-    };
+    } cases[] = {{",a,,b,", ",", {"a", "b"}},
+                 {"a b\tc", " \t", {"a", "b", "c"}},
+                 {"", ",", {}},
+                 {",,,", ",", {}},
+                 {"abc", "", {"abc"}},
+                 {"abc", ",", {"abc"}}};
     for (const auto& c : cases) {
         StringList out{"kept"};
         zfw::tokenize(c.text, c.delimiters, out);
@@ -53,11 +47,9 @@ TEST(StrUtil, ParseUnsigned) {
     const struct {
         const char* text;
         uint32_t value;
-    } cases[] = {
-        {"0x10", 16},    {"010", 8}, {"4294967297", 1}, {"4294967295", 4294967295u},
-        {"  42abc", 42}, {"", 0},    {"junk", 0},       {"-1", 4294967295u},
-        {"0XFF", 255},   {"09", 0},
-    };
+    } cases[] = {{"0x10", 16},    {"010", 8}, {"4294967297", 1}, {"4294967295", 4294967295u},
+                 {"  42abc", 42}, {"", 0},    {"junk", 0},       {"-1", 4294967295u},
+                 {"0XFF", 255},   {"09", 0}};
     for (const auto& c : cases) {
         EXPECT_EQ(zfw::parseUnsigned(c.text), c.value) << c.text;
     }

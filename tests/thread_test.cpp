@@ -113,8 +113,7 @@ TEST(Thread, StackSizeFromProperties) {
         {"-4096", 0, nullptr},
         {"1048576", 1048576, "DEBUG util.thread Set the pthread stack size to 1048576"},
         {"1572864 bytes", 1572864, "DEBUG util.thread Set the pthread stack size to 1572864"},
-        {"1", 0, "DEBUG util.thread Failed to set the thread stack size, using system default"},
-    };
+        {"1", 0, "DEBUG util.thread Failed to set the thread stack size, using system default"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string("stacksize '") + c.value + "'");
         kvtest::useProperties(std::string("log.util.thread=DEBUG\nzfw.clients.threads.stacksize=") +

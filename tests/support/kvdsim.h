@@ -37,8 +37,7 @@ class Kvdsim {
     int terminate();
 
   private:
-    std::string m_socket;
-    std::string m_log;
+    std::string m_socket, m_log;
     pid_t m_pid = -1;
     int m_status = -1;
     bool m_ready = false;

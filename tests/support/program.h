@@ -14,8 +14,7 @@ bool writeDaemonConfig(const std::string& text);
 
 struct ProgramResult {
     int status = -1;  // exit status, or 128 + the signal that ended it
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 // Runs `argv` (argv[0] a path, relative to `cwd` when that is given) to its end with
