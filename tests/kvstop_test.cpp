@@ -1,7 +1,6 @@
-// kvstop end to end: the real binary against the simulated daemon, each case in
-// namespaces of its own with its own "/etc/zantorkv/zantorkv.conf" and socket directory.
-// With KV_VALGRIND set (the "valgrind" tests) kvstop runs under valgrind, which must find
-// no memory error and no leak.
+// kvstop end to end: the real binary against the simulated daemon, each case in namespaces of its
+// own with its own "/etc/zantorkv/zantorkv.conf" and socket directory. With KV_VALGRIND set (the
+// "valgrind" tests) kvstop runs under valgrind, which must find no memory error and no leak.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -246,9 +245,8 @@ TEST(KvstopRefusals, NonRootOrArgumentsSeeOnlyTheRefusal) {
 
 // The log follows "/etc/zantorkv/zantorkv.conf" as the properties store reads it. The success
 // record is the first of the run: it passes its level check and gets its facility before the
-// properties are loaded (while it is delivered), so it always goes out at INFO to "auth".
-// Records logged during that load (the listing, complaints) already follow
-// "logger.openlog.kvstop".
+// properties are loaded (while it is delivered), so it always goes out at INFO to "auth". Records
+// logged during that load (the listing, complaints) already follow "logger.openlog.kvstop".
 const std::string kSuccess =
     "<38> kvstop[pid]: INFO  zkv.cli.kvstop Zantor Kavelo daemon stopped successfully.";
 const std::string kListing = " kvstop[pid]: TRACE util.properties property: ";

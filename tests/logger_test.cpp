@@ -218,10 +218,9 @@ TEST_F(LogConfigTest, ComplaintsUnderTheLoadDecideAboutOpenlog) {
 
 }  // namespace
 
-// The log queue and its background thread, writing real syslog datagrams to a private
-// "/dev/log": a size of 0 keeps delivery direct; overflow while syslog blocks drops records
-// with the warning in their place, and stopQueue writes what is still queued. Every case
-// runs in private namespaces.
+// The log queue and its background thread, writing real syslog datagrams to a private "/dev/log": a
+// size of 0 keeps delivery direct; overflow while syslog blocks drops records with the warning in
+// their place, and stopQueue writes what is still queued. Every case runs in private namespaces.
 namespace {
 
 const char kDropWarning[] =

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -46,12 +47,19 @@ void dieWithParent(pid_t parent) {
     }
 }
 
-BoundedRun runBounded(const std::function<int()>& body, int cpuSeconds) {
-    BoundedRun run = {-1, -1};
+void expectBounded(const std::function<int()>& body, long maxGrowthKb) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    maxGrowthKb = 0;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    maxGrowthKb = 0;
+#endif
+#endif
+    const int cpuSeconds = 20;
+    int status = -1;
+    long growthKb = -1;
     int growth[2];
-    if (pipe2(growth, O_CLOEXEC) != 0) {
-        return run;
-    }
+    ASSERT_EQ(pipe2(growth, O_CLOEXEC), 0);
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
@@ -69,13 +77,17 @@ BoundedRun runBounded(const std::function<int()>& body, int cpuSeconds) {
     }
     close(growth[1]);
     if (pid > 0) {
-        run.status = waitExitWithin(pid, 10 * cpuSeconds + 10);
-        if (!readFully(growth[0], &run.growthKb, sizeof run.growthKb)) {
-            run.growthKb = -1;
+        status = waitExitWithin(pid, 10 * cpuSeconds + 10);
+        if (!readFully(growth[0], &growthKb, sizeof growthKb)) {
+            growthKb = -1;
         }
     }
     close(growth[0]);
-    return run;
+    EXPECT_EQ(status, 0);
+    if (maxGrowthKb != 0) {
+        EXPECT_GT(growthKb, 0);
+        EXPECT_LE(growthKb, maxGrowthKb);
+    }
 }
 
 int waitExitWithin(pid_t pid, int seconds) {

@@ -42,32 +42,11 @@ void sleepMs(int ms);
 // test leaves anything running, whether it passes, fails or is killed for its time limit.
 void dieWithParent(pid_t parent);
 
-// Memory figures are the C library allocator's; a sanitizer's runtime replaces it (redzones,
-// quarantine, shadow memory), so they mean nothing there.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kLibcAllocator = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kLibcAllocator = false;
-#else
-constexpr bool kLibcAllocator = true;
-#endif
-#else
-constexpr bool kLibcAllocator = true;
-#endif
-
-// What runBounded saw of its child: the exit status (128 + the signal that ended it, SIGXCPU
-// when it ran out of CPU time) and how far the child's peak resident size grew while the body
-// ran, in KiB (-1 when unknown).
-struct BoundedRun {
-    int status;
-    long growthKb;
-};
-
-// Runs `body` in a child process limited to `cpuSeconds` of CPU time: a bound against a
-// runaway, not a measurement. A child still running after 10 times that in real time, plus 10
-// seconds, is killed.
-BoundedRun runBounded(const std::function<int()>& body, int cpuSeconds);
+// Runs `body` in a child process limited to 20 s of CPU time (a bound against a runaway, not a
+// measurement; killed after 210 s of real time) and expects it to exit 0. With `maxGrowthKb`
+// (not 0), expects the child's peak resident size to grow while the body runs, by at most that
+// many KiB; only with the C library's allocator, since a sanitizer's runtime replaces it.
+void expectBounded(const std::function<int()>& body, long maxGrowthKb);
 
 // Waits up to `seconds` for `pid`, then kills it: its exit status, or 128 + the signal that
 // ended it (137 after the limit).

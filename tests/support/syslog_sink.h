@@ -1,6 +1,5 @@
-// A private system log for tests, whose "/dev" is their own (support/main.cpp): binds a
-// datagram socket at "/dev/log"
-// and reads the records that the C library's syslog sends there.
+// A private system log for tests, whose "/dev" is their own (support/main.cpp): binds a datagram
+// socket at "/dev/log" and reads the records that the C library's syslog sends there.
 #ifndef KV_TESTS_SUPPORT_SYSLOG_SINK_H
 #define KV_TESTS_SUPPORT_SYSLOG_SINK_H
 
@@ -21,11 +20,10 @@ struct SyslogRecord {
 
 class SyslogSink {
   public:
-    // Binds "/dev/log" (mode 0666) and starts reading it on a thread of its own, so that
-    // writers never block on a full socket queue. Outside a private /dev it fails the
-    // current test and binds nothing. A sink that is not `reading` reads nothing until
-    // startReading(): once ten datagrams wait (the system's queue length for datagram
-    // sockets), syslog() blocks.
+    // Binds "/dev/log" (mode 0666) and starts reading it on a thread of its own, so that writers
+    // never block on a full socket queue. Outside a private /dev it fails the current test and
+    // binds nothing. A sink that is not `reading` reads nothing until startReading(): once ten
+    // datagrams wait (the system's queue length for datagram sockets), syslog() blocks.
     explicit SyslogSink(bool reading = true);
     ~SyslogSink();
     SyslogSink(const SyslogSink&) = delete;

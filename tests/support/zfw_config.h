@@ -7,9 +7,8 @@
 
 namespace kvtest {
 
-// Replaces "/etc/zantorkv/zantorkv.conf" with text and reloads the process-wide properties,
-// which configures the loggers again. Fails the test, and writes nothing, outside a
-// private namespace.
+// Replaces "/etc/zantorkv/zantorkv.conf" with text and reloads the process-wide properties, which
+// configures the loggers again. Fails the test, and writes nothing, outside a private namespace.
 void useProperties(const std::string& text);
 
 }  // namespace kvtest
